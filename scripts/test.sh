@@ -1,0 +1,19 @@
+#!/usr/bin/env bash
+# The test command: installs what is missing, builds with AddressSanitizer and
+# UndefinedBehaviorSanitizer, runs every test, then runs the thread stress test
+# under ThreadSanitizer.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+. scripts/deps.sh
+kormo_install_deps
+
+jobs=$(nproc)
+cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=Debug -DKORMO_SANITIZE=ON -DKORMO_WERROR=ON
+cmake --build build/asan -j"$jobs"
+status=0
+ctest --test-dir build/asan --output-on-failure -j"$jobs" || status=$?
+
+if [ -x scripts/tsan.sh ]; then
+  scripts/tsan.sh || status=$?
+fi
+exit $status

@@ -1,0 +1,426 @@
+/*
+ * kormomav.h - the C interface of libkormomav.
+ *
+ * One stable interface in front of virus-scanning engines. A caller starts the
+ * library for one adapter with MavInit, takes instances from the handle (or a
+ * profile instance from the profile runtime), scans files and buffers, reads
+ * what was found, and ends the handle with MavEnd.
+ *
+ * Conventions:
+ *  - Every function that can fail returns a MAV_RC: 0 success, 1..32 a failure
+ *    of the call, -1..-6 a scan verdict (the scan ran; fetch its findings).
+ *    MavErrorName and MavErrorDescription give a text for every code.
+ *  - Where an argument is called "handle" it may be a handle (MAV_HANDLE), an
+ *    instance (MAV_INST) or a profile instance; records are told apart by their
+ *    size and marks, and a released record is refused with
+ *    MAV_E_INVALID_HANDLE.
+ *  - KORMO_CHAR is an 8-bit character in the process code page (UTF-8 unless
+ *    set otherwise with MavSetProcessCodePage).
+ *  - Text outputs are a buffer and the address of its size in KORMO_CHAR units.
+ *    A null buffer with a size pointer asks for the size needed
+ *    (3 x UTF-8 length + 3); a filled buffer gets the length written; on failure
+ *    the buffer is emptied and the size set to 0. A null size pointer skips the
+ *    text.
+ *  - All functions are thread safe; one instance scans on one thread at a time.
+ *
+ * This header compiles as C99 and as C++.
+ */
+#ifndef KORMOMAV_H
+#define KORMOMAV_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+
+#include "kormopel.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#ifndef MAV_API
+#define MAV_API __attribute__((visibility("default")))
+#endif
+
+/* ---- Basic types ------------------------------------------------------------ */
+
+typedef char KORMO_CHAR;
+typedef KORMO_CHAR KORMO_UC;
+
+/* Result of every call (see the codes below). */
+typedef int32_t MAV_RC;
+
+/* A started adapter; from MavInit, ended with MavEnd. */
+typedef void* MAV_HANDLE;
+/* A scan instance or a profile instance handle. */
+typedef void* MAV_INST;
+
+/* Program results (0 and up). */
+#define MAV_OK 0
+#define MAV_E_NO_SPACE 1
+#define MAV_E_NULL_PARAM 2
+#define MAV_E_INVALID_PARAM 3
+#define MAV_E_INVALID_HANDLE 4
+#define MAV_E_NOT_INITIALISED 5
+#define MAV_E_EXPIRED 6
+#define MAV_E_LOAD_FAILED 7
+#define MAV_E_BAD_EXPRESSION 8
+#define MAV_E_DRIVER_FAILED 9
+#define MAV_E_NOT_SUPPORTED 10
+#define MAV_E_INVALID_SCANOBJECT 11
+#define MAV_E_CIO_FAILED 12
+#define MAV_E_SCAN_FAILED 13
+#define MAV_E_NOT_SCANNED 14
+#define MAV_E_END_FAILED 15
+#define MAV_E_IN_PROGRESS 16
+#define MAV_E_CBC_TERMINATED 17
+#define MAV_E_PEL_LOAD_FAILED 18
+#define MAV_E_INVALID_PARAM_TYPE 19
+#define MAV_E_PARAM_UNSUPPORTED 20
+#define MAV_E_SCANPAR_UNSUPPORTED 21
+#define MAV_E_OBJPAR_UNSUPPORTED 22
+#define MAV_E_CONVERSION_FAILED 23
+#define MAV_E_XML_CONFIG_FAILED 24
+#define MAV_E_INVALID_ENUM_INDEX 25
+#define MAV_E_BUFFER_TOO_SHORT 26
+#define MAV_E_NO_SCANINFO 27
+#define MAV_E_NO_PROFILE_DEFINED 28
+#define MAV_E_PROFILE_NOT_FOUND 29
+#define MAV_E_PROFILE_NOT_ACTIVE 30
+#define MAV_E_PROFILE_NOT_VALID 31
+#define MAV_E_NO_DEFAULT_PROFILE 32
+/* Scan verdicts (below 0). */
+#define MAV_E_CLEAN_OK (-1)
+#define MAV_E_VIRUS_FOUND (-2)
+#define MAV_E_MACRO_FOUND (-3)
+#define MAV_E_PATTERN_FOUND (-4)
+#define MAV_E_CLEAN_FAILED (-5)
+#define MAV_E_BLOCKED_BY_POLICY (-6)
+
+/* Summary of one scan; struct_size must be 32. */
+typedef struct MAV_SCANINFO {
+    size_t struct_size;
+    uint32_t uiJobID;
+    uint32_t uiScanned;
+    uint32_t uiNotScanned;
+    uint32_t uiClean;
+    uint32_t uiInfections;
+    uint32_t uiScanErrors;
+} MAV_SCANINFO;
+
+/* Records handed to event handlers: the adapter's layouts, texts converted to
+ * KORMO_CHAR and valid for the duration of the handler call. */
+typedef PEL_VIRUSINFO MAV_VIRUSINFO;
+typedef PEL_SCANERROR MAV_SCANERROR;
+
+/* Single event handler: called for every message in the registered mask. */
+typedef VS_CALLRC (*MAV_EVENT_HANDLER)(MAV_INST inst, uint32_t message, void* data,
+                                       void* userData);
+/* Events-table handler. */
+typedef VS_CALLRC (*MAV_EVENT_FN)(MAV_INST inst, void* userData, void* data);
+
+/* Events table: one handler per message; null slots are not called.
+ * data: VIRUS/REPAIRED a MAV_VIRUSINFO*; NOTSCANNED/NOTREPAIRED a
+ * MAV_SCANERROR* (both routed to OnVirusNotRepaired); OBJECTFOUND/ERROR a
+ * KORMO_CHAR text; the others the adapter's value as an unsigned 32-bit number. */
+typedef struct MAV_EVENTS {
+    MAV_EVENT_FN OnVirusFound;       /* VS_M_VIRUS */
+    MAV_EVENT_FN OnClean;            /* VS_M_CLEAN */
+    MAV_EVENT_FN OnError;            /* VS_M_ERROR */
+    MAV_EVENT_FN OnObjectFound;      /* VS_M_OBJECTFOUND */
+    MAV_EVENT_FN AbortScan;          /* VS_M_ABORTSCAN */
+    MAV_EVENT_FN OnNotScanned;       /* VS_M_NOTSCANNED (never called) */
+    MAV_EVENT_FN OnVirusRepaired;    /* VS_M_REPAIRED */
+    MAV_EVENT_FN OnVirusNotRepaired; /* VS_M_NOTREPAIRED and VS_M_NOTSCANNED */
+    MAV_EVENT_FN OnMacrosCleaned;    /* VS_M_MACROSCLEANED */
+    MAV_EVENT_FN OnMacrosFound;      /* VS_M_CONTAINMACROS */
+    MAV_EVENT_FN ScanActions;        /* VS_M_SCANACTIONS */
+    MAV_EVENT_FN ScanProgress;       /* VS_M_SCANPROGRESS */
+} MAV_EVENTS;
+
+/* Memory hooks: allocate (zero-filled when the low byte of clean is non-zero),
+ * reallocate, free. tag names the requester; the library passes "mav". */
+typedef void* (*MAV_ALLOC_FN)(size_t size, int clean, const char* tag);
+typedef void* (*MAV_REALLOC_FN)(void* ptr, size_t size, const char* tag);
+typedef void (*MAV_FREE_FN)(void* ptr);
+
+/* Trace handler: receives every trace line instead of the trace file. */
+typedef int (*MAV_TRACE_HANDLER)(const char* sourceFile, const char* functionName, int line,
+                                 uint32_t level, const char* text);
+
+/* Trace level bits. */
+#define MAV_TRC_ERROR 0x2u
+#define MAV_TRC_WARNING 0x4u
+#define MAV_TRC_INFO 0x8u
+#define MAV_TRC_MEMORY 0x10u
+#define MAV_TRC_PEL 0x20u
+#define MAV_TRC_FUNCTION 0x40u
+#define MAV_TRC_THREAD 0x80u
+#define MAV_TRC_PARAM 0x100u
+#define MAV_TRC_VIRUS 0x200u
+#define MAV_TRC_EVENT 0x400u
+#define MAV_TRC_JNI 0x4000u
+
+/* ---- Start-up and shutdown ---------------------------------------------------- */
+
+/* Loads the adapter (adapterPath, else $PEL_LIB, else libkormopel.so then
+ * libkormocsa.so), starts it and returns a new handle in *phdl. On failure a
+ * handle may still be returned in *phdl (its error list holds the adapter's
+ * messages): end it with MavEnd. */
+MAV_API MAV_RC MavInit(const KORMO_CHAR* adapterPath, MAV_HANDLE* phdl);
+
+/* Ends a handle: frees its pooled instances, ends the engine and, with the last
+ * handle of an adapter, the adapter. *phdl becomes null. MAV_E_IN_PROGRESS
+ * while instances are handed out (nothing changes). Null *phdl: MAV_OK. */
+MAV_API MAV_RC MavEnd(MAV_HANDLE* phdl);
+
+/* Restarts the engine instances of one handle, or of every handle when hdl is
+ * null. MAV_E_IN_PROGRESS while instances are in use. */
+MAV_API MAV_RC MavReload(MAV_HANDLE hdl);
+
+/* Sets the process code page from a 4-character name (for example "1208" for
+ * UTF-8, "0819" for ISO-8859-1), or from the environment when null.
+ * Returns 1 on success, 0 otherwise. */
+MAV_API int MavSetProcessCodePage(const KORMO_CHAR* codePage);
+
+/* The current process code page name; not to be freed. */
+MAV_API const KORMO_CHAR* MavGetProcessCodePage(void);
+
+/* ---- Handles, instances and pools --------------------------------------------- */
+
+/* The handle that a handle, instance or profile instance belongs to, or null. */
+MAV_API MAV_HANDLE MavGetHandle(void* hdl);
+
+/* First registered handle whose name begins with the given length bytes of
+ * name (a prefix of a stored name matches it), or null. */
+MAV_API MAV_HANDLE MavGetHandleByName(const KORMO_CHAR* name, size_t length);
+
+/* Names a handle with length bytes of name. */
+MAV_API MAV_RC MavSetHandleName(MAV_HANDLE hdl, const KORMO_CHAR* name, size_t length);
+
+/* Hands out a free pooled instance, or creates one (pooled while the pool has
+ * room, else listed). */
+MAV_API MAV_RC MavCreateInstance(MAV_HANDLE hdl, MAV_INST* pinst);
+
+/* Hands out the first free pooled instance; while the pool is still growing it
+ * also creates one more and returns that instead. Null when nothing is free. */
+MAV_API MAV_INST MavGetInstance(MAV_HANDLE hdl);
+
+/* Returns a pooled instance to its pool or ends a listed one; *pinst is left
+ * as it is for a pooled one. Null *pinst: MAV_OK. */
+MAV_API MAV_RC MavFreeInstance(MAV_INST* pinst);
+
+/* MavFreeInstance on a copy of the pointer; null gives MAV_OK. */
+MAV_API MAV_RC MavFreeInstancePointer(MAV_INST inst);
+
+/* Sets the pool size; growing reserves room, shrinking only lowers the size. */
+MAV_API MAV_RC MavSetPoolSize(MAV_HANDLE hdl, size_t size);
+
+/* The configured pool size of a handle, 0 for anything else. */
+MAV_API size_t MavGetPoolSize(MAV_HANDLE hdl);
+
+/* Sets the pool size to size (not smaller than the current one) and fills the
+ * pool with free instances; setDefaults 1 gives each the default parameters. */
+MAV_API MAV_RC MavLoadPool(MAV_HANDLE hdl, size_t size, uint32_t setDefaults);
+
+/* Ends every pooled instance (none may be handed out) and empties the pool. */
+MAV_API MAV_RC MavFreePool(MAV_HANDLE hdl);
+
+/* ---- Parameters --------------------------------------------------------------- */
+
+/* Code of a parameter name (case-blind); -1 for unknown, -100 for an unknown
+ * name beginning with "CUST". */
+MAV_API int32_t MavParamCode(const KORMO_CHAR* name);
+
+/* Name of a parameter code, "UNKNOWN" for others. */
+MAV_API const KORMO_CHAR* MavParamCodeName(int32_t code);
+
+/* Type of a type name ("BOOL" .. "OBJECT", case-blind), -1 for unknown. */
+MAV_API int32_t MavParamType(const KORMO_CHAR* typeName);
+
+/* Name of a type, null above 10. */
+MAV_API const KORMO_CHAR* MavParamTypeName(int32_t type);
+
+/* Reads a parameter of a handle or instance as text; *type receives its type
+ * when type is not null. */
+MAV_API MAV_RC MavGetParameter(void* hdl, const KORMO_CHAR* name, int32_t* type,
+                               KORMO_CHAR* value, size_t* valueLength);
+
+/* Sets a parameter from text (type must match the adapter's type); null text
+ * resets it to the adapter's default. On an instance the first change gives the
+ * instance its own configuration; the handle stays untouched. */
+MAV_API MAV_RC MavSetParameter(void* hdl, const KORMO_CHAR* name, int32_t type,
+                               const KORMO_CHAR* value);
+
+/* The parameter at index (init parameters first, then optional ones). */
+MAV_API MAV_RC MavEnumParameters(void* hdl, uint32_t index, KORMO_CHAR* name,
+                                 size_t* nameLength, int32_t* type, KORMO_CHAR* value,
+                                 size_t* valueLength);
+
+/* Copies every adapter default back into the handle's or instance's parameters. */
+MAV_API MAV_RC MavSetDefaultConfig(void* hdl);
+
+/* ---- Events ------------------------------------------------------------------- */
+
+/* Registers an events table (copied); the message mask follows its non-null
+ * slots. A table without handlers switches events off. */
+MAV_API MAV_RC MavRegisterEvents(void* hdl, const MAV_EVENTS* events, void* userData);
+
+/* Registers one handler for the messages in messageMask (VS_M_*); 0 switches
+ * events off. MAV_E_NOT_SUPPORTED when the adapter sends none of them. */
+MAV_API MAV_RC MavRegisterSingleEventHandler(void* hdl, MAV_EVENT_HANDLER handler,
+                                             uint32_t messageMask, void* userData);
+
+/* ---- Scans ------------------------------------------------------------------------ */
+
+/* Scans a file. scanInfo (optional) receives the summary. */
+MAV_API MAV_RC MavScanFile(void* hdl, const KORMO_CHAR* fileName, uint32_t jobId,
+                           MAV_SCANINFO* scanInfo);
+
+/* Scans and cleans a file (default action bits OR VS_A_CLEAN). */
+MAV_API MAV_RC MavCleanFile(void* hdl, const KORMO_CHAR* fileName, uint32_t jobId,
+                            MAV_SCANINFO* scanInfo);
+
+/* Scans length bytes in memory; objectName names them in results. */
+MAV_API MAV_RC MavScanBytes(void* hdl, const KORMO_CHAR* objectName, unsigned char* bytes,
+                            size_t length, uint32_t jobId, MAV_SCANINFO* scanInfo);
+
+/* Scans and cleans bytes in place; *length may shrink (MAV_E_CLEAN_OK). */
+MAV_API MAV_RC MavCleanBytes(void* hdl, const KORMO_CHAR* objectName, unsigned char* bytes,
+                             size_t* length, uint32_t jobId, MAV_SCANINFO* scanInfo);
+
+/* The general scan: scanCode VS_SC_BYTES or VS_SC_FILE, actionCode VS_A_* bits
+ * (0: the configured default), the object named in UTF-8 or in KORMO_CHAR. */
+MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
+                            const char* objectNameUtf8, const KORMO_CHAR* objectName,
+                            unsigned char* bytes, size_t* length, uint32_t jobId,
+                            MAV_SCANINFO* scanInfo);
+
+/* Reads up to *length bytes of a file into buffer; *length becomes the count. */
+MAV_API MAV_RC MavPXBytesFromTempFile(const char* path, unsigned char* buffer, size_t* length);
+
+/* ---- Results and adapter information ------------------------------------------------ */
+
+/* Infection index of the last scan. Any output pointer may be null. */
+MAV_API MAV_RC MavEnumInfections(void* hdl, uint32_t index, uint8_t* repairable,
+                                 uint32_t* virusId, KORMO_CHAR* virusName,
+                                 size_t* virusNameLength, KORMO_CHAR* objectName,
+                                 size_t* objectNameLength, uint64_t* objectSize,
+                                 KORMO_CHAR* freeText, size_t* freeTextLength);
+
+/* Scan error index of the last scan. */
+MAV_API MAV_RC MavEnumScanErrors(void* hdl, uint32_t index, uint32_t* errorCode,
+                                 KORMO_CHAR* errorText, size_t* errorTextLength,
+                                 KORMO_CHAR* objectName, size_t* objectNameLength,
+                                 uint64_t* objectSize);
+
+/* Content information index of the last scan. Without any content list in the
+ * result every output is cleared and MAV_OK returned; reserved is only cleared. */
+MAV_API MAV_RC MavEnumContentInfo(void* hdl, uint32_t index, uint32_t* objectType,
+                                  KORMO_CHAR* extension, size_t* extensionLength,
+                                  KORMO_CHAR* contentType, size_t* contentTypeLength,
+                                  KORMO_CHAR* objectName, size_t* objectNameLength,
+                                  uint64_t* reserved);
+
+/* Driver index of the engine; version is major << 16 | minor. */
+MAV_API MAV_RC MavEnumDriverInfo(void* hdl, uint32_t index, uint32_t* version,
+                                 KORMO_CHAR* name, size_t* nameLength, uint64_t* date,
+                                 uint32_t* viruses);
+
+/* Adapter version (major << 16 | minor), parameter count, event messages sent,
+ * adapter name and vendor text. */
+MAV_API MAV_RC MavGetPelInfo(void* hdl, uint32_t* version, uint32_t* parameters,
+                             uint32_t* eventFlags, KORMO_CHAR* adapterName,
+                             size_t* adapterNameLength, KORMO_CHAR* vendorInfo,
+                             size_t* vendorInfoLength);
+
+/* Adapter identity and capability flags. */
+MAV_API MAV_RC MavGetPelTechInfo(void* hdl, uint32_t* adapterId, uint32_t* threadModel,
+                                 uint16_t* mavVersion, uint32_t* scanFlags,
+                                 uint32_t* actionFlags, uint32_t* cioFlags);
+
+/* Engine version (major << 16 | minor), version text, date, viruses, drivers. */
+MAV_API MAV_RC MavGetEngineInfo(void* hdl, uint32_t* version, KORMO_CHAR* versionText,
+                                size_t* versionTextLength, uint64_t* date, uint32_t* viruses,
+                                uint16_t* drivers);
+
+/* Frees a two-level allocation made by the library and sets *ptr to null. */
+MAV_API void MavPFreeInfo(void** ptr);
+
+/* ---- Codes and error texts ------------------------------------------------------------- */
+
+/* Symbolic name of a code, "Unknown ERROR" for a code without one. Constant. */
+MAV_API const char* MavErrorName(MAV_RC rc);
+
+/* One-line description of a code, "Unknown ERROR" for others. Constant. */
+MAV_API const char* MavErrorDescription(MAV_RC rc);
+
+/* The vendor's own error code of the engine, 0xFFFFFFFF when there is none. */
+MAV_API uint32_t MavAdapterErrorCode(void* hdl);
+
+/* Latest failure text of a handle. *textBuffer is the caller's buffer and
+ * *textLength its size; a buffer too small is replaced by a new one of the
+ * text's length + 2 bytes (allocated through the memory hooks, the caller's old
+ * buffer is not freed). */
+MAV_API MAV_RC MavAdapterErrorText(void* hdl, KORMO_CHAR** textBuffer, size_t* textLength);
+
+/* ---- Memory hooks ------------------------------------------------------------------- */
+
+/* Replaces the memory hooks; all three are required. Set once, before any
+ * handle exists. */
+MAV_API MAV_RC MavRegisterMmCallbacks(MAV_ALLOC_FN allocFn, MAV_REALLOC_FN reallocFn,
+                                      MAV_FREE_FN freeFn);
+
+/* ---- Trace ---------------------------------------------------------------------------- */
+
+/* Writes one trace line (printf format, the message brings its line end). */
+MAV_API void MavPPrintTrace(uint32_t level, const char* sourceFile, const char* functionName,
+                            int line, const char* format, ...)
+    __attribute__((format(printf, 5, 6)));
+
+/* Sets and reads the trace level bit mask (0 = off). */
+MAV_API MAV_RC MavSetTraceLevel(uint32_t level);
+MAV_API uint32_t MavGetTraceLevel(void);
+
+/* Maps a basis level 0..3 onto the library's and the kernel's trace levels. */
+MAV_API MAV_RC MavSetBasisTraceLevel(uint32_t basis);
+
+/* A non-null stream becomes the trace stream (null changes nothing). */
+MAV_API MAV_RC MavSetTraceFile(FILE* stream);
+
+/* The library's trace stream, else the kernel trace stream. */
+MAV_API FILE* MavGetTraceFile(void);
+
+/* Routes trace lines to handler instead of a file (null: back to the file). */
+MAV_API MAV_RC MavSetTraceHandler(MAV_TRACE_HANDLER handler);
+
+/* Opens fileName afresh for the trace (an existing file is kept as
+ * fileName.old) with a basis level; null or empty deactivates the trace. */
+MAV_API MAV_RC MavActivateTrace(const KORMO_CHAR* fileName, uint32_t basis);
+
+/* Closes the library's trace file and switches the trace off. */
+MAV_API MAV_RC MavDeactivateTrace(void);
+
+/* ---- Profile runtime ---------------------------------------------------------------- */
+
+/* Starts the profile runtime from config: null or length 0 reads
+ * "mav.properties" in the working directory, else the built-in default; a
+ * text that names a readable file reads that file; any other text is read as
+ * properties. A second start does nothing. */
+MAV_API MAV_RC MavStartRuntime(const char* config, size_t length);
+
+/* Stops the runtime, ending every provider's handle. Always MAV_OK. */
+MAV_API MAV_RC MavStopRuntime(void);
+
+/* A profile instance handle for the named profile (null or empty: the default
+ * profile). Scan, result and free calls accept it like an instance. */
+MAV_API MAV_RC MavGetProfileInstance(const char* profileName, MAV_INST* pinst);
+
+/* As MavGetProfileInstance, returning the handle (null on any failure). */
+MAV_API MAV_INST MavGetProfileInstancePointer(const char* profileName);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* KORMOMAV_H */

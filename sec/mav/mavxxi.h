@@ -1,0 +1,351 @@
+// mavxxi.h - internal records and functions of libkormomav.
+//
+// Not installed. The records here are the library's own; their sizes and marks
+// are what the public calls check (a handle is 216 bytes with marks 0xfeed00 /
+// 0xfffeedff, an instance 136 bytes with 0xabba00 / 0xffabbaff, a profile
+// instance 136 bytes with 0xabcdabcd / 0xdcbadcba).
+//
+// Global lock order (never taken the other way round):
+//   registry -> handle -> record pool -> trace file -> trace buffer -> kernel trace
+// Adapter entry points are called with at most the registry and handle locks
+// held; PelScan is called with no lock held.
+#ifndef MAVXXI_H
+#define MAVXXI_H
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "kormomav.h"
+#include "kormopel.h"
+#include "krnthr.h"
+
+#define MAV_LOCAL __attribute__((visibility("hidden")))
+
+extern "C" {
+
+// ---- Marks and sizes ----------------------------------------------------------
+
+constexpr size_t MAV_HDL_SIZE = 216;
+constexpr uint32_t MAV_HDL_HEAD = 0xfeed00u;
+constexpr uint32_t MAV_HDL_TAIL = 0xfffeedffu;
+constexpr size_t MAV_INST_SIZE = 136;
+constexpr uint32_t MAV_INST_HEAD = 0xabba00u;
+constexpr uint32_t MAV_INST_TAIL = 0xffabbaffu;
+constexpr uint32_t MAV_PINST_HEAD = 0xabcdabcdu;
+constexpr uint32_t MAV_PINST_TAIL = 0xdcbadcbau;
+constexpr size_t MAV_CFG_SIZE = 160;
+constexpr uint32_t MAV_THREAD_NONE = 0xFFFFFFFFu;
+constexpr uint32_t MAV_DEFAULT_ACTION = 2;
+constexpr int MAV_INTERFACE_VERSION = 2;
+
+struct MAV_INST_REC;
+struct MAV_HDL_REC;
+
+// The seven adapter entry points in slot order.
+struct PEL_FUNCTIONS {
+    PEL_STARTUP_FN pfnStartup;         // 0
+    PEL_GETCONFIG_FN pfnGetConfig;     // 1
+    PEL_INIT_FN pfnInit;               // 2
+    PEL_SCAN_FN pfnScan;               // 3
+    PEL_RELEASESCAN_FN pfnReleaseScan; // 4
+    PEL_END_FN pfnEnd;                 // 5
+    PEL_CLEANUP_FN pfnCleanup;         // 6
+};
+
+// Event registration of a configuration (held by MAV_CFG_AUX).
+struct MAV_EVENT_REG {
+    MAV_EVENT_HANDLER pfnSingle; // takes precedence over the table
+    uint32_t uiMask;             // messages asked of the adapter
+    uint32_t uiHasTable;         // 1 when sTable holds a registered table
+    MAV_EVENTS sTable;           // copy of the caller's table
+    void* pvUserData;
+};
+
+// Two-word auxiliary record of a MAV_CFG. The first word is kept for layout
+// only: the instance about to scan is per instance (MAV_INST_REC.sCallback).
+struct MAV_CFG_AUX {
+    void* pvScanInst;
+    MAV_EVENT_REG* pEvents; // null while no handler is registered
+};
+
+// The library's copy of an adapter's configuration (one per handle, plus one
+// per instance that changed a parameter).
+struct MAV_CFG {
+    size_t struct_size; // 160
+    size_t aReserved[2];
+    MAV_CFG_AUX* pAux;
+    PEL_CALLBACK* pCallback; // handed to PelInit
+    int16_t asInitIndex[16];
+    int16_t asScanIndex[21];
+    int16_t asCleanIndex[6];
+    int16_t asBlockIndex[2];
+    uint16_t usActionCount;
+    uint32_t uiDefaultAction;
+    uint8_t bNoScanInfo;          // CUST_NO_SCANINFO
+    uint8_t bNotScannedAsWarning; // CUST_NOT_SCANNED_AS_WARNING
+    uint8_t abPad[6];
+    PEL_PARAMS* pInitParams;
+    PEL_PARAMS* pOptParams;
+};
+static_assert(sizeof(MAV_CFG) == 160, "MAV_CFG size");
+static_assert(offsetof(MAV_CFG, pAux) == 24, "MAV_CFG.pAux");
+static_assert(offsetof(MAV_CFG, asInitIndex) == 40, "MAV_CFG.asInitIndex");
+static_assert(offsetof(MAV_CFG, usActionCount) == 130, "MAV_CFG.usActionCount");
+static_assert(offsetof(MAV_CFG, uiDefaultAction) == 132, "MAV_CFG.uiDefaultAction");
+static_assert(offsetof(MAV_CFG, bNoScanInfo) == 136, "MAV_CFG.bNoScanInfo");
+static_assert(offsetof(MAV_CFG, pInitParams) == 144, "MAV_CFG.pInitParams");
+
+// A handle's name.
+struct MAV_HDL_NAME {
+    char* pszName;
+    size_t lLength;
+};
+
+// One entry of a handle's error list.
+struct MAV_ERROR_ENTRY {
+    char* pszText;
+    size_t lLength;
+};
+
+// Node of a handle's list of instances beyond the pool.
+struct MAV_INST_NODE {
+    MAV_INST_REC* pInst;
+    MAV_INST_NODE* pNext;
+};
+
+// MAV_HANDLE: one loaded adapter.
+struct MAV_HDL_REC {
+    size_t struct_size;  // 216
+    uint32_t uiHeadMark; // MAV_HDL_HEAD
+    uint32_t uiVersion;  // 2
+    uint32_t uiReserved;
+    int32_t iDlHandle; // -1: no library open
+    PEL_FUNCTIONS* pFunctions;
+    THR_CRIT_SEC* pCS; // guards pool, counts, list, error list
+    uint32_t uiInstances; // live instances, pooled and listed
+    uint32_t uiAdapterID;
+    PEL_CONFIG* pPelConfig;
+    PEL_INIT* pSharedInit; // thread models 1 and 2
+    MAV_CFG* pCfg;
+    MAV_HDL_NAME* pName;
+    char* pszTmpPath; // INITTEMP_PATH when set and usable, else null
+    MAV_ERROR_ENTRY* errors;
+    uint32_t errorCount;
+    int32_t lastErrorRc;
+    uint32_t uiFlag1; // 0
+    uint32_t uiFlag2; // 1
+    uint32_t uiPoolSize;
+    uint32_t uiPooled;
+    uint32_t uiPoolFree;
+    uint32_t uiPad;
+    MAV_INST_REC** pPool; // uiPoolSize slots
+    MAV_INST_NODE* pInstList;
+    size_t aReserved[8];
+    uint32_t uiTailMark; // MAV_HDL_TAIL
+};
+static_assert(sizeof(MAV_HDL_REC) == MAV_HDL_SIZE, "MAV_HANDLE size");
+static_assert(offsetof(MAV_HDL_REC, uiHeadMark) == 8, "MAV_HANDLE head");
+static_assert(offsetof(MAV_HDL_REC, uiTailMark) == 208, "MAV_HANDLE tail");
+
+// MAV_INST: what a scan runs on.
+struct MAV_INST_REC {
+    size_t struct_size;  // 136
+    uint32_t uiHeadMark; // MAV_INST_HEAD (MAV_PINST_HEAD: profile instance)
+    uint8_t bInUse;
+    uint8_t bPooled;
+    uint16_t usReserved;
+    uint32_t uiThreadId; // owner; MAV_THREAD_NONE when back in the pool
+    uint32_t uiReserved;
+    MAV_HDL_REC* pHdl;
+    PEL_INIT* pPelInit;
+    PEL_SCANPARAM* pScanParam; // lives in the same allocation as the record
+    MAV_CFG* pCfg;             // the handle's until the instance changes one
+    PEL_SCANINFO* pScanInfo;   // result of the last scan
+    PEL_CALLBACK sCallback;    // handed to PelScan; pvContext = this instance
+    void* pProfileInst;        // profile instance: its mav::MavInstance
+    uint32_t uiTailMark;       // MAV_INST_TAIL (MAV_PINST_TAIL)
+};
+static_assert(sizeof(MAV_INST_REC) == MAV_INST_SIZE, "MAV_INST size");
+static_assert(offsetof(MAV_INST_REC, uiThreadId) == 16, "MAV_INST thread");
+static_assert(offsetof(MAV_INST_REC, pPelInit) == 32, "MAV_INST init");
+static_assert(offsetof(MAV_INST_REC, sCallback) == 64, "MAV_INST callback");
+static_assert(offsetof(MAV_INST_REC, pProfileInst) == 120, "MAV_INST profile link");
+static_assert(offsetof(MAV_INST_REC, uiTailMark) == 128, "MAV_INST tail");
+
+// Parameter reference handed to MavISetConfigValue.
+struct MAV_PARAM_ID {
+    size_t struct_size; // 8
+    int32_t tCode;
+    int32_t tType;
+};
+
+// ---- Records (mavxxi_rec.cpp) --------------------------------------------------
+// Handle and instance records live in cache-line aligned blocks that are
+// recycled, never returned to the allocator: a stale pointer always reads
+// wiped marks and is refused.
+
+enum MAV_REC_KIND { MAV_REC_NONE = 0, MAV_REC_HANDLE, MAV_REC_INSTANCE, MAV_REC_PROFILE };
+
+// A zeroed handle record with size and marks set and pCS pointing to storage
+// in the same block (not yet created); null when memory runs out.
+MAV_LOCAL MAV_HDL_REC* MavIXAllocHdlRec(void);
+// A zeroed instance record with size and marks (profile: the profile marks)
+// set and pScanParam pointing to its zeroed PEL_SCANPARAM (struct_size 48).
+MAV_LOCAL MAV_INST_REC* MavIXAllocInstRec(bool profile);
+// Wipes the marks and recycles the block.
+MAV_LOCAL void MavIXFreeRec(void* rec);
+// Kind of a pointer by its size and marks (an instance also needs pPelInit,
+// a profile instance pProfileInst). Null gives MAV_REC_NONE.
+MAV_LOCAL MAV_REC_KIND MavIXRecKind(const void* p);
+
+// ---- Codes (mavxxi_codes.cpp) ------------------------------------------------
+// MavErrorName / MavErrorDescription are public.
+
+// ---- Memory hooks and conversions (mavxxi_mem.cpp) -------------------------------
+MAV_LOCAL void* MavPXAlloc(size_t size, int clean, const char* tag);
+MAV_LOCAL void* MavPXRealloc(void* ptr, size_t size, const char* tag);
+MAV_LOCAL void MavPXFree(void* ptr);
+// Through the current hooks, tag "mav".
+MAV_LOCAL void* MavIAlloc(size_t size, bool clean);
+MAV_LOCAL void* MavIRealloc(void* ptr, size_t size);
+MAV_LOCAL void MavIFree(void* ptr);
+MAV_LOCAL MAV_RC MavIUtf8sToUcs(KORMO_CHAR* dest, size_t destSize, size_t* length,
+                                const char* utf8);
+MAV_LOCAL MAV_RC MavIUcsToUtf8s(char* dest, size_t destSize, size_t* length,
+                                const KORMO_CHAR* text);
+MAV_LOCAL size_t MavICharToKORMO(KORMO_CHAR** dest, const char* utf8);
+MAV_LOCAL size_t MavIKORMOToChar(char** dest, const KORMO_CHAR* text);
+MAV_LOCAL MAV_RC MavIKORMO_CHAR2RAW(char** dest, const KORMO_CHAR* text, size_t length);
+// Text output by the caller-buffer rule: null length skips; null buffer asks
+// for 3 x len + 3 (0 for null text); else converts, emptying on failure.
+MAV_LOCAL MAV_RC MavIPutText(const char* utf8, KORMO_CHAR* buf, size_t* length);
+
+// ---- Trace (mavxxtrc.cpp) --------------------------------------------------------
+extern MAV_LOCAL std::atomic<uint32_t> mavTraceLevel;
+inline uint32_t MavITraceLevel() { return mavTraceLevel.load(std::memory_order_relaxed); }
+// True when a line of this level bit is written (error lines whenever the
+// level is non-zero).
+inline bool MavITraceOn(uint32_t bit) {
+    uint32_t l = MavITraceLevel();
+    return (l & bit) != 0 || ((bit & MAV_TRC_ERROR) != 0 && l != 0);
+}
+// The kernel trace level (0..3).
+MAV_LOCAL int MavIKernelLevel(void);
+// Opens the default trace file when no stream is set (MavInit step 2).
+MAV_LOCAL void MavIOpenDefaultTrace(void);
+// Writes a line whatever the level (MavInit's start-up lines).
+MAV_LOCAL void MavIPrintTraceAlways(const char* file, const char* func, int line,
+                                    const char* format, ...)
+    __attribute__((format(printf, 4, 5)));
+
+#define MAV_TRC(bit, ...)                                                       \
+    do {                                                                        \
+        if (MavITraceOn(bit)) MavPPrintTrace((bit), __FILE__, __func__, __LINE__, __VA_ARGS__); \
+    } while (0)
+#define MAV_TRC_FN(bit, fn, ...)                                                \
+    do {                                                                        \
+        if (MavITraceOn(bit)) MavPPrintTrace((bit), __FILE__, (fn), __LINE__, __VA_ARGS__); \
+    } while (0)
+#define MAV_TRC_E(...) MAV_TRC(MAV_TRC_ERROR, __VA_ARGS__)
+#define MAV_TRC_W(...) MAV_TRC(MAV_TRC_WARNING, __VA_ARGS__)
+#define MAV_TRC_ENTRY(...) MAV_TRC(MAV_TRC_FUNCTION, __VA_ARGS__)
+#define MAV_TRC_EXIT(rc)                                                        \
+    MAV_TRC(MAV_TRC_FUNCTION, "<<  end  << %s(MAV_RC==%s) \n", __func__, MavErrorName(rc))
+
+// ---- Record dumps (mavxxtrc_dump.cpp) ---------------------------------------------
+MAV_LOCAL MAV_RC MavIXTracePELScanInfo(void* hdl);
+MAV_LOCAL MAV_RC MavIXTracePELEngine(void* hdl);
+MAV_LOCAL MAV_RC MavIXTracePELConfig(void* hdl);
+
+// ---- Error list (mavxxi_err.cpp) -----------------------------------------------------
+MAV_LOCAL void MavPAddError(MAV_HDL_REC* hdl, const char* text, MAV_RC rc);
+MAV_LOCAL void MavPFreeError(MAV_ERROR_ENTRY** list, uint32_t count);
+
+// ---- Adapter loading (mavxxdl.cpp) ----------------------------------------------------
+MAV_LOCAL MAV_RC MavILoadLib(const KORMO_CHAR* path, MAV_HDL_REC* hdl);
+MAV_LOCAL MAV_RC MavILoadFucs(int dlHandle, PEL_FUNCTIONS** table);
+MAV_LOCAL MAV_RC MavIUnLoadLib(int* dlHandle, PEL_FUNCTIONS* table);
+MAV_LOCAL MAV_RC MavIXCleanupPel(MAV_HDL_REC* hdl);
+// PelStartup, PelGetConfig and the version check (adapter start steps 1-5).
+MAV_LOCAL MAV_RC MavIStartPel(MAV_HDL_REC* hdl, const KORMO_CHAR* path, MAV_RC resolveRc);
+
+// ---- Start-up and shutdown (mavxx_init.cpp) -------------------------------------------
+MAV_LOCAL MAV_RC MavIReload(MAV_HDL_REC* hdl);
+MAV_LOCAL MAV_RC MavIReloadAll(void);
+MAV_LOCAL MAV_RC MavIXAllocCFG(const PEL_CONFIG* pelCfg, MAV_CFG** cfg);
+MAV_LOCAL MAV_RC MavIXFreeCFG(MAV_CFG** cfg);
+MAV_LOCAL PEL_PARAMS* MavIXGetCfgInitParams(MAV_CFG* cfg);
+MAV_LOCAL PEL_PARAMS* MavIXGetCfgOptParams(MAV_CFG* cfg);
+MAV_LOCAL PEL_CALLBACK* MavIXGetCfgCallback(MAV_CFG* cfg);
+
+// ---- Registry and instances (mavxxi_reg.cpp, mavxx_inst.cpp) ----------------------------
+MAV_LOCAL MAV_RC MavIXAddHdl(MAV_HDL_REC* hdl);
+MAV_LOCAL MAV_RC MavIXRemoveHdl(MAV_HDL_REC* hdl);
+MAV_LOCAL MAV_HDL_REC* MavIXGetHdl(uint32_t flagMask);
+MAV_LOCAL uint32_t MavIXGetHdlSize(void);
+MAV_LOCAL uint32_t MavIXGetHdlSizeByName(const KORMO_CHAR* name, size_t length, uint32_t limit);
+// The registry lock (outermost lock of the library).
+MAV_LOCAL int MavILockRegistry(void);
+MAV_LOCAL void MavIUnlockRegistry(void);
+MAV_LOCAL int MavILockHdl(void* hdlOrInst);
+MAV_LOCAL void MavIUnlockHdl(void* hdlOrInst);
+// Handle of a handle, instance or profile instance (its scan instance's).
+MAV_LOCAL MAV_HDL_REC* MavIGetHandle(void* p);
+// The C instance a handle stands for: an instance itself, a profile instance's
+// current C instance; null for a handle or anything else.
+MAV_LOCAL MAV_INST_REC* MavIGetInst(void* p);
+MAV_LOCAL MAV_RC MavICreateInstance(MAV_HDL_REC* hdl, MAV_INST_REC** inst);
+MAV_LOCAL MAV_RC MavIReleaseInstance(MAV_INST_REC** inst);
+MAV_LOCAL MAV_RC MavIXFreeInst(MAV_INST_REC** inst);
+MAV_LOCAL MAV_RC MavIXAddInst2List(MAV_HDL_REC* hdl, MAV_INST_REC* inst);
+MAV_LOCAL MAV_RC MavIXRemoveInst(MAV_INST_REC* inst);
+MAV_LOCAL MAV_RC MavIXAssignHdlToCFG(void* hdlOrInst, MAV_CFG** cfg);
+// The configuration a handle or instance reads (no copy made).
+MAV_LOCAL MAV_CFG* MavIGetCfg(void* hdlOrInst);
+
+// ---- Parameters (mavxxi_param.cpp) -----------------------------------------------------
+MAV_LOCAL const char* MavIXGetPelParamName(int32_t code);
+MAV_LOCAL MAV_RC MavIXParseInitParams(const KORMO_CHAR* name, int32_t* code);
+MAV_LOCAL MAV_RC MavIXParseOptParams(const KORMO_CHAR* name, int32_t* code);
+MAV_LOCAL MAV_RC MavIGetConfig(const PEL_CONFIG* pelCfg, MAV_CFG** cfg);
+MAV_LOCAL MAV_RC MavIXSetDefaultConfig(const PEL_CONFIG* pelCfg, MAV_CFG* cfg);
+MAV_LOCAL MAV_RC MavISetDefaultConfig(void* hdlOrInst);
+MAV_LOCAL MAV_RC MavIXCopyParameter(PEL_PARAM* dest, int32_t code, const PEL_PARAM* src,
+                                    bool initList);
+MAV_LOCAL MAV_RC MavIGetConfigValue(const PEL_PARAM* param, KORMO_CHAR* buf, size_t* length);
+MAV_LOCAL MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param,
+                                    const KORMO_CHAR* text);
+MAV_LOCAL MAV_RC MavISetDefaultValue(void* hdlOrInst, const MAV_PARAM_ID* param);
+// Number of adapter parameters (init + optional) of a handle or instance.
+MAV_LOCAL uint32_t MavIXGetParamNum(void* hdlOrInst);
+// The entry at index (init first, then optional) of the object's MAV_CFG.
+MAV_LOCAL MAV_RC MavIGetPelParameterByIndex(void* hdlOrInst, uint32_t index, PEL_PARAM** entry);
+// The entry for a parameter name of the object's MAV_CFG (set: 0).
+MAV_LOCAL MAV_RC MavIGetPelParameter(void* hdlOrInst, const KORMO_CHAR* name, int set,
+                                     PEL_PARAM** entry);
+
+// ---- Events (mavxx_event.cpp) -----------------------------------------------------------
+MAV_LOCAL MAV_RC MavPXRegisterCallback(void* hdl, const MAV_EVENTS* events,
+                                       MAV_EVENT_HANDLER handler, uint32_t mask, void* userData);
+MAV_LOCAL VS_CALLRC MavPXCallback(void* adapterData, uint32_t message, void* data,
+                                  void* context);
+
+// ---- Scan (mavxx_scan.cpp, mavxxi_tmp.cpp) ----------------------------------------------
+MAV_LOCAL MAV_RC MavIXScan(MAV_INST_REC* inst, MAV_SCANINFO* scanInfo);
+MAV_LOCAL MAV_RC MavPXBytesToTempFile(const unsigned char* bytes, size_t length,
+                                      const char* directory, char* name, char** pathOut);
+MAV_LOCAL const char* MavPXGetDefaultTmpPath(void);
+
+// ---- Profile runtime (mavprofile_*.cpp) ------------------------------------------------
+// Scan through a profile instance's C instances (linkage rules); never throws.
+MAV_LOCAL MAV_RC MavIXScanClean(void* mavInstance, uint32_t scanCode, uint32_t actionCode,
+                                const char* objectNameUtf8, const KORMO_CHAR* objectName,
+                                unsigned char* bytes, size_t* length, uint32_t jobId,
+                                MAV_SCANINFO* scanInfo);
+MAV_LOCAL MAV_RC MavIXFreeProfileInst(void* mavInstance);
+MAV_LOCAL MAV_INST_REC* MavIXGetInstanceHandleFromProfile(void* mavInstance);
+
+} // extern "C"
+
+#endif
