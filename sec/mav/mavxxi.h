@@ -230,6 +230,10 @@ inline bool MavITraceOn(uint32_t bit) {
     uint32_t l = MavITraceLevel();
     return (l & bit) != 0 || ((bit & MAV_TRC_ERROR) != 0 && l != 0);
 }
+// True on this thread while the trace writer calls the memory hooks: the
+// default hooks then skip their own level-16 line (no recursion, and other
+// threads keep their lines).
+MAV_LOCAL bool MavIInTraceWriter(void);
 // The kernel trace level (0..3).
 MAV_LOCAL int MavIKernelLevel(void);
 // Opens the default trace file when no stream is set (MavInit step 2).
