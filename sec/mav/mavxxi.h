@@ -325,9 +325,16 @@ MAV_LOCAL MAV_RC MavISetDefaultValue(void* hdlOrInst, const MAV_PARAM_ID* param)
 MAV_LOCAL uint32_t MavIXGetParamNum(void* hdlOrInst);
 // The entry at index (init first, then optional) of the object's MAV_CFG.
 MAV_LOCAL MAV_RC MavIGetPelParameterByIndex(void* hdlOrInst, uint32_t index, PEL_PARAM** entry);
-// The entry for a parameter name of the object's MAV_CFG (set: 0).
+// The entry for a parameter name of the object's MAV_CFG. set 0 reads the
+// configuration in use; non-zero takes the one a change goes to (an instance
+// gets its own copy, MavIXAssignHdlToCFG).
 MAV_LOCAL MAV_RC MavIGetPelParameter(void* hdlOrInst, const KORMO_CHAR* name, int set,
                                      PEL_PARAM** entry);
+// Custom code (-100..-105) of an exact custom name, else 0.
+MAV_LOCAL int32_t MavIXParseCustParam(const KORMO_CHAR* name);
+// Position of an adapter parameter code in cfg's lists (*initList: which
+// list), -1 when not offered.
+MAV_LOCAL int MavIXParamIndex(const MAV_CFG* cfg, int32_t code, bool* initList);
 
 // ---- Events (mavxx_event.cpp) -----------------------------------------------------------
 MAV_LOCAL MAV_RC MavPXRegisterCallback(void* hdl, const MAV_EVENTS* events,
