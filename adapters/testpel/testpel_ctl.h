@@ -33,6 +33,11 @@ enum TPEL_ENTRY {
     TPEL_ENTRY_COUNT
 };
 
+/* Records the adapter made and nobody has released yet (PEL_INIT, PEL_SCANINFO)
+ * survive tpel_reset and still count in tpel_live_*: they belong to whoever holds
+ * them. The adapter stays loaded until the process ends (linked -z nodelete), so
+ * the state survives MavEnd closing the file. */
+
 /* Back to the defaults: adapter id 4711, thread model 0 (PelInit per
  * instance), interface version 2, adapter version 1.0, vendor "Kormo Test",
  * name "testpel"; scan flags 0x3 (file and memory), action flags 0x19, event
@@ -90,16 +95,19 @@ typedef struct TPEL_LAST_SCAN {
     const void* pInit;            /* the PEL_INIT passed */
     const void* pOptParams;       /* the PEL_OPTPARAMS passed */
     uint32_t uiThreadId;          /* kernel thread id of the scanning thread */
+    size_t scanParamSize;         /* struct_size of the PEL_SCANPARAM passed */
 } TPEL_LAST_SCAN;
 /* Copies the last request into *out; 0 when no scan happened yet. */
 int tpel_last_scan(TPEL_LAST_SCAN* out);
 
 /* ---- Scripted scan outcome (applies to every following scan) ----------------- */
-/* Empties the script: rc 0, no records, counters all zero, no events. */
+/* Empties the script: rc 0, no records, counters all zero (and following the
+ * lists again), no events, no cleaned bytes, no_scaninfo/null_arrays/delay off. */
 void tpel_script_clear(void);
 void tpel_script_rc(int rc);
 /* Counters of the PEL_SCANINFO; by default they follow the scripted lists
- * (uiScanned = content entries, uiInfections, uiScanErrors). Calling this fixes
+ * (uiScanned = content entries, uiInfections, uiScanErrors, uiNotScanned 0,
+ * uiClean = content entries - infections - errors, at least 0). Calling this fixes
  * them, so a count can be larger than its array (hostile adapter). */
 void tpel_script_counts(uint32_t scanned, uint32_t notScanned, uint32_t clean,
                         uint32_t infections, uint32_t scanErrors);
@@ -118,12 +126,19 @@ void tpel_script_content(const char* objectName, const char* extension,
  * the clean bit they are also copied over pbByte (at most lLength bytes). */
 void tpel_script_cleaned(const void* bytes, size_t length);
 
+/* The default content entry (tpel_reset) names the scanned object: its name,
+ * the extension after the last '.' of the name's last component, content type
+ * "application/octet-stream", character set "", type 0, the scanned size. */
+
 /* Events sent through the callback during PelScan, in order, when the callback
  * is set and the message is in its mask (unless force is 1: sent regardless).
  * Data by message: VIRUS/REPAIRED the PEL_VIRUSINFO of scripted infection
  * `index`; NOTSCANNED/NOTREPAIRED the PEL_SCANERROR of scripted error `index`;
- * OBJECTFOUND/ERROR the text; others (void*)(uintptr_t)number. When the
- * callback returns non-zero the scan stops with MAV_E_CBC_TERMINATED (17). */
+ * OBJECTFOUND/ERROR the text; others (void*)(uintptr_t)number. An index with
+ * no scripted record, or a null text, gives null data. The records live for the
+ * call only. When the callback returns non-zero no further event is sent and
+ * the scan ends at once with MAV_E_CBC_TERMINATED (17), no result record and no
+ * cleaned bytes. */
 void tpel_script_event(uint32_t message, int index, const char* text, uint64_t number,
                        int force);
 /* Codes the callbacks returned during the last scan, in order; returns count. */
@@ -135,6 +150,42 @@ void tpel_set_engine(uint16_t major, uint16_t minor, const char* versionText, in
 void tpel_clear_drivers(void);
 void tpel_add_driver(const char* name, uint16_t major, uint16_t minor, int64_t date,
                      uint32_t viruses, uint32_t variants, int32_t driverRc);
+
+/* ---- Additions ------------------------------------------------------------- */
+/* Object size placeholder for tpel_script_infection/scan_error/content: the
+ * size of the scanned object (the file's size for a file scan, else lLength). */
+#define TPEL_SIZE_OF_OBJECT ((size_t)-1)
+
+/* The remaining PEL_INIT counters (default all 0). */
+void tpel_set_engine_counts(uint32_t extensions, uint32_t intRevision, uint32_t signatures);
+
+/* The parameter lists seen by the last PelInit (atScan 0: pInitParams) or the
+ * last PelScan (atScan 1: pOptParams), copied during the call. Count of entries
+ * (0 for a null list), or -1 when no such call happened since tpel_reset. */
+int tpel_last_param_count(int atScan);
+/* Looks up the first entry with tCode == code in that list; 1 when found, else
+ * 0. Any out pointer may be null. CHAR/OBJECT: the text is copied into text
+ * (truncated to textSize - 1, "" for a null value) and *number is 0; other
+ * types: *number is the value slot and text becomes "". */
+int tpel_last_param(int atScan, int32_t code, int32_t* type, size_t* length, int64_t* number,
+                    char* text, size_t textSize);
+
+/* 1 when p is a PEL_INIT made by PelInit and not yet ended. */
+int tpel_is_live_init(const void* p);
+/* PelEnd / PelReleaseScan calls with a record this adapter does not hold alive
+ * (double release, foreign pointer). Such calls return MAV_E_INVALID_PARAM (3)
+ * and touch nothing. Reset by tpel_reset. */
+uint32_t tpel_bad_releases(void);
+
+/* Each PelScan sleeps ms milliseconds (before its events) with no lock held;
+ * lets tests hold a scan in flight. Part of the script (tpel_script_clear: 0). */
+void tpel_script_delay_ms(uint32_t ms);
+/* Highest number of PelScan calls running at the same time since tpel_reset. */
+uint32_t tpel_max_concurrent_scans(void);
+
+/* Failure injection, per entry point: PelStartup, PelGetConfig (pointer still
+ * set), PelCleanup, PelScan (request recorded, no events, *ppScanInfo null)
+ * just return the code; PelReleaseScan and PelEnd return it and free nothing. */
 
 #ifdef __cplusplus
 }
