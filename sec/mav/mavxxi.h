@@ -341,6 +341,9 @@ MAV_LOCAL MAV_RC MavPXRegisterCallback(void* hdl, const MAV_EVENTS* events,
                                        MAV_EVENT_HANDLER handler, uint32_t mask, void* userData);
 MAV_LOCAL VS_CALLRC MavPXCallback(void* adapterData, uint32_t message, void* data,
                                   void* context);
+// Fills inst->sCallback from its configuration's registration (function,
+// mask, context = the instance); the scan calls it just before PelScan.
+MAV_LOCAL void MavIXFillScanCallback(MAV_INST_REC* inst);
 
 // ---- Scan (mavxx_scan.cpp, mavxxi_tmp.cpp) ----------------------------------------------
 MAV_LOCAL MAV_RC MavIXScan(MAV_INST_REC* inst, MAV_SCANINFO* scanInfo);
