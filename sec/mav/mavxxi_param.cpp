@@ -362,7 +362,7 @@ MAV_RC MavIGetConfigValue(const PEL_PARAM* param, KORMO_CHAR* buf, size_t* lengt
                 *length = 0;
                 return MAV_OK;
             }
-            size_t out = static_cast<size_t>(-1);
+            size_t out = strlen(text);
             MAV_RC rc = MavIUtf8sToUcs(buf, size, &out, text);
             if (rc != MAV_OK) {
                 if (size > 0) buf[0] = '\0';
