@@ -141,7 +141,7 @@ struct MAV_HDL_REC {
     uint32_t uiPad;
     MAV_INST_REC** pPool; // uiPoolSize slots
     MAV_INST_NODE* pInstList;
-    size_t aReserved[8];
+    size_t aReserved[8]; // [0] start-up state bits, [1] pPool slots (mavxx_init/_inst)
     uint32_t uiTailMark; // MAV_HDL_TAIL
 };
 static_assert(sizeof(MAV_HDL_REC) == MAV_HDL_SIZE, "MAV_HANDLE size");
@@ -188,7 +188,8 @@ struct MAV_PARAM_ID {
 enum MAV_REC_KIND { MAV_REC_NONE = 0, MAV_REC_HANDLE, MAV_REC_INSTANCE, MAV_REC_PROFILE };
 
 // A zeroed handle record with size and marks set and pCS pointing to storage
-// in the same block (not yet created); null when memory runs out.
+// in the same block (created with ThrCSInit2 on first use - THR_RC_EXISTS on a
+// recycled block - and never deleted); null when memory runs out.
 MAV_LOCAL MAV_HDL_REC* MavIXAllocHdlRec(void);
 // A zeroed instance record with size and marks (profile: the profile marks)
 // set and pScanParam pointing to its zeroed PEL_SCANPARAM (struct_size 48).
@@ -198,6 +199,9 @@ MAV_LOCAL void MavIXFreeRec(void* rec);
 // Kind of a pointer by its size and marks (an instance also needs pPelInit,
 // a profile instance pProfileInst). Null gives MAV_REC_NONE.
 MAV_LOCAL MAV_REC_KIND MavIXRecKind(const void* p);
+// Kind by size and marks alone (an instance whose PelInit gave no record is
+// still an instance here, so that it can be freed).
+MAV_LOCAL MAV_REC_KIND MavIXRecKindByMarks(const void* p);
 
 // ---- Codes (mavxxi_codes.cpp) ------------------------------------------------
 // MavErrorName / MavErrorDescription are public.
