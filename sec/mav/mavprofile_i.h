@@ -1,0 +1,60 @@
+// mavprofile_i.h - internals of the profile runtime (not installed).
+//
+// The runtime state below is built by MavStartRuntime and torn down by
+// MavStopRuntime, both called by one thread while nothing else uses profiles;
+// lookups read it without locks.
+#ifndef MAVPROFILE_I_H
+#define MAVPROFILE_I_H
+
+#include <map>
+#include <string>
+
+#include "mavprofile.h"
+#include "mavxxi.h"
+
+// ---- Escapes (mavprofile_hex.cpp) -------------------------------------------------
+// Bytes of 0x80 and above as "\u00XX"; null or empty gives "".
+MAV_LOCAL std::string convertToHexString(const char* text);
+// Decodes \u escapes into a new C string (allocation hook, free with MavIFree);
+// null for empty input or when memory runs out.
+MAV_LOCAL char* convertFromHexString(const std::string& text);
+// As convertFromHexString, also decoding "\:" to ':' and "\\" to '\'.
+MAV_LOCAL char* convertFromHexPath(const std::string& text);
+
+namespace mav {
+
+// ---- Runtime state (mavprofile_runtime.cpp) ---------------------------------------
+extern MAV_LOCAL PropertyReader mav_properties;
+extern MAV_LOCAL std::map<std::string, MavProvider*> mav_providers;
+extern MAV_LOCAL std::map<std::string, MavGroup*> mav_groups;
+extern MAV_LOCAL std::map<std::string, MavProfile*> mav_profiles;
+extern MAV_LOCAL std::string mav_standard_group;
+extern MAV_LOCAL std::string mav_standard_provider;
+extern MAV_LOCAL std::string mav_standard_profile;
+extern MAV_LOCAL bool bRuntimeInit;
+
+// The built-in configuration read when neither a configuration nor the file
+// "mav.properties" is there.
+extern MAV_LOCAL const char mav_default_config[];
+extern MAV_LOCAL const size_t mav_default_config_length;
+
+// Finds the profile a caller names (null or empty: the standard profile), with
+// the lookup codes in their order: 31 runtime stopped, 28 no profiles, 32 no
+// standard profile, 29 unknown, 30 inactive, 31 failed. *profile is set on 0.
+MAV_LOCAL MAV_RC MavIXFindProfile(const char* profileName, MavProfile** profile);
+
+// True when the last MavProfile::getInstance() on this thread stopped at a
+// profile that refers to itself.
+MAV_LOCAL bool MavIXLastBuildCyclic();
+
+// Sets every parameter on one C instance (MavISetConfigValue).
+MAV_LOCAL void MavIXApplyParameters(MAV_INST inst, const std::vector<MavParameter*>& params);
+
+}  // namespace mav
+
+extern "C" {
+// Worker of MavGetProfileInstance / MavGetProfileInstancePointer.
+MAV_LOCAL MAV_RC MavIXGetProfileInst(const char* profileName, MAV_INST* out);
+}
+
+#endif
