@@ -293,6 +293,11 @@ MAV_LOCAL MAV_RC MavIXRemoveHdl(MAV_HDL_REC* hdl);
 MAV_LOCAL MAV_HDL_REC* MavIXGetHdl(uint32_t flagMask);
 MAV_LOCAL uint32_t MavIXGetHdlSize(void);
 MAV_LOCAL uint32_t MavIXGetHdlSizeByName(const KORMO_CHAR* name, size_t length, uint32_t limit);
+// True when hdl is in the registry (takes the registry lock).
+MAV_LOCAL bool MavIXIsRegistered(MAV_HDL_REC* hdl);
+// Calls fn for each registered handle in order, under the registry lock, until
+// fn returns false.
+MAV_LOCAL void MavIXForEachHdl(bool (*fn)(MAV_HDL_REC* hdl, void* ctx), void* ctx);
 // The registry lock (outermost lock of the library).
 MAV_LOCAL int MavILockRegistry(void);
 MAV_LOCAL void MavIUnlockRegistry(void);
