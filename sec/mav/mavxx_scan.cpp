@@ -1,0 +1,433 @@
+// mavxx_scan.cpp - the scan calls: one adapter PelScan per call.
+//
+// This is the hot path. No lock is held (one instance scans on one thread at
+// a time), nothing is allocated when the adapter scans memory and the object
+// name needs no conversion, and trace text is formatted only when the level
+// asks for it.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "krncp.h"
+#include "krntrc.h"
+#include "mavxxi.h"
+
+namespace {
+
+constexpr size_t kSummarySize = 32;
+static_assert(sizeof(MAV_SCANINFO) == kSummarySize, "MAV_SCANINFO size");
+// Longest object name copied for a temporary file name.
+constexpr size_t kMaxTmpName = 255;
+
+// An instance record: size, marks and an engine instance.
+inline bool IsInstance(const MAV_INST_REC* r) {
+    return r->struct_size == MAV_INST_SIZE && r->uiHeadMark == MAV_INST_HEAD &&
+           r->uiTailMark == MAV_INST_TAIL && r->pPelInit != nullptr;
+}
+inline bool IsProfileInstance(const MAV_INST_REC* r) {
+    return r->struct_size == MAV_INST_SIZE && r->uiHeadMark == MAV_PINST_HEAD &&
+           r->uiTailMark == MAV_PINST_TAIL;
+}
+
+// True when KORMO_CHAR text is UTF-8 already (the usual process code page).
+inline bool CodePageIsUtf8() {
+    const char* cp = GetProcessCodePageU();
+    return cp[0] == '1' && cp[1] == '2' && cp[2] == '0' && cp[3] == '8' && cp[4] == '\0';
+}
+
+// The object name in UTF-8: the text itself when no conversion is needed,
+// else a converted copy in *owned. Null when the conversion fails.
+const char* Utf8Name(const KORMO_CHAR* name, char** owned) {
+    if (*name == '\0' || CodePageIsUtf8()) return name;
+    if (MavIKORMOToChar(owned, name) == 0) return nullptr;
+    return *owned;
+}
+
+void Neutralise(char* s) {
+    if (s == nullptr) return;
+    for (; *s != '\0'; ++s) {
+        if (*s == '<' || *s == '>') *s = '_';
+    }
+}
+
+// Every '<' and '>' in the texts of the first entry of each list becomes '_'.
+void NeutraliseFirstEntries(PEL_SCANINFO* si) {
+    if (si->uiInfections > 0 && si->pVirusInfo != nullptr) {
+        Neutralise(si->pVirusInfo->pszVirusName);
+        Neutralise(si->pVirusInfo->pszObjectName);
+        Neutralise(si->pVirusInfo->pszFreeTextInfo);
+    }
+    if (si->uiScanErrors > 0 && si->pScanError != nullptr) {
+        Neutralise(si->pScanError->pszObjectName);
+        Neutralise(si->pScanError->pszErrorText);
+    }
+    if (si->uiScanned > 0 && si->pContentInfo != nullptr) {
+        Neutralise(si->pContentInfo->pszObjectName);
+        Neutralise(si->pContentInfo->pszContentType);
+        Neutralise(si->pContentInfo->pszExtension);
+        Neutralise(si->pContentInfo->pszCharSet);
+    }
+}
+
+void TraceVerdict(MAV_RC rc) {
+    const char* text;
+    switch (rc) {
+        case MAV_E_CLEAN_OK:
+            text = "*** Detected infection was cleaned, but however a VIRUS might still exist.\n";
+            break;
+        case MAV_E_MACRO_FOUND:
+            text = "*** Macro found during action, where all active content treated as viruses.\n";
+            break;
+        case MAV_E_PATTERN_FOUND:
+            text = "*** Pattern matched! The object contains the searched content.\n";
+            break;
+        case MAV_E_CLEAN_FAILED:
+            text = "*** VIRUS alert! The object ***could not be cleaned*** and is still "
+                   "infected.\n";
+            break;
+        default:
+            text = "*** VIRUS alert! The object contains an infection.\n";
+            break;
+    }
+    MavPPrintTrace(MAV_TRC_VIRUS, __FILE__, "MavIXScan", __LINE__, "%s", text);
+}
+
+void TraceFailure(MAV_RC rc, uint32_t action) {
+    const char* text;
+    switch (rc) {
+        case MAV_E_NOT_INITIALISED:
+            text = "*** Fatal error, engine not initialized!\n";
+            break;
+        case MAV_E_EXPIRED:
+            text = "*** Engine expired, no scan actions possible.\n";
+            break;
+        case MAV_E_LOAD_FAILED:
+            text = "*** Fatal error, engine not loaded!\n";
+            break;
+        case MAV_E_NOT_SUPPORTED:
+            text = action >= 17 ? "*** Content scan feature is not supported. This PEL supports "
+                                  "only virus scanning!\n"
+                                : "*** Not supported feature supplied.\n";
+            break;
+        case MAV_E_INVALID_SCANOBJECT:
+            text = "*** Fatal error, scan object type invalid for this action.\n";
+            break;
+        case MAV_E_NOT_SCANNED:
+            text = "*** WARNING => The object was not scanned.\n";
+            break;
+        default:
+            text = "*** The scan was not successful! The object might contain an infection.\n";
+            break;
+    }
+    MavPPrintTrace(MAV_TRC_PEL, __FILE__, "MavIXScan", __LINE__, "%s", text);
+}
+
+// What one MavScanClean owns until it returns.
+struct ScanScratch {
+    char* tmpPath = nullptr;  // temporary file (fallback)
+    char* converted = nullptr;  // converted object name
+
+    ~ScanScratch() {
+        if (tmpPath != nullptr) {
+            if (tmpPath[0] != '\0') unlink(tmpPath);
+            MavIFree(tmpPath);
+        }
+        if (converted != nullptr) MavIFree(converted);
+    }
+};
+
+// Copies the handle's temporary directory (it may change under the lock).
+bool HandleTmpDir(MAV_HDL_REC* hdl, std::string* out) {
+    bool have = false;
+    MavILockHdl(hdl);
+    if (hdl->pszTmpPath != nullptr) {
+        out->assign(hdl->pszTmpPath);
+        have = true;
+    }
+    MavIUnlockHdl(hdl);
+    return have;
+}
+
+// Writes the bytes to a temporary file and points the scan request at it.
+MAV_RC PrepareTempFile(MAV_INST_REC* inst, const char* nameUtf8, const KORMO_CHAR* name,
+                       unsigned char* bytes, size_t length, ScanScratch* scratch) {
+    PEL_SCANPARAM* sp = inst->pScanParam;
+    MAV_TRC(MAV_TRC_INFO,
+            "This PEL does not support scanning bytes - copy bytes to file and scan this\n");
+    sp->tScanCode = VS_SC_FILE;
+
+    // The name base is changed ('/' and '\' to '~'): work on a copy, the
+    // caller's text stays as it is.
+    char base[kMaxTmpName + 1];
+    const char* src = "mavlib.bin";
+    if (nameUtf8 != nullptr && *nameUtf8 != '\0') {
+        src = nameUtf8;
+    } else if (name != nullptr && *name != '\0') {
+        src = Utf8Name(name, &scratch->converted);
+        if (src == nullptr) return MAV_E_CONVERSION_FAILED;
+    }
+    snprintf(base, sizeof base, "%s", src);
+
+    std::string dir;
+    bool own = HandleTmpDir(inst->pHdl, &dir);
+    MAV_RC rc = MavPXBytesToTempFile(bytes, length, own ? dir.c_str() : nullptr, base,
+                                     &scratch->tmpPath);
+    if (rc != MAV_OK) return rc;
+    if (CTrcGetTraceLevel() >= 3) {
+        CTrcSaveLocation(__FILE__, __LINE__);
+        DpTrcA7("Scan local file >>>%s<<< \n", scratch->tmpPath);
+    }
+    sp->pszObjectName = scratch->tmpPath;
+    sp->lLength = strlen(scratch->tmpPath);
+    sp->pbByte = nullptr;
+    return MAV_OK;
+}
+
+// Step 8 of a bytes scan that came back MAV_E_CLEAN_OK.
+void AfterCleanBytes(MAV_INST_REC* inst, const PEL_CONFIG* pelCfg, const char* tmpPath,
+                     unsigned char* bytes, size_t* length) {
+    PEL_SCANPARAM* sp = inst->pScanParam;
+    if (bytes == nullptr || length == nullptr) return;
+    if (sp->tScanCode == VS_SC_BYTES && (pelCfg->uiPelScanFlag & PEL_SCANFLAG_MEMORY) == 0 &&
+        tmpPath != nullptr && tmpPath[0] != '\0') {
+        FILE* fp = fopen(tmpPath, "rb");
+        if (fp != nullptr) {
+            struct stat st;
+            if (fstat(fileno(fp), &st) == 0 && static_cast<size_t>(st.st_size) < sp->lLength) {
+                size_t want = sp->lLength < *length ? sp->lLength : *length;
+                sp->lLength = fread(bytes, 1, want, fp);
+            }
+            fclose(fp);
+        }
+    }
+    if (*length > sp->lLength) memset(bytes + sp->lLength, 0, *length - sp->lLength);
+}
+
+}  // namespace
+
+extern "C" {
+
+MAV_RC MavIXScan(MAV_INST_REC* inst, MAV_SCANINFO* scanInfo) {
+    MAV_HDL_REC* hdl = inst->pHdl;
+    if (hdl == nullptr || hdl->pFunctions == nullptr || hdl->pFunctions->pfnScan == nullptr)
+        return MAV_E_NOT_INITIALISED;
+    if (scanInfo != nullptr && scanInfo->struct_size != kSummarySize) return MAV_E_INVALID_HANDLE;
+    const PEL_FUNCTIONS* fns = hdl->pFunctions;
+
+    if (inst->pScanInfo != nullptr) {
+        if (fns->pfnReleaseScan == nullptr) return MAV_E_NOT_INITIALISED;
+        MAV_TRC(MAV_TRC_PEL, ">> PelReleaseScan(%p) >> \n", static_cast<void*>(inst->pScanInfo));
+        int rrc = fns->pfnReleaseScan(&inst->pScanInfo);
+        MAV_TRC(MAV_TRC_PEL, "<< PelReleaseScan(%p) = %d << \n",
+                static_cast<void*>(inst->pScanInfo), rrc);
+        if (rrc != 0) return rrc;
+        inst->pScanInfo = nullptr;
+    }
+
+    MavIXFillScanCallback(inst);
+    PEL_OPTPARAMS* opt = inst->pCfg != nullptr ? inst->pCfg->pOptParams : nullptr;
+    PEL_SCANINFO** result = scanInfo != nullptr ? &inst->pScanInfo : nullptr;
+    if (MavITraceOn(MAV_TRC_PEL)) {
+        if (result != nullptr)
+            MavPPrintTrace(MAV_TRC_PEL, __FILE__, __func__, __LINE__,
+                           ">> PelScan(%p,%p,%p,%p,%p) >> \n", static_cast<void*>(inst->pPelInit),
+                           static_cast<void*>(&inst->sCallback),
+                           static_cast<void*>(inst->pScanParam), static_cast<void*>(opt),
+                           static_cast<void*>(result));
+        else
+            MavPPrintTrace(MAV_TRC_PEL, __FILE__, __func__, __LINE__,
+                           ">> PelScan(%p,%p,%p,%p,NULL) >> \n",
+                           static_cast<void*>(inst->pPelInit),
+                           static_cast<void*>(&inst->sCallback),
+                           static_cast<void*>(inst->pScanParam), static_cast<void*>(opt));
+    }
+    MAV_RC rc = fns->pfnScan(inst->pPelInit, &inst->sCallback, inst->pScanParam, opt, result);
+    MAV_TRC(MAV_TRC_PEL, "<< PelScan(%p,%p,%p,%p,%p) = %d << \n",
+            static_cast<void*>(inst->pPelInit), static_cast<void*>(&inst->sCallback),
+            static_cast<void*>(inst->pScanParam), static_cast<void*>(opt),
+            static_cast<void*>(result), rc);
+
+    PEL_SCANINFO* si = inst->pScanInfo;
+    if (si != nullptr) NeutraliseFirstEntries(si);
+
+    uint32_t level = MavITraceLevel();
+    int kernel = MavIKernelLevel();
+    if (kernel >= 2 || (level & MAV_TRC_PEL) != 0) {
+        if (si != nullptr) {
+            MAV_RC drc = MavIXTracePELScanInfo(inst);
+            if (drc != MAV_OK) MAV_TRC_E("Error rc = %s in MavIXTracePELScanInfo\n",
+                                         MavErrorName(drc));
+        } else {
+            MAV_TRC(MAV_TRC_PEL, "No PEL_SCANINFO passed\n");
+        }
+    }
+    if (rc < 0) {
+        if ((level & MAV_TRC_VIRUS) != 0) TraceVerdict(rc);
+    } else if (rc > 0) {
+        if (((level & MAV_TRC_PEL) != 0 && (level & MAV_TRC_WARNING) != 0) || kernel >= 2)
+            TraceFailure(rc, inst->pScanParam->tActionCode);
+    }
+
+    if (si != nullptr && scanInfo != nullptr) {
+        scanInfo->uiJobID = si->uiJobID;
+        scanInfo->uiScanned = si->uiScanned;
+        scanInfo->uiNotScanned = si->uiNotScanned;
+        scanInfo->uiClean = si->uiClean;
+        scanInfo->uiInfections = si->uiInfections;
+        scanInfo->uiScanErrors = si->uiScanErrors;
+        MAV_TRC(MAV_TRC_INFO,
+                "Scan report:JobID=%u::Scanned=%u::NotScanned=%u::Clean=%u::Infections=%u::"
+                "ScanErrors=%u\n",
+                si->uiJobID, si->uiScanned, si->uiNotScanned, si->uiClean, si->uiInfections,
+                si->uiScanErrors);
+    }
+    return rc;
+}
+
+MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
+                            const char* objectNameUtf8, const KORMO_CHAR* objectName,
+                            unsigned char* bytes, size_t* length, uint32_t jobId,
+                            MAV_SCANINFO* scanInfo) {
+    if (hdl == nullptr) {
+        MAV_TRC_E("%s: Invalid NULL parameter for instance handle\n", __func__);
+        return MAV_E_INVALID_HANDLE;
+    }
+    MAV_INST_REC* inst = static_cast<MAV_INST_REC*>(hdl);
+    if (IsProfileInstance(inst)) {
+        if (inst->pProfileInst == nullptr) return MAV_E_INVALID_HANDLE;
+        return MavIXScanClean(inst->pProfileInst, scanCode, actionCode, objectNameUtf8,
+                              objectName, bytes, length, jobId, scanInfo);
+    }
+    if (!IsInstance(inst)) {
+        MAV_TRC_E("%s: Invalid NULL parameter for instance handle\n", __func__);
+        return MAV_E_INVALID_HANDLE;
+    }
+    MAV_HDL_REC* h = inst->pHdl;
+    if (h == nullptr || h->pFunctions == nullptr || h->pPelConfig == nullptr) {
+        MAV_TRC_E("%s: NULL parameter for MAV handle, not initialized\n", __func__);
+        return MAV_E_NOT_INITIALISED;
+    }
+    MAV_TRC_ENTRY(">> start >> %s(%p,ScanCode=%d,ActionCode=%d,%p,%s,%p,%ld,JobID=%ul,"
+                  "Infoptr=%p)\n",
+                  __func__, hdl, static_cast<int>(scanCode), static_cast<int>(actionCode),
+                  static_cast<const void*>(objectNameUtf8),
+                  objectName != nullptr ? objectName : "null", static_cast<void*>(bytes),
+                  length != nullptr ? static_cast<long>(*length) : 0L, jobId,
+                  static_cast<void*>(scanInfo));
+
+    MAV_RC rc;
+    {
+        ScanScratch scratch;
+        const PEL_CONFIG* pelCfg = h->pPelConfig;
+        PEL_SCANPARAM* sp = inst->pScanParam;
+        sp->struct_size = sizeof(PEL_SCANPARAM);
+        sp->tScanCode = scanCode;
+        sp->tActionCode = actionCode != 0 ? actionCode
+                          : inst->pCfg != nullptr ? inst->pCfg->uiDefaultAction
+                                                  : MAV_DEFAULT_ACTION;
+        sp->uiJobID = jobId;
+        sp->pszObjectName = nullptr;
+        sp->pbByte = nullptr;
+        sp->lLength = 0;
+
+        bool hasUtf8 = objectNameUtf8 != nullptr && *objectNameUtf8 != '\0';
+        if (scanInfo != nullptr && scanInfo->struct_size != kSummarySize) {
+            rc = MAV_E_INVALID_HANDLE;
+        } else if (scanCode == VS_SC_BYTES) {
+            if (length == nullptr || (bytes == nullptr && *length != 0)) {
+                rc = MAV_E_NULL_PARAM;
+            } else if ((pelCfg->uiPelScanFlag & PEL_SCANFLAG_MEMORY) == 0) {
+                rc = PrepareTempFile(inst, objectNameUtf8, objectName, bytes, *length, &scratch);
+            } else {
+                sp->pbByte = bytes;
+                sp->lLength = *length;
+                rc = MAV_OK;
+                if (hasUtf8) {
+                    sp->pszObjectName = objectNameUtf8;
+                } else if (objectName != nullptr) {
+                    sp->pszObjectName = Utf8Name(objectName, &scratch.converted);
+                    if (sp->pszObjectName == nullptr) rc = MAV_E_CONVERSION_FAILED;
+                }
+            }
+        } else if (scanCode == VS_SC_FILE) {
+            rc = MAV_OK;
+            if (hasUtf8) {
+                sp->pszObjectName = objectNameUtf8;
+            } else if (objectName != nullptr) {
+                sp->pszObjectName = Utf8Name(objectName, &scratch.converted);
+                if (sp->pszObjectName == nullptr) rc = MAV_E_CONVERSION_FAILED;
+            } else {
+                MAV_TRC_E("No file name supplied to scan file method.\n");
+                rc = MAV_E_NULL_PARAM;
+            }
+            if (rc == MAV_OK) sp->lLength = strlen(sp->pszObjectName);
+        } else {
+            MAV_TRC_E("This scan code >>>%d<<< is invalid or not supported.\n",
+                      static_cast<int>(scanCode));
+            rc = MAV_E_SCANPAR_UNSUPPORTED;
+        }
+
+        if (rc == MAV_OK) {
+            rc = MavIXScan(inst, scanInfo);
+            if (rc == MAV_E_CLEAN_OK && scanCode == VS_SC_BYTES)
+                AfterCleanBytes(inst, pelCfg, scratch.tmpPath, bytes, length);
+        }
+        // The scan request must not keep pointers to what is freed now.
+        if (scratch.tmpPath != nullptr || scratch.converted != nullptr)
+            sp->pszObjectName = nullptr;
+    }
+    MAV_TRC_EXIT(rc);
+    return rc;
+}
+
+MAV_API MAV_RC MavScanFile(void* hdl, const KORMO_CHAR* fileName, uint32_t jobId,
+                           MAV_SCANINFO* scanInfo) {
+    MAV_TRC_ENTRY(">> start >> %s(%p,%s,%u,%p)\n", __func__, hdl,
+                  fileName != nullptr ? fileName : "null", jobId, static_cast<void*>(scanInfo));
+    MAV_RC rc = MavScanClean(hdl, VS_SC_FILE, 0, nullptr, fileName, nullptr, nullptr, jobId,
+                             scanInfo);
+    MAV_TRC_EXIT(rc);
+    return rc;
+}
+
+MAV_API MAV_RC MavCleanFile(void* hdl, const KORMO_CHAR* fileName, uint32_t jobId,
+                            MAV_SCANINFO* scanInfo) {
+    MAV_TRC_ENTRY(">> start >> %s(%p,%s,%u,%p)\n", __func__, hdl,
+                  fileName != nullptr ? fileName : "null", jobId, static_cast<void*>(scanInfo));
+    MAV_CFG* cfg = MavIGetCfg(hdl);
+    uint32_t action = (cfg != nullptr ? cfg->uiDefaultAction : 0) | VS_A_CLEAN;
+    MAV_RC rc = MavScanClean(hdl, VS_SC_FILE, action, nullptr, fileName, nullptr, nullptr, jobId,
+                             scanInfo);
+    MAV_TRC_EXIT(rc);
+    return rc;
+}
+
+MAV_API MAV_RC MavScanBytes(void* hdl, const KORMO_CHAR* objectName, unsigned char* bytes,
+                            size_t length, uint32_t jobId, MAV_SCANINFO* scanInfo) {
+    MAV_TRC_ENTRY(">> start >> %s(%p,%s,%p,%lu,%u,%p)\n", __func__, hdl,
+                  objectName != nullptr ? objectName : "null", static_cast<void*>(bytes),
+                  static_cast<unsigned long>(length), jobId, static_cast<void*>(scanInfo));
+    MAV_RC rc = MavScanClean(hdl, VS_SC_BYTES, 0, nullptr, objectName, bytes, &length, jobId,
+                             scanInfo);
+    MAV_TRC_EXIT(rc);
+    return rc;
+}
+
+MAV_API MAV_RC MavCleanBytes(void* hdl, const KORMO_CHAR* objectName, unsigned char* bytes,
+                             size_t* length, uint32_t jobId, MAV_SCANINFO* scanInfo) {
+    MAV_TRC_ENTRY(">> start >> %s(%p,%s,%p,%p,%u,%p)\n", __func__, hdl,
+                  objectName != nullptr ? objectName : "null", static_cast<void*>(bytes),
+                  static_cast<void*>(length), jobId, static_cast<void*>(scanInfo));
+    MAV_CFG* cfg = MavIGetCfg(hdl);
+    uint32_t action = (cfg != nullptr ? cfg->uiDefaultAction : 0) | VS_A_CLEAN;
+    MAV_RC rc = MavScanClean(hdl, VS_SC_BYTES, action, nullptr, objectName, bytes, length, jobId,
+                             scanInfo);
+    MAV_TRC_EXIT(rc);
+    return rc;
+}
+
+}  // extern "C"
