@@ -144,6 +144,10 @@ struct MAV_HDL_REC {
     size_t aReserved[8]; // [0] start-up state bits, [1] pPool slots (mavxx_init/_inst)
     uint32_t uiTailMark; // MAV_HDL_TAIL
 };
+// MAV_HDL_REC.aReserved[0] bits and the pool array's slot count.
+constexpr size_t MAV_HDL_STARTED = 0x1; // PelStartup succeeded
+#define MAV_HDL_STATE(h) ((h)->aReserved[0])
+#define MAV_HDL_POOL_SLOTS(h) ((h)->aReserved[1])
 static_assert(sizeof(MAV_HDL_REC) == MAV_HDL_SIZE, "MAV_HANDLE size");
 static_assert(offsetof(MAV_HDL_REC, uiHeadMark) == 8, "MAV_HANDLE head");
 static_assert(offsetof(MAV_HDL_REC, uiTailMark) == 208, "MAV_HANDLE tail");
