@@ -113,22 +113,22 @@ MAV_RC MavPXRegisterCallback(void* hdl, const MAV_EVENTS* events, MAV_EVENT_HAND
         mask = tableMask;
     }
 
-    MavILockHdl(h);
+    int locked = MavILockHdl(h);
     MAV_CFG* cfg = nullptr;
     MAV_RC rc = MavIXAssignHdlToCFG(hdl, &cfg);
     if (rc != MAV_OK) {
-        MavIUnlockHdl(h);
+        if (locked) MavIUnlockHdl(h);
         return rc;
     }
     if (cfg->pAux == nullptr || cfg->pCallback == nullptr) {
-        MavIUnlockHdl(h);
+        if (locked) MavIUnlockHdl(h);
         return MAV_E_NOT_INITIALISED;
     }
     MAV_EVENT_REG* reg = __atomic_load_n(&cfg->pAux->pEvents, __ATOMIC_ACQUIRE);
     if (reg == nullptr && mask != 0) {
         reg = static_cast<MAV_EVENT_REG*>(MavIAlloc(sizeof(MAV_EVENT_REG), true));
         if (reg == nullptr) {
-            MavIUnlockHdl(h);
+            if (locked) MavIUnlockHdl(h);
             return MAV_E_NO_SPACE;
         }
         __atomic_store_n(&cfg->pAux->pEvents, reg, __ATOMIC_RELEASE);
@@ -146,7 +146,7 @@ MAV_RC MavPXRegisterCallback(void* hdl, const MAV_EVENTS* events, MAV_EVENT_HAND
         Store(&cb->pfnCallback, static_cast<PEL_CALLBACK_FN>(MavPXCallback));
         Store(&cb->uiMessageMask, mask);
         Store(&cb->pvContext, static_cast<void*>(cfg));
-        MavIUnlockHdl(h);
+        if (locked) MavIUnlockHdl(h);
         MAV_TRC(MAV_TRC_EVENT, "Event handler was set. Notification will activated!\n");
         return MAV_OK;
     }
@@ -161,7 +161,7 @@ MAV_RC MavPXRegisterCallback(void* hdl, const MAV_EVENTS* events, MAV_EVENT_HAND
     Store(&cb->pfnCallback, static_cast<PEL_CALLBACK_FN>(nullptr));
     Store(&cb->uiMessageMask, 0u);
     Store(&cb->pvContext, static_cast<void*>(nullptr));
-    MavIUnlockHdl(h);
+    if (locked) MavIUnlockHdl(h);
     MAV_TRC(MAV_TRC_WARNING, "No event handler were set. Notification will be deactivated!\n");
     return MAV_OK;
 }

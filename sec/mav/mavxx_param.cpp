@@ -30,10 +30,10 @@ MAV_RC SyncTmpPath(void* hdlOrInst) {
     MAV_HDL_REC* hdl = MavIGetHandle(hdlOrInst);
     if (hdl == nullptr) return MAV_E_INVALID_HANDLE;
     MAV_RC rc = MAV_OK;
-    MavILockHdl(hdl);
+    int locked = MavILockHdl(hdl);
     PEL_PARAM* entry = nullptr;
     if (MavIGetPelParameter(hdlOrInst, "INITTEMP_PATH", 0, &entry) != MAV_OK) {
-        MavIUnlockHdl(hdl);
+        if (locked) MavIUnlockHdl(hdl);
         return MAV_OK;
     }
     const char* value = static_cast<const char*>(entry->pvValue);
@@ -61,7 +61,7 @@ MAV_RC SyncTmpPath(void* hdlOrInst) {
             }
         }
     }
-    MavIUnlockHdl(hdl);
+    if (locked) MavIUnlockHdl(hdl);
     return rc;
 }
 

@@ -143,12 +143,12 @@ struct ScanScratch {
 // Copies the handle's temporary directory (it may change under the lock).
 bool HandleTmpDir(MAV_HDL_REC* hdl, std::string* out) {
     bool have = false;
-    MavILockHdl(hdl);
+    int locked = MavILockHdl(hdl);
     if (hdl->pszTmpPath != nullptr) {
         out->assign(hdl->pszTmpPath);
         have = true;
     }
-    MavIUnlockHdl(hdl);
+    if (locked) MavIUnlockHdl(hdl);
     return have;
 }
 

@@ -325,10 +325,10 @@ MAV_RC MavISetDefaultConfig(void* hdlOrInst) {
     if (hdl == nullptr) return MAV_E_INVALID_HANDLE;
     if (hdl->pPelConfig == nullptr) return MAV_E_NOT_INITIALISED;
     MAV_CFG* cfg = nullptr;
-    MavILockHdl(hdl);
+    int locked = MavILockHdl(hdl);
     MAV_RC rc = MavIXAssignHdlToCFG(hdlOrInst, &cfg);
     if (rc == MAV_OK) rc = MavIXSetDefaultConfig(hdl->pPelConfig, cfg);
-    MavIUnlockHdl(hdl);
+    if (locked) MavIUnlockHdl(hdl);
     return rc;
 }
 
@@ -483,11 +483,11 @@ MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORM
     const char* name = MavIXGetPelParamName(param->tCode);
 
     if (IsCustCode(param->tCode)) {
-        MavILockHdl(hdl);
+        int locked = MavILockHdl(hdl);
         MAV_CFG* cfg = nullptr;
         MAV_RC rc = MavIXAssignHdlToCFG(hdlOrInst, &cfg);
         if (rc == MAV_OK) rc = SetCustom(cfg, param->tCode, text);
-        MavIUnlockHdl(hdl);
+        if (locked) MavIUnlockHdl(hdl);
         if (rc == MAV_OK)
             MAV_TRC(MAV_TRC_PARAM, "Parameter %s was set with value %s\n", name,
                     text != nullptr ? text : "(null)");
@@ -541,7 +541,7 @@ MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORM
             return MAV_E_INVALID_PARAM_TYPE;
     }
 
-    MavILockHdl(hdl);
+    int locked = MavILockHdl(hdl);
     MAV_CFG* cfg = nullptr;
     MAV_RC rc = MavIXAssignHdlToCFG(hdlOrInst, &cfg);
     if (rc == MAV_OK) {
@@ -559,7 +559,7 @@ MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORM
             }
         }
     }
-    MavIUnlockHdl(hdl);
+    if (locked) MavIUnlockHdl(hdl);
     MavIFree(utf8);
     if (rc == MAV_OK) MAV_TRC(MAV_TRC_PARAM, "Parameter %s was set with value %s\n", name, text);
     return rc;
@@ -577,16 +577,16 @@ MAV_RC MavISetDefaultValue(void* hdlOrInst, const MAV_PARAM_ID* param) {
     int32_t code = param->tCode;
     const char* name = MavIXGetPelParamName(code);
 
-    MavILockHdl(hdl);
+    int locked = MavILockHdl(hdl);
     MAV_CFG* cfg = nullptr;
     MAV_RC rc = MavIXAssignHdlToCFG(hdlOrInst, &cfg);
     if (rc != MAV_OK) {
-        MavIUnlockHdl(hdl);
+        if (locked) MavIUnlockHdl(hdl);
         return rc;
     }
     if (IsCustCode(code)) {
         cfg->uiDefaultAction = MAV_DEFAULT_ACTION;
-        MavIUnlockHdl(hdl);
+        if (locked) MavIUnlockHdl(hdl);
         return MAV_OK;
     }
     bool initList = false;
@@ -602,7 +602,7 @@ MAV_RC MavISetDefaultValue(void* hdlOrInst, const MAV_PARAM_ID* param) {
         MAV_TRC(MAV_TRC_PARAM, "Optional block parameter %s will be set with its default value\n",
                 name);
     } else {
-        MavIUnlockHdl(hdl);
+        if (locked) MavIUnlockHdl(hdl);
         MAV_TRC_W("Warning: Parameter with tCode(%d) is unknown\n", code);
         return MAV_E_PARAM_UNSUPPORTED;
     }
@@ -610,12 +610,12 @@ MAV_RC MavISetDefaultValue(void* hdlOrInst, const MAV_PARAM_ID* param) {
     const PEL_PARAMS* src = initList ? pelCfg->pInitParams : pelCfg->pOptParams;
     PEL_PARAMS* dst = initList ? cfg->pInitParams : cfg->pOptParams;
     if (idx < 0 || src == nullptr || src->pParams == nullptr || idx >= src->usNumParams) {
-        MavIUnlockHdl(hdl);
+        if (locked) MavIUnlockHdl(hdl);
         MAV_TRC_E("Parameter %s is not supported by this PEL\n", name);
         return MAV_E_PARAM_UNSUPPORTED;
     }
     rc = MavIXCopyParameter(&dst->pParams[idx], code, &src->pParams[idx], initList);
-    MavIUnlockHdl(hdl);
+    if (locked) MavIUnlockHdl(hdl);
     return rc;
 }
 
