@@ -151,7 +151,7 @@ void tpel_clear_drivers(void);
 void tpel_add_driver(const char* name, uint16_t major, uint16_t minor, int64_t date,
                      uint32_t viruses, uint32_t variants, int32_t driverRc);
 
-/* ---- Additions ------------------------------------------------------------- */
+/* ---- Further scripting and inspection -------------------------------------- */
 /* Object size placeholder for tpel_script_infection/scan_error/content: the
  * size of the scanned object (the file's size for a file scan, else lLength). */
 #define TPEL_SIZE_OF_OBJECT ((size_t)-1)
