@@ -22,8 +22,8 @@ if(TARGET mavscan)
   install(FILES ${CMAKE_SOURCE_DIR}/tools/mavscan/mavscan.1
           DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
-if(DEFINED KORMO_JAR AND EXISTS ${KORMO_JAR} OR TARGET kormomav_jar)
-  install(FILES ${KORMO_JAR} DESTINATION ${CMAKE_INSTALL_DATADIR}/java OPTIONAL)
+if(KORMO_JAR)
+  install(FILES "${KORMO_JAR}" DESTINATION ${CMAKE_INSTALL_DATADIR}/java OPTIONAL)
 endif()
 
 install(EXPORT kormomavTargets NAMESPACE kormomav::
