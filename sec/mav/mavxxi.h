@@ -318,6 +318,18 @@ MAV_LOCAL MAV_RC MavIXFreeInst(MAV_INST_REC** inst);
 MAV_LOCAL MAV_RC MavIXAddInst2List(MAV_HDL_REC* hdl, MAV_INST_REC* inst);
 MAV_LOCAL MAV_RC MavIXRemoveInst(MAV_INST_REC* inst);
 MAV_LOCAL MAV_RC MavIXAssignHdlToCFG(void* hdlOrInst, MAV_CFG** cfg);
+// Frees a new instance that never joined its handle (engine ended unless shared).
+MAV_LOCAL void MavIXDiscardInst(MAV_INST_REC** inst);
+// With the handle locked: releases a pooled or listed instance, takes it out of
+// the pool array or list, frees it and lowers the counts. A failed release
+// changes nothing; MAV_E_NOT_INITIALISED (no adapter table) still frees it.
+MAV_LOCAL MAV_RC MavIXEndInst(MAV_HDL_REC* hdl, MAV_INST_REC* inst);
+// With the handle locked: ends every pooled instance (from the last slot down
+// when lastFirst); stops at the first failure.
+MAV_LOCAL MAV_RC MavIXEndPooled(MAV_HDL_REC* hdl, bool lastFirst);
+// With the handle locked: creates free pooled instances until uiPooled reaches
+// uiPoolSize, each given the default parameters when setDefaults.
+MAV_LOCAL MAV_RC MavIXFillPool(MAV_HDL_REC* hdl, bool setDefaults);
 // The configuration a handle or instance reads (no copy made).
 MAV_LOCAL MAV_CFG* MavIGetCfg(void* hdlOrInst);
 
