@@ -385,7 +385,11 @@ MAV_API uint32_t MavGetTraceLevel(void);
 /* Maps a basis level 0..3 onto the library's and the kernel's trace levels. */
 MAV_API MAV_RC MavSetBasisTraceLevel(uint32_t basis);
 
-/* A non-null stream becomes the trace stream (null changes nothing). */
+/* A non-null stream becomes the trace stream and the kernel trace stream
+ * (null changes nothing). The library takes it over: MavDeactivateTrace and
+ * MavActivateTrace close it (never stdin, stdout or stderr). A stream that
+ * MavActivateTrace opened is closed when replaced. Without any stream, MavInit
+ * traces to standard error. */
 MAV_API MAV_RC MavSetTraceFile(FILE* stream);
 
 /* The library's trace stream, else the kernel trace stream. */
@@ -395,7 +399,9 @@ MAV_API FILE* MavGetTraceFile(void);
 MAV_API MAV_RC MavSetTraceHandler(MAV_TRACE_HANDLER handler);
 
 /* Opens fileName afresh for the trace (an existing file is kept as
- * fileName.old) with a basis level; null or empty deactivates the trace. */
+ * fileName.old) with a basis level; null or empty deactivates the trace.
+ * MAV_E_INVALID_PARAM when the file cannot be opened (the trace then has no
+ * library stream). */
 MAV_API MAV_RC MavActivateTrace(const KORMO_CHAR* fileName, uint32_t basis);
 
 /* Closes the library's trace file and switches the trace off. */
