@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -310,6 +311,37 @@ TEST_F(Trace, ConcurrentLinesNeverInterleave) {
         ASSERT_TRUE(std::regex_match(l, m, line)) << l;
         EXPECT_EQ(m[1], m[2]);
     }
+}
+
+std::atomic<int> handlerCalls{0};
+std::atomic<int> badTexts{0};
+
+int CountingHandler(const char*, const char*, int line, uint32_t, const char* text) {
+    handlerCalls++;
+    char want[64];
+    snprintf(want, sizeof want, "from %d\n", line);
+    if (strcmp(want, text) != 0) badTexts++;
+    return 0;
+}
+
+TEST_F(Trace, ConcurrentHandlerLinesAreWholeAndOwnBuffers) {
+    handlerCalls = 0;
+    badTexts = 0;
+    MavSetTraceHandler(CountingHandler);
+    MavSetTraceLevel(0xFFFF); // the memory bit too: hooks run inside the writer
+    constexpr int kThreads = 4, kLines = 300;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; t++) {
+        threads.emplace_back([t] {
+            for (int i = 0; i < kLines; i++) {
+                MAV_TRC(MAV_TRC_THREAD, "from %d\n", __LINE__);
+                MavPPrintTrace(MAV_TRC_THREAD, "x.c", "F", t * 1000 + i, "from %d\n", t * 1000 + i);
+            }
+        });
+    }
+    for (auto& th : threads) th.join();
+    EXPECT_EQ(2 * kThreads * kLines, handlerCalls.load());
+    EXPECT_EQ(0, badTexts.load());
 }
 
 } // namespace
