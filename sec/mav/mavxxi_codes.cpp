@@ -24,8 +24,7 @@ constexpr MavCodeRow kResults[] = {
     {3, "MAV_E_INVALID_PARAM", "At least one parameter is invalid."},
     {4, "MAV_E_INVALID_HANDLE", "Invalid handle of the scan engine or PEL."},
     {5, "MAV_E_NOT_INITIALISED", "The PEL initialization was not successful, see PEL error."},
-    {6, "MAV_E_EXPIRED",
-     "Engine or drivers are expired, check the date of engine and drive(s)."},
+    {6, "MAV_E_EXPIRED", "Engine or drivers are expired, check the date of engine and drive(s)."},
     {7, "MAV_E_LOAD_FAILED", "The instance could not be loaded."},
     {8, "MAV_E_BAD_EXPRESSION", "The passed regular expression contains a bad expression."},
     {9, "MAV_E_DRIVER_FAILED", "At least one driver could not be loaded into the AV engine"},
@@ -78,7 +77,7 @@ const MavCodeRow* MavIFindRow(MAV_RC rc) {
     return m < kVerdictRows ? &kVerdicts[m] : nullptr;
 }
 
-} // namespace
+}  // namespace
 
 extern "C" {
 
@@ -92,4 +91,4 @@ MAV_API const char* MavErrorDescription(MAV_RC rc) {
     return row != nullptr ? row->description : kUnknown;
 }
 
-} // extern "C"
+}  // extern "C"

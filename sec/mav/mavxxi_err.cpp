@@ -20,7 +20,9 @@ PEL_INIT* MavIErrInit(void* p) {
 
 // Locks the handle's section when it exists (a handle whose start-up failed
 // early may have none); true when it was taken.
-bool MavIErrLock(MAV_HDL_REC* hdl) { return ThrCSLock(hdl->pCS) == THR_RC_OK; }
+bool MavIErrLock(MAV_HDL_REC* hdl) {
+    return ThrCSLock(hdl->pCS) == THR_RC_OK;
+}
 
 // Gives the caller a new zero-filled buffer of L + 2 bytes when L exceeds its
 // size (its old buffer stays the caller's); *textLength becomes L + 1.
@@ -84,7 +86,7 @@ MAV_RC MavIErrTextFromList(const MAV_HDL_REC* hdl, KORMO_CHAR** textBuffer, size
     return MAV_OK;
 }
 
-} // namespace
+}  // namespace
 
 extern "C" {
 
@@ -97,7 +99,7 @@ MAV_LOCAL void MavPAddError(MAV_HDL_REC* hdl, const char* text, MAV_RC rc) {
         hdl->errorCount = 0;
         list = MavIAlloc(sizeof(MAV_ERROR_ENTRY), true);
     }
-    if (list == nullptr) return; // lost silently; the old list stays intact
+    if (list == nullptr) return;  // lost silently; the old list stays intact
     hdl->errors = static_cast<MAV_ERROR_ENTRY*>(list);
     MAV_ERROR_ENTRY& entry = hdl->errors[hdl->errorCount];
     entry.pszText = strdup(text);
@@ -149,4 +151,4 @@ MAV_API MAV_RC MavAdapterErrorText(void* hdl, KORMO_CHAR** textBuffer, size_t* t
     return rc;
 }
 
-} // extern "C"
+}  // extern "C"

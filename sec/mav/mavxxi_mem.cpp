@@ -27,13 +27,19 @@ MavMmHooks mavMmCb;
 
 // The default hooks trace themselves at bit 16, except while the trace writer
 // of this thread calls them.
-inline bool MavIMemTraceOn() { return MavITraceOn(MAV_TRC_MEMORY) && !MavIInTraceWriter(); }
-inline bool MavIErrTraceOn() { return MavITraceOn(MAV_TRC_ERROR) && !MavIInTraceWriter(); }
+inline bool MavIMemTraceOn() {
+    return MavITraceOn(MAV_TRC_MEMORY) && !MavIInTraceWriter();
+}
+inline bool MavIErrTraceOn() {
+    return MavITraceOn(MAV_TRC_ERROR) && !MavIInTraceWriter();
+}
 
 // printf precision for a source of n bytes ((size_t)-1: NUL-terminated).
-inline int MavIPrecision(size_t n) { return n > static_cast<size_t>(INT_MAX) ? -1 : int(n); }
+inline int MavIPrecision(size_t n) {
+    return n > static_cast<size_t>(INT_MAX) ? -1 : int(n);
+}
 
-} // namespace
+}  // namespace
 
 extern "C" {
 
@@ -68,8 +74,8 @@ MAV_LOCAL void* MavPXAlloc(size_t size, int clean, const char* tag) {
     }
     if (MavIMemTraceOn()) {
         MavPPrintTrace(MAV_TRC_MEMORY, __FILE__, __func__, __LINE__,
-                       "MavPXAlloc alloc (ptr=%p,size=%ld,clean=%d)\n", p,
-                       static_cast<long>(size), clean);
+                       "MavPXAlloc alloc (ptr=%p,size=%ld,clean=%d)\n", p, static_cast<long>(size),
+                       clean);
     }
     return p;
 }
@@ -127,8 +133,8 @@ MAV_LOCAL MAV_RC MavIUtf8sToUcs(KORMO_CHAR* dest, size_t destSize, size_t* lengt
         *length = n;
         return MAV_OK;
     }
-    MAV_TRC_E("Utf8sToUcs returns error: %d, in %.*s , len %d \n", rc, MavIPrecision(*length),
-              utf8, static_cast<int>(*length));
+    MAV_TRC_E("Utf8sToUcs returns error: %d, in %.*s , len %d \n", rc, MavIPrecision(*length), utf8,
+              static_cast<int>(*length));
     return rc == CP_RC_BUFFER_TOO_SMALL ? MAV_E_BUFFER_TOO_SHORT : MAV_E_CONVERSION_FAILED;
 }
 
@@ -220,4 +226,4 @@ MAV_LOCAL MAV_RC MavIPutText(const char* utf8, KORMO_CHAR* buf, size_t* length) 
     return MAV_OK;
 }
 
-} // extern "C"
+}  // extern "C"

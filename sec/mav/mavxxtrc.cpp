@@ -25,7 +25,7 @@ constexpr const char kModule[] = "mavxxtrc.cpp";
 // Longest text handed to a trace handler (without its terminator).
 constexpr size_t kHandlerTextMax = 4095;
 
-THR_CRIT_SEC trcFileCS; // zero storage: not yet created
+THR_CRIT_SEC trcFileCS;  // zero storage: not yet created
 THR_CRIT_SEC trcBufferCS;
 std::once_flag trcOnce;
 
@@ -60,8 +60,12 @@ bool MavILockBuffer() {
     return ThrCSLock(&trcBufferCS) == THR_RC_OK;
 }
 
-void MavIUnlockFile() { ThrCSUnlock(&trcFileCS); }
-void MavIUnlockBuffer() { ThrCSUnlock(&trcBufferCS); }
+void MavIUnlockFile() {
+    ThrCSUnlock(&trcFileCS);
+}
+void MavIUnlockBuffer() {
+    ThrCSUnlock(&trcBufferCS);
+}
 
 // Label of the lowest of the sixteen level bits that is set.
 const char* MavILabel(uint32_t level) {
@@ -83,8 +87,8 @@ void MavICloseStream(FILE* fp) {
     DpUnlock();
 }
 
-void MavIWriteFile(uint32_t level, const char* file, const char* func, int line,
-                   const char* format, va_list args) {
+void MavIWriteFile(uint32_t level, const char* file, const char* func, int line, const char* format,
+                   va_list args) {
     if (trcStream.load() == nullptr && CTrcGetFpTf() == nullptr) return;
     if (!MavILockFile()) {
         FILE* fp = trcStream.load();
@@ -125,8 +129,8 @@ void MavIWriteFile(uint32_t level, const char* file, const char* func, int line,
     MavIUnlockFile();
 }
 
-void MavIWriteHandler(MAV_TRACE_HANDLER handler, uint32_t level, const char* file,
-                      const char* func, int line, const char* format, va_list args) {
+void MavIWriteHandler(MAV_TRACE_HANDLER handler, uint32_t level, const char* file, const char* func,
+                      int line, const char* format, va_list args) {
     if (!MavILockBuffer()) {
         handler(kModule, "MavPPrintTrace", 512, MAV_TRC_ERROR,
                 "*** ERROR => critical section for trace buffer could not be set !!! \n");
@@ -172,15 +176,19 @@ void MavIVPrintTrace(uint32_t level, const char* file, const char* func, int lin
     }
 }
 
-} // namespace
+}  // namespace
 
 extern "C" {
 
 std::atomic<uint32_t> mavTraceLevel{0};
 
-MAV_LOCAL bool MavIInTraceWriter(void) { return trcInWriter; }
+MAV_LOCAL bool MavIInTraceWriter(void) {
+    return trcInWriter;
+}
 
-MAV_LOCAL int MavIKernelLevel(void) { return CTrcGetTraceLevel(); }
+MAV_LOCAL int MavIKernelLevel(void) {
+    return CTrcGetTraceLevel();
+}
 
 MAV_API void MavPPrintTrace(uint32_t level, const char* sourceFile, const char* functionName,
                             int line, const char* format, ...) {
@@ -210,7 +218,9 @@ MAV_API MAV_RC MavSetTraceLevel(uint32_t level) {
     return MAV_OK;
 }
 
-MAV_API uint32_t MavGetTraceLevel(void) { return mavTraceLevel.load(); }
+MAV_API uint32_t MavGetTraceLevel(void) {
+    return mavTraceLevel.load();
+}
 
 MAV_API MAV_RC MavSetBasisTraceLevel(uint32_t basis) {
     static const uint32_t kLibLevels[4] = {0x2u, 0x206u, 0x26Eu, 0x7FFEu};
@@ -302,4 +312,4 @@ MAV_LOCAL void MavIOpenDefaultTrace(void) {
     MavIUnlockFile();
 }
 
-} // extern "C"
+}  // extern "C"

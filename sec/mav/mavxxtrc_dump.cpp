@@ -15,12 +15,14 @@ constexpr const char kConfigFn[] = "MavIXTracePELConfig";
 
 #define MAV_DUMP(fn, ...) MavPPrintTrace(MAV_TRC_PEL, __FILE__, (fn), __LINE__, __VA_ARGS__)
 
-bool MavIDumpOff() { return MavIKernelLevel() < 2 && (MavITraceLevel() & MAV_TRC_PEL) == 0; }
+bool MavIDumpOff() {
+    return MavIKernelLevel() < 2 && (MavITraceLevel() & MAV_TRC_PEL) == 0;
+}
 
 // An adapter text converted for output; a null text prints as "(null)", one
 // that does not convert as it is.
 class MavIDumpText {
-public:
+  public:
     explicit MavIDumpText(const char* utf8) : text_(utf8 != nullptr ? utf8 : "(null)") {
         if (utf8 != nullptr && utf8[0] != 0 && MavICharToKORMO(&buf_, utf8) > 0) text_ = buf_;
     }
@@ -29,7 +31,7 @@ public:
     MavIDumpText& operator=(const MavIDumpText&) = delete;
     const char* c_str() const { return text_; }
 
-private:
+  private:
     char* buf_ = nullptr;
     const char* text_;
 };
@@ -156,7 +158,7 @@ void MavIDumpParams(bool initList, const PEL_PARAMS* list) {
     }
 }
 
-} // namespace
+}  // namespace
 
 extern "C" {
 
@@ -261,4 +263,4 @@ MAV_LOCAL MAV_RC MavIXTracePELConfig(void* hdl) {
     return MAV_OK;
 }
 
-} // extern "C"
+}  // extern "C"

@@ -85,4 +85,4 @@ TEST(Codes, ResultsAreConstantAndStable) {
     EXPECT_EQ(MavErrorDescription(99), MavErrorDescription(-99));
 }
 
-} // namespace
+}  // namespace

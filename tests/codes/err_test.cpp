@@ -19,11 +19,15 @@ void* CountAlloc(size_t size, int clean, const char*) {
     if (failAlloc) return nullptr;
     return clean ? calloc(1, size) : malloc(size);
 }
-void* PlainRealloc(void* p, size_t size, const char*) { return failAlloc ? nullptr : realloc(p, size); }
-void PlainFree(void* p) { free(p); }
+void* PlainRealloc(void* p, size_t size, const char*) {
+    return failAlloc ? nullptr : realloc(p, size);
+}
+void PlainFree(void* p) {
+    free(p);
+}
 
 class ErrorList : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         allocs = 0;
         failAlloc = false;
@@ -78,9 +82,9 @@ TEST_F(ErrorList, LatestTextIsReturned) {
     EXPECT_EQ(MAV_OK, MavAdapterErrorText(hdl_, &buf, &len));
     EXPECT_EQ(storage, buf);
     EXPECT_STREQ("PelInit failed: no drivers", storage);
-    EXPECT_EQ(sizeof storage, len); // left as the caller set it
+    EXPECT_EQ(sizeof storage, len);  // left as the caller set it
 
-    EXPECT_EQ(MAV_OK, MavAdapterErrorText(hdl_, &buf, nullptr)); // nothing asked
+    EXPECT_EQ(MAV_OK, MavAdapterErrorText(hdl_, &buf, nullptr));  // nothing asked
     EXPECT_EQ(MAV_E_NULL_PARAM, MavAdapterErrorText(nullptr, &buf, &len));
 }
 
@@ -92,10 +96,10 @@ TEST_F(ErrorList, SmallBufferIsReplacedByANewOne) {
     allocs = 0;
     EXPECT_EQ(MAV_OK, MavAdapterErrorText(hdl_, &buf, &len));
     EXPECT_NE(storage, buf);
-    EXPECT_STREQ("old", storage); // the caller's buffer is untouched
+    EXPECT_STREQ("old", storage);  // the caller's buffer is untouched
     EXPECT_EQ(1, allocs);
-    EXPECT_EQ(12u, lastAllocSize); // length + 2, zero-filled
-    EXPECT_EQ(11u, len);           // length + 1
+    EXPECT_EQ(12u, lastAllocSize);  // length + 2, zero-filled
+    EXPECT_EQ(11u, len);            // length + 1
     EXPECT_STREQ("0123456789", buf);
     free(buf);
 
@@ -126,7 +130,7 @@ TEST_F(ErrorList, EngineRecordTakesPrecedence) {
     init.pszErrorText = "licence expired";
     MavPAddError(hdl_, "from the list", 1);
     EXPECT_EQ(0xFFFFFFFFu, MavAdapterErrorCode(nullptr));
-    EXPECT_EQ(0xFFFFFFFFu, MavAdapterErrorCode(hdl_)); // no PEL_INIT
+    EXPECT_EQ(0xFFFFFFFFu, MavAdapterErrorCode(hdl_));  // no PEL_INIT
     hdl_->pSharedInit = &init;
     EXPECT_EQ(static_cast<uint32_t>(-17), MavAdapterErrorCode(hdl_));
 
@@ -145,7 +149,7 @@ TEST_F(ErrorList, EngineRecordTakesPrecedence) {
     char* buf = storage;
     len = sizeof storage;
     EXPECT_EQ(MAV_OK, MavAdapterErrorText(inst, &buf, &len));
-    EXPECT_EQ(15u, len); // converted length
+    EXPECT_EQ(15u, len);  // converted length
     EXPECT_STREQ("licence expired", storage);
 
     // Too small: a new buffer of length + 2, converted into.
@@ -173,4 +177,4 @@ TEST_F(ErrorList, EngineRecordTakesPrecedence) {
     MavIXFreeRec(inst);
 }
 
-} // namespace
+}  // namespace

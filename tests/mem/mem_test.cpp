@@ -47,7 +47,7 @@ int Capture(const char* file, const char* func, int, uint32_t level, const char*
 }
 
 class Mem : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         hookLog = HookLog();
         traced.clear();
@@ -71,7 +71,7 @@ TEST_F(Mem, InternalAllocationsGoThroughTheHooksWithTagMav) {
     EXPECT_EQ(0, memcmp(p, std::string(16, '\0').data(), 16));
     p = MavIRealloc(p, 64);
     MavIFree(p);
-    MavIFree(nullptr); // not handed to the hook
+    MavIFree(nullptr);  // not handed to the hook
     EXPECT_EQ(1, hookLog.allocs);
     EXPECT_EQ(1, hookLog.cleanAllocs);
     EXPECT_EQ(1, hookLog.reallocs);
@@ -95,7 +95,7 @@ TEST_F(Mem, DefaultHooksTraceAtMemoryLevelAndFreeOfNullIsSilent) {
     MavPXFree(nullptr);
     EXPECT_TRUE(traced.empty());
 
-    void* p = MavPXAlloc(10, 0x101, "x"); // only the low byte of clean counts
+    void* p = MavPXAlloc(10, 0x101, "x");  // only the low byte of clean counts
     ASSERT_NE(nullptr, p);
     MavPXFree(p);
     ASSERT_EQ(2u, traced.size());
@@ -107,7 +107,7 @@ TEST_F(Mem, DefaultHooksTraceAtMemoryLevelAndFreeOfNullIsSilent) {
     EXPECT_EQ(expect, traced[1].text);
 
     traced.clear();
-    MavSetTraceLevel(MAV_TRC_PEL); // memory bit off: nothing
+    MavSetTraceLevel(MAV_TRC_PEL);  // memory bit off: nothing
     MavPXFree(MavPXAlloc(4, 0, "x"));
     EXPECT_TRUE(traced.empty());
 }
@@ -133,7 +133,9 @@ TEST_F(Mem, TraceWriterDoesNotTraceItsOwnHookCalls) {
 
 TEST_F(Mem, Utf8ConversionValidatesAndMapsCodes) {
     char buf[32];
-    const char* text = "Gr\xC3\xBC\xC3\x9F" "e"; // 7 bytes of UTF-8
+    const char* text =
+        "Gr\xC3\xBC\xC3\x9F"
+        "e";  // 7 bytes of UTF-8
     size_t len = strlen(text);
     EXPECT_EQ(MAV_OK, MavIUtf8sToUcs(buf, sizeof buf, &len, text));
     EXPECT_EQ(7u, len);
@@ -144,7 +146,7 @@ TEST_F(Mem, Utf8ConversionValidatesAndMapsCodes) {
     len = 2;
     EXPECT_EQ(MAV_E_CONVERSION_FAILED, MavIUtf8sToUcs(buf, sizeof buf, &len, "\xC0\xAF"));
 
-    len = 7; // needs 8 bytes with the terminator
+    len = 7;  // needs 8 bytes with the terminator
     EXPECT_EQ(MAV_E_BUFFER_TOO_SHORT, MavIUtf8sToUcs(buf, 7, &len, text));
     len = 7;
     EXPECT_EQ(MAV_OK, MavIUtf8sToUcs(buf, 8, &len, text));
@@ -160,12 +162,17 @@ TEST_F(Mem, Utf8ConversionValidatesAndMapsCodes) {
 
 TEST_F(Mem, Latin1ProcessCodePageRoundTrip) {
     ASSERT_EQ(0, SetProcessCodePageFromEnv("0819"));
-    const char* utf8 = "Gr\xC3\xBC\xC3\x9F" "e";
+    const char* utf8 =
+        "Gr\xC3\xBC\xC3\x9F"
+        "e";
     char latin[16];
     size_t len = strlen(utf8);
     ASSERT_EQ(MAV_OK, MavIUtf8sToUcs(latin, sizeof latin, &len, utf8));
     EXPECT_EQ(5u, len);
-    EXPECT_STREQ("Gr\xFC\xDF" "e", latin);
+    EXPECT_STREQ(
+        "Gr\xFC\xDF"
+        "e",
+        latin);
 
     char back[16];
     len = 5;
@@ -180,7 +187,10 @@ TEST_F(Mem, Latin1ProcessCodePageRoundTrip) {
     // The allocating forms.
     char* k = nullptr;
     EXPECT_EQ(5u, MavICharToKORMO(&k, utf8));
-    EXPECT_STREQ("Gr\xFC\xDF" "e", k);
+    EXPECT_STREQ(
+        "Gr\xFC\xDF"
+        "e",
+        k);
     char* u = nullptr;
     EXPECT_EQ(7u, MavIKORMOToChar(&u, k));
     EXPECT_STREQ(utf8, u);
@@ -193,7 +203,7 @@ TEST_F(Mem, AllocatingConversionsGrowAndFreeOnFailure) {
     char* k = nullptr;
     EXPECT_EQ(3u, MavICharToKORMO(&k, "abc"));
     EXPECT_STREQ("abc", k);
-    EXPECT_EQ(11u, MavICharToKORMO(&k, "longer text")); // grown, not leaked
+    EXPECT_EQ(11u, MavICharToKORMO(&k, "longer text"));  // grown, not leaked
     EXPECT_STREQ("longer text", k);
     EXPECT_EQ(1, hookLog.allocs);
     EXPECT_EQ(1, hookLog.reallocs);
@@ -227,23 +237,23 @@ TEST_F(Mem, RawCopyAllocatesLengthPlusOne) {
 }
 
 TEST_F(Mem, CallerBufferRule) {
-    const char* text = "EICAR-Test"; // 10 bytes
+    const char* text = "EICAR-Test";  // 10 bytes
     size_t size = 0;
     EXPECT_EQ(MAV_OK, MavIPutText(text, nullptr, &size));
-    EXPECT_EQ(33u, size); // 3 x 10 + 3
+    EXPECT_EQ(33u, size);  // 3 x 10 + 3
     EXPECT_EQ(MAV_OK, MavIPutText(nullptr, nullptr, &size));
     EXPECT_EQ(0u, size);
-    EXPECT_EQ(MAV_OK, MavIPutText(text, nullptr, nullptr)); // skipped
+    EXPECT_EQ(MAV_OK, MavIPutText(text, nullptr, nullptr));  // skipped
 
     char buf[16];
     memset(buf, 'x', sizeof buf);
-    size = 11; // exact fit with the terminator
+    size = 11;  // exact fit with the terminator
     EXPECT_EQ(MAV_OK, MavIPutText(text, buf, &size));
     EXPECT_EQ(10u, size);
     EXPECT_STREQ(text, buf);
 
     memset(buf, 'x', sizeof buf);
-    size = 10; // one too small
+    size = 10;  // one too small
     EXPECT_EQ(MAV_E_BUFFER_TOO_SHORT, MavIPutText(text, buf, &size));
     EXPECT_EQ(0u, size);
     EXPECT_EQ('\0', buf[0]);
@@ -255,13 +265,13 @@ TEST_F(Mem, CallerBufferRule) {
     EXPECT_EQ('\0', buf[0]);
 
     size = sizeof buf;
-    EXPECT_EQ(MAV_OK, MavIPutText(nullptr, buf, &size)); // no text
+    EXPECT_EQ(MAV_OK, MavIPutText(nullptr, buf, &size));  // no text
     EXPECT_EQ(0u, size);
 
     buf[0] = 'x';
-    size = 0; // nothing may be written into a zero-size buffer
+    size = 0;  // nothing may be written into a zero-size buffer
     EXPECT_EQ(MAV_E_BUFFER_TOO_SHORT, MavIPutText(text, buf, &size));
     EXPECT_EQ('x', buf[0]);
 }
 
-} // namespace
+}  // namespace

@@ -44,7 +44,7 @@ std::string CTime(int64_t date) {
 }
 
 class Dump : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         lines.clear();
         MavSetTraceHandler(Capture);
@@ -86,7 +86,7 @@ TEST_F(Dump, NothingWithoutLevelAndNullRefused) {
     EXPECT_EQ(MAV_OK, MavIXTracePELScanInfo(inst_));
     EXPECT_EQ(MAV_OK, MavIXTracePELEngine(inst_));
     EXPECT_EQ(MAV_OK, MavIXTracePELConfig(inst_));
-    MavSetTraceLevel(0x7FFE & ~MAV_TRC_PEL); // every bit but 32
+    MavSetTraceLevel(0x7FFE & ~MAV_TRC_PEL);  // every bit but 32
     CTrcSetTraceLevelFct(1);
     EXPECT_EQ(MAV_OK, MavIXTracePELScanInfo(inst_));
     EXPECT_TRUE(lines.empty());
@@ -104,7 +104,7 @@ TEST_F(Dump, NothingWithoutLevelAndNullRefused) {
 TEST_F(Dump, MissingRecords) {
     MavSetTraceLevel(MAV_TRC_PEL);
     EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXTracePELScanInfo(inst_));
-    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXTracePELEngine(hdl_)); // no shared PEL_INIT
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXTracePELEngine(hdl_));  // no shared PEL_INIT
     EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXTracePELConfig(hdl_));
     ASSERT_EQ(3u, lines.size());
     EXPECT_EQ("PEL_SCANINFO structure is initial\n", lines[0].text);
@@ -156,12 +156,22 @@ TEST_F(Dump, ScanInfoBlocks) {
     ASSERT_EQ(MAV_OK, MavIXTracePELScanInfo(inst_));
     std::vector<std::string> want = {
         "PEL_SCANINFO-----------------------------------------------------------\n",
-        Num("struct_size", 80), Num("uiJobID", 9), Num("uiScanned", 1), Num("uiNotScanned", 0),
-        Num("uiClean", 0), Num("uiInfections", 2), Num("uiScanErrors", 1),
+        Num("struct_size", 80),
+        Num("uiJobID", 9),
+        Num("uiScanned", 1),
+        Num("uiNotScanned", 0),
+        Num("uiClean", 0),
+        Num("uiInfections", 2),
+        Num("uiScanErrors", 1),
         "-----PEL_CONTENTINFO(0)-------------------------------------------------\n",
-        Num("struct_size", 80), Num("Object Type", 3), Txt("Content Type", "text/plain"),
-        Num("uiJobID", 9), Txt("Object Name", "a.txt"), Num("Object Size", 68),
-        Num("match_so", 0), Num("match_eo", 5),
+        Num("struct_size", 80),
+        Num("Object Type", 3),
+        Txt("Content Type", "text/plain"),
+        Num("uiJobID", 9),
+        Txt("Object Name", "a.txt"),
+        Num("Object Size", 68),
+        Num("match_so", 0),
+        Num("match_eo", 5),
         "------------------------------------------------------(0)PEL_CONTENTINFO\n"};
     for (int i = 0; i < 2; i++) {
         char b[128];
@@ -169,12 +179,12 @@ TEST_F(Dump, ScanInfoBlocks) {
                  "-----PEL_VIRUSINFO(%d)---------------------------------------------------\n", i);
         want.push_back(b);
         std::vector<std::string> block = {
-            Num("struct_size", 72),      Txt("Repairable", i == 1 ? "true" : "false"),
-            Num("Detect Type", 1),       Num("Virus Type", 2),
-            Num("Object Type", 3),       Num("Action Type", 4),
-            Num("Virus ID", 100 + i),    Txt("Virus Name", i == 0 ? "Eicar" : "Other"),
-            Num("Job ID", 9),            Txt("Object Name", "a.txt"),
-            Num("Object Size", 68),      Txt("Free text info", "(null)")};
+            Num("struct_size", 72),   Txt("Repairable", i == 1 ? "true" : "false"),
+            Num("Detect Type", 1),    Num("Virus Type", 2),
+            Num("Object Type", 3),    Num("Action Type", 4),
+            Num("Virus ID", 100 + i), Txt("Virus Name", i == 0 ? "Eicar" : "Other"),
+            Num("Job ID", 9),         Txt("Object Name", "a.txt"),
+            Num("Object Size", 68),   Txt("Free text info", "(null)")};
         want.insert(want.end(), block.begin(), block.end());
         snprintf(b, sizeof b,
                  "--------------------------------------------------------(%d)PEL_VIRUSINFO\n", i);
@@ -182,10 +192,16 @@ TEST_F(Dump, ScanInfoBlocks) {
     }
     std::vector<std::string> tail = {
         "-----PEL_SCANERROR(0)---------------------------------------------------\n",
-        Num("struct_size", 48), Num("Job ID", 9), Txt("Object Name", "b.zip"),
-        Num("Object Size", 0), Num("Error RC", -3), Txt("Error text", "encrypted"),
+        Num("struct_size", 48),
+        Num("Job ID", 9),
+        Txt("Object Name", "b.zip"),
+        Num("Object Size", 0),
+        Num("Error RC", -3),
+        Txt("Error text", "encrypted"),
         "--------------------------------------------------------(0)PEL_SCANERROR\n",
-        Ptr("pbBytesCleaned", nullptr), Num("lBytesCleaned", 0), Ptr("pvReserved1", nullptr),
+        Ptr("pbBytesCleaned", nullptr),
+        Num("lBytesCleaned", 0),
+        Ptr("pvReserved1", nullptr),
         "-----------------------------------------------------------PEL_SCANINFO\n"};
     want.insert(want.end(), tail.begin(), tail.end());
     EXPECT_EQ(want, Texts("MavIXTracePELEngine"));
@@ -238,10 +254,19 @@ TEST_F(Dump, EngineWithDrivers) {
              CTime(1600000000).c_str());
     std::vector<std::string> want = {
         "PEL_INIT---------------------------------------------------------------\n",
-        Num("struct_size", 88), Ptr("Engine Handle", &init_), Num("Num Viruses", 1234),
-        Num("Num Extensions", 5), Num("Num IntRevision", 6), Num("Num Signatures", 7),
-        Num("Num Drivers", 2), Num("Major Version", 3), Num("Minor Version", 4),
-        Txt("Engine Version", "3.4.0"), date, Num("Error Code", 0), Txt("Error Text", "(null)"),
+        Num("struct_size", 88),
+        Ptr("Engine Handle", &init_),
+        Num("Num Viruses", 1234),
+        Num("Num Extensions", 5),
+        Num("Num IntRevision", 6),
+        Num("Num Signatures", 7),
+        Num("Num Drivers", 2),
+        Num("Major Version", 3),
+        Num("Minor Version", 4),
+        Txt("Engine Version", "3.4.0"),
+        date,
+        Num("Error Code", 0),
+        Txt("Error Text", "(null)"),
         "---------------------------------------------------------------PEL_INIT\n"};
     for (int i = 0; i < 2; i++) {
         char b[128];
@@ -280,12 +305,10 @@ TEST_F(Dump, ConfigWithParameters) {
     ai.pszVendorInfo = "Kormo test";
     ai.pszAdapterName = "testpel";
     ai.bReserved1 = 1;
-    PEL_PARAM initParams[2] = {{32, VS_P_INITDRIVERDIRECTORY, VS_TYPE_CHAR, 6,
-                                const_cast<char*>("/opt/x")},
-                               {32, VS_P_INITTIMEOUT, VS_TYPE_INT, 4,
-                                reinterpret_cast<void*>(30)}};
-    PEL_PARAM optParams[1] = {{32, VS_P_SCANALLFILES, VS_TYPE_BOOL, 1,
-                               reinterpret_cast<void*>(1)}};
+    PEL_PARAM initParams[2] = {
+        {32, VS_P_INITDRIVERDIRECTORY, VS_TYPE_CHAR, 6, const_cast<char*>("/opt/x")},
+        {32, VS_P_INITTIMEOUT, VS_TYPE_INT, 4, reinterpret_cast<void*>(30)}};
+    PEL_PARAM optParams[1] = {{32, VS_P_SCANALLFILES, VS_TYPE_BOOL, 1, reinterpret_cast<void*>(1)}};
     PEL_PARAMS initList{2, {}, initParams};
     PEL_PARAMS optList{1, {}, optParams};
     PEL_CONFIG cfg{};
@@ -300,7 +323,7 @@ TEST_F(Dump, ConfigWithParameters) {
     hdl_->pPelConfig = &cfg;
 
     CTrcSetTraceLevelFct(3);
-    ASSERT_EQ(MAV_OK, MavIXTracePELConfig(inst_)); // an instance dumps its handle's record
+    ASSERT_EQ(MAV_OK, MavIXTracePELConfig(inst_));  // an instance dumps its handle's record
     auto param = [](const char* name, const char* value) {
         char b[128];
         snprintf(b, sizeof b, "           %-25.25s: %s\n", name, value);
@@ -308,16 +331,29 @@ TEST_F(Dump, ConfigWithParameters) {
     };
     std::vector<std::string> want = {
         "PEL_CONFIG-------------------------------------------------------------\n",
-        Num("struct_size", 64), Num("Adapter ID", 77), Num("Thread Model", 1),
-        Num("Mav Version", 2), Num("PelMajorVersion", 1), Num("PelMinorVersion", 5),
-        Txt("Vendor Info", "Kormo test"), Txt("Adapter Name", "testpel"),
-        Txt("Reserved1", "true"), Ptr("Reserved2", nullptr), Num("Pel Scan Flag", 3),
-        Num("Pel Action Flag", 17), Num("Pel Event Flag", 0x10000), Num("Pel CIO Flag", 0),
-        Txt("Reserved1", "false"), Ptr("Reserved2", nullptr), "PEL_INITPARAMS(2):\n",
-        param("INITDRIVERDIRECTORY", "/opt/x"), param("INITTIMEOUT", "30"),
-        "PEL_OPTPARAMS(1):\n", param("SCANALLFILES", "1"),
+        Num("struct_size", 64),
+        Num("Adapter ID", 77),
+        Num("Thread Model", 1),
+        Num("Mav Version", 2),
+        Num("PelMajorVersion", 1),
+        Num("PelMinorVersion", 5),
+        Txt("Vendor Info", "Kormo test"),
+        Txt("Adapter Name", "testpel"),
+        Txt("Reserved1", "true"),
+        Ptr("Reserved2", nullptr),
+        Num("Pel Scan Flag", 3),
+        Num("Pel Action Flag", 17),
+        Num("Pel Event Flag", 0x10000),
+        Num("Pel CIO Flag", 0),
+        Txt("Reserved1", "false"),
+        Ptr("Reserved2", nullptr),
+        "PEL_INITPARAMS(2):\n",
+        param("INITDRIVERDIRECTORY", "/opt/x"),
+        param("INITTIMEOUT", "30"),
+        "PEL_OPTPARAMS(1):\n",
+        param("SCANALLFILES", "1"),
         "-------------------------------------------------------------PEL_CONFIG\n"};
     EXPECT_EQ(want, Texts("MavIXTracePELConfig"));
 }
 
-} // namespace
+}  // namespace

@@ -52,7 +52,7 @@ int Capture(const char* file, const char* func, int line, uint32_t level, const 
 // Every test starts with no handler, no stream and the trace off, in a
 // directory of its own.
 class Trace : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char tmpl[] = "/tmp/kormo_trace_XXXXXX";
         ASSERT_NE(nullptr, mkdtemp(tmpl));
@@ -79,8 +79,7 @@ protected:
 };
 
 // date, time with milliseconds, process, thread, [file:function:line]: label
-const char* const kPrefix =
-    R"(\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}\.\d{3} p\d{6,} t[ \d]{3}\d+ )";
+const char* const kPrefix = R"(\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}\.\d{3} p\d{6,} t[ \d]{3}\d+ )";
 
 TEST_F(Trace, FileLineFormat) {
     std::string log = Path("t.log");
@@ -92,13 +91,16 @@ TEST_F(Trace, FileLineFormat) {
     std::vector<std::string> lines = Lines(ReadFile(log));
     ASSERT_EQ(3u, lines.size());
     EXPECT_TRUE(std::regex_match(
-        lines[0], std::regex(std::string(kPrefix) + R"(\[mavxx_scan:MavScanClean:  42\]: \*PEL\* rc=7 x)")))
+        lines[0],
+        std::regex(std::string(kPrefix) + R"(\[mavxx_scan:MavScanClean:  42\]: \*PEL\* rc=7 x)")))
         << lines[0];
     EXPECT_TRUE(std::regex_match(
-        lines[1], std::regex(std::string(kPrefix) + R"(\[short.c   :AVeryLongFun:12345\]: \*MAV\* y)")))
+        lines[1],
+        std::regex(std::string(kPrefix) + R"(\[short.c   :AVeryLongFun:12345\]: \*MAV\* y)")))
         << lines[1];
     EXPECT_TRUE(std::regex_match(
-        lines[2], std::regex(std::string(kPrefix) + R"(\[unknown   :Fn          :   0\]: \* E \* z)")))
+        lines[2],
+        std::regex(std::string(kPrefix) + R"(\[unknown   :Fn          :   0\]: \* E \* z)")))
         << lines[2];
     // The process id is the caller's.
     char pid[32];
@@ -112,12 +114,13 @@ TEST_F(Trace, LabelOfTheLowestOfTheSixteenBits) {
     const struct {
         uint32_t level;
         const char* label;
-    } cases[] = {{1, ""},           {2, "* E *"},       {2 | 64, "* E *"}, {4, "* W *"},
-                 {8, "* I *"},      {16, "* M *"},      {32, "*PEL*"},     {64, "*MAV*"},
-                 {128, "*THR*"},    {256, "*PAR*"},     {512, "*VIR*"},    {1024, "*CBC*"},
-                 {2048, "*RFC*"},   {4096, "*MEM*"},    {8192, "*TAB*"},   {16384, "*JNI*"},
-                 {32768, ""},       {0x10000, ""},      {0, ""},           {0x10020, "*PEL*"},
-                 {0x4000 | 0x8000, "*JNI*"}};
+    } cases[] = {{1, ""},          {2, "* E *"},       {2 | 64, "* E *"},
+                 {4, "* W *"},     {8, "* I *"},       {16, "* M *"},
+                 {32, "*PEL*"},    {64, "*MAV*"},      {128, "*THR*"},
+                 {256, "*PAR*"},   {512, "*VIR*"},     {1024, "*CBC*"},
+                 {2048, "*RFC*"},  {4096, "*MEM*"},    {8192, "*TAB*"},
+                 {16384, "*JNI*"}, {32768, ""},        {0x10000, ""},
+                 {0, ""},          {0x10020, "*PEL*"}, {0x4000 | 0x8000, "*JNI*"}};
     for (const auto& c : cases) MavPPrintTrace(c.level, "f.c", "F", 1, "m\n");
     std::vector<std::string> lines = Lines(ReadFile(log));
     ASSERT_EQ(sizeof cases / sizeof cases[0], lines.size());
@@ -163,8 +166,8 @@ TEST_F(Trace, HandlerTextLimitAndAllocationFailure) {
     EXPECT_EQ("MavPPrintTrace", captured[1].func);
 
     captured.clear();
-    MavRegisterMmCallbacks([](size_t, int, const char*) -> void* { return nullptr; },
-                           MavPXRealloc, MavPXFree);
+    MavRegisterMmCallbacks([](size_t, int, const char*) -> void* { return nullptr; }, MavPXRealloc,
+                           MavPXFree);
     MavPPrintTrace(MAV_TRC_PEL, "f.c", "F", 1, "x\n");
     ASSERT_EQ(1u, captured.size());
     EXPECT_EQ("*** ERROR => memory alloc for trace buffer failed", captured[0].text);
@@ -240,7 +243,7 @@ TEST_F(Trace, SetTraceFileNullKeepsTheStreamAndDefaultIsStandardError) {
     EXPECT_EQ(MAV_OK, MavSetTraceFile(nullptr));
     EXPECT_EQ(fp, MavGetTraceFile());
     EXPECT_EQ(fp, CTrcGetFpTf());
-    MavIOpenDefaultTrace(); // a stream is set: nothing changes
+    MavIOpenDefaultTrace();  // a stream is set: nothing changes
     EXPECT_EQ(fp, MavGetTraceFile());
     MavPPrintTrace(MAV_TRC_ERROR, "f.c", "F", 1, "own\n");
     EXPECT_NE(std::string::npos, ReadFile(path).find("own"));
@@ -270,7 +273,7 @@ TEST_F(Trace, MacrosTestTheLevelBeforeFormatting) {
     EXPECT_EQ(0, evaluated);
     EXPECT_TRUE(captured.empty());
 
-    MavSetTraceLevel(MAV_TRC_FUNCTION); // errors are written whenever the level is non-zero
+    MavSetTraceLevel(MAV_TRC_FUNCTION);  // errors are written whenever the level is non-zero
     MAV_TRC(MAV_TRC_PEL, "%d\n", arg());
     MAV_TRC_E("%d\n", arg());
     MAV_TRC_EXIT(MAV_E_VIRUS_FOUND);
@@ -295,8 +298,8 @@ TEST_F(Trace, ConcurrentLinesNeverInterleave) {
     for (int t = 0; t < kThreads; t++) {
         threads.emplace_back([t] {
             for (int i = 0; i < kLines; i++) {
-                MavPPrintTrace(MAV_TRC_THREAD, "mt.c", "Worker", t, "thread %d line %d %s\n", t,
-                               i, std::string(100, char('a' + t)).c_str());
+                MavPPrintTrace(MAV_TRC_THREAD, "mt.c", "Worker", t, "thread %d line %d %s\n", t, i,
+                               std::string(100, char('a' + t)).c_str());
                 if (i % 50 == 0) MavSetTraceLevel(0x7FFE);
             }
         });
@@ -304,8 +307,9 @@ TEST_F(Trace, ConcurrentLinesNeverInterleave) {
     for (auto& th : threads) th.join();
     std::vector<std::string> lines = Lines(ReadFile(log));
     ASSERT_EQ(size_t(kThreads * kLines), lines.size());
-    std::regex line(std::string(kPrefix) +
-                    R"(\[mt.c      :Worker      :   (\d)\]: \*THR\* thread (\d) line \d+ ([a-d])\3{99})");
+    std::regex line(
+        std::string(kPrefix) +
+        R"(\[mt.c      :Worker      :   (\d)\]: \*THR\* thread (\d) line \d+ ([a-d])\3{99})");
     for (const std::string& l : lines) {
         std::smatch m;
         ASSERT_TRUE(std::regex_match(l, m, line)) << l;
@@ -328,7 +332,7 @@ TEST_F(Trace, ConcurrentHandlerLinesAreWholeAndOwnBuffers) {
     handlerCalls = 0;
     badTexts = 0;
     MavSetTraceHandler(CountingHandler);
-    MavSetTraceLevel(0xFFFF); // the memory bit too: hooks run inside the writer
+    MavSetTraceLevel(0xFFFF);  // the memory bit too: hooks run inside the writer
     constexpr int kThreads = 4, kLines = 300;
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; t++) {
@@ -344,4 +348,4 @@ TEST_F(Trace, ConcurrentHandlerLinesAreWholeAndOwnBuffers) {
     EXPECT_EQ(0, badTexts.load());
 }
 
-} // namespace
+}  // namespace
