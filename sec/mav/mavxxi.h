@@ -218,6 +218,9 @@ MAV_LOCAL void MavPXFree(void* ptr);
 MAV_LOCAL void* MavIAlloc(size_t size, bool clean);
 MAV_LOCAL void* MavIRealloc(void* ptr, size_t size);
 MAV_LOCAL void MavIFree(void* ptr);
+// *length: in, the source's byte count ((size_t)-1: up to its NUL); out, the
+// converted length. MAV_E_BUFFER_TOO_SHORT when the text and its terminator do
+// not fit destSize, MAV_E_CONVERSION_FAILED for any other failure.
 MAV_LOCAL MAV_RC MavIUtf8sToUcs(KORMO_CHAR* dest, size_t destSize, size_t* length,
                                 const char* utf8);
 MAV_LOCAL MAV_RC MavIUcsToUtf8s(char* dest, size_t destSize, size_t* length,
