@@ -1,0 +1,223 @@
+// instance_test.cpp - scan instances over two adapters (linkage walks, the C
+// walk behind a profile instance handle) and the exceptions.
+#include <memory>
+
+#include "profile_fixture.h"
+
+using profiletest::Config;
+using profiletest::RuntimeTest;
+using profiletest::TempDir;
+
+namespace {
+
+TEST(MavExceptions, Messages) {
+    mav::MavCInfectionException inf(MAV_E_VIRUS_FOUND, "EICAR", "/x/y");
+    EXPECT_STREQ(inf.what(), "Infection \"EICAR\" in object \"/x/y\"");
+    EXPECT_EQ(inf.getText(), "EICAR");
+    EXPECT_EQ(inf.getInfection(), "EICAR");
+    EXPECT_EQ(inf.getScanError(), "");
+    mav::MavCScanException err(MAV_E_SCAN_FAILED, "broken", "obj");
+    EXPECT_STREQ(err.what(), "Scan error in object \"obj\": \"broken\"");
+    EXPECT_EQ(err.getScanError(), "broken");
+    mav::MavCException zero(MAV_OK, nullptr, nullptr);
+    EXPECT_STREQ(zero.what(), "Scan error in object \"\": \"\"");
+    // Copies and the base keep the same text.
+    mav::MavCInfectionException copy(inf);
+    const mav::MavCException& base = copy;
+    EXPECT_STREQ(base.what(), inf.what());
+    EXPECT_EQ(base.getRc(), MAV_E_VIRUS_FOUND);
+    EXPECT_EQ(base.getObject(), "/x/y");
+}
+
+TEST(MavInstanceEmpty, ScansCleanAndKeepsTheFallbackHandle) {
+    mav::MavInstance inst(0);
+    EXPECT_EQ(inst.scan("/nonexistent"), MAV_OK);
+    EXPECT_EQ(inst.scan(reinterpret_cast<const unsigned char*>("ab"), 2), MAV_OK);
+    EXPECT_EQ(inst.getScanInfo().struct_size, 32u);
+    int marker = 0;
+    inst.setMavHandle(&marker);
+    EXPECT_EQ(inst.getMavHandle(), &marker);
+}
+
+// Profiles over two separate adapters: the test adapter A and a copy B of it
+// under another name, loaded separately so each has its own script.
+class TwoAdapters : public RuntimeTest {
+protected:
+    void SetUp() override {
+        RuntimeTest::SetUp();
+        pathB = dir.path + "/libtestpel_b.so";
+        std::string cmd = "cp '" + std::string(pel.path()) + "' '" + pathB + "'";
+        ASSERT_EQ(std::system(cmd.c_str()), 0);
+        const char* old = getenv("TESTPEL_DIR");
+        std::string saved = old != nullptr ? old : "";
+        setenv("TESTPEL_DIR", dir.path.c_str(), 1);
+        pelB.reset(new TestPel("libtestpel_b.so"));
+        if (old != nullptr) setenv("TESTPEL_DIR", saved.c_str(), 1); else unsetenv("TESTPEL_DIR");
+
+        Config c;
+        c.profile("L0", true, "0").step("L0", "0", "0", "GA").step("L0", "1", "0", "GB");
+        c.profile("L1", true, "1").step("L1", "0", "0", "GA").step("L1", "1", "0", "GB");
+        c.profile("NOINFO").step("NOINFO", "0", "0", "GA");
+        c.param("mav.profile.NOINFO", "CUST_NO_SCANINFO", "BOOL", "true");
+        c.profile("WARN").step("WARN", "0", "0", "GA").step("WARN", "1", "0", "GB");
+        c.param("mav.profile.WARN", "CUST_NOT_SCANNED_AS_WARNING", "BOOL", "1");
+        c.group("GA").group("GB").provider("A", "GA", pel.path(), "2");
+        c.provider("B", "GB", pathB, "2");
+        ASSERT_EQ(start(c.text), MAV_OK);
+        file = dir.write("object.bin", "content");
+    }
+    void TearDown() override {
+        RuntimeTest::TearDown();
+        // Every C instance went back to its pool, so both handles could end.
+        EXPECT_EQ(pel.live_inits(), 0);
+        EXPECT_EQ(pelB->live_inits(), 0);
+    }
+
+    std::unique_ptr<mav::MavInstance> take(const char* name) {
+        std::unique_ptr<mav::MavInstance> inst = mav::MavInstance::createInstance(name);
+        EXPECT_TRUE(inst);
+        return inst;
+    }
+
+    TempDir dir;
+    std::string pathB;
+    std::string file;
+    std::unique_ptr<TestPel> pelB;
+};
+
+TEST_F(TwoAdapters, AdaptersKeepSeparateState) {
+    pelB->script_rc(MAV_E_VIRUS_FOUND);
+    auto inst = take("L0");
+    ASSERT_EQ(inst->getCInstances().size(), 2u);
+    EXPECT_NE(MavGetHandle(inst->getCInstances()[0]), MavGetHandle(inst->getCInstances()[1]));
+    EXPECT_EQ(inst->getMavHandle(), nullptr);
+    EXPECT_NE(take("NOINFO")->getMavHandle(), nullptr);
+    EXPECT_THROW(inst->scan(file.c_str()), mav::MavCInfectionException);
+    EXPECT_EQ(pel.calls(TPEL_SCAN), 1u);
+    EXPECT_EQ(pelB->calls(TPEL_SCAN), 1u);
+}
+
+TEST_F(TwoAdapters, LinkageZeroStopsAtTheFirstFinding) {
+    pelB->script_rc(MAV_E_VIRUS_FOUND);
+    pelB->script_infection("Virus-B", "inner", 7, 0, 10, "found by B");
+    auto inst = take("L0");
+    try {
+        inst->scan(file.c_str());
+        ADD_FAILURE() << "no exception";
+    } catch (const mav::MavCInfectionException& e) {
+        EXPECT_EQ(std::string(e.what()), "Infection \"Virus-B\" in object \"" + file + "\"");
+        EXPECT_EQ(e.getRc(), MAV_E_VIRUS_FOUND);
+    }
+    EXPECT_EQ(inst->getCurrent(), 1);
+
+    pel.script_rc(MAV_E_VIRUS_FOUND);
+    pelB->script_clear();
+    try {
+        inst->scan(file.c_str());
+        ADD_FAILURE() << "no exception";
+    } catch (const mav::MavCInfectionException& e) {
+        // A scripted no infection record: the fallback text.
+        EXPECT_EQ(e.getText(), "Infection");
+    }
+    EXPECT_EQ(inst->getCurrent(), 0);
+    EXPECT_EQ(pelB->calls(TPEL_SCAN), 1u);
+}
+
+TEST_F(TwoAdapters, LinkageOneStopsAtTheFirstCleanResult) {
+    auto inst = take("L1");
+    pel.script_rc(MAV_E_SCAN_FAILED);
+    EXPECT_EQ(inst->scan(file.c_str()), MAV_OK);
+    EXPECT_EQ(pelB->calls(TPEL_SCAN), 1u);
+
+    pel.script_rc(MAV_OK);
+    EXPECT_EQ(inst->scan(file.c_str()), MAV_OK);
+    EXPECT_EQ(pelB->calls(TPEL_SCAN), 1u);
+
+    pel.script_rc(MAV_E_SCAN_FAILED);
+    pelB->script_rc(MAV_E_SCAN_FAILED);
+    pelB->script_scan_error("inner", 99, "B broke", 1);
+    try {
+        inst->scan(file.c_str());
+        ADD_FAILURE() << "no exception";
+    } catch (const mav::MavCScanException& e) {
+        EXPECT_EQ(std::string(e.what()), "Scan error in object \"" + file + "\": \"B broke\"");
+    }
+    pelB->script_clear();
+    pelB->script_rc(MAV_E_SCAN_FAILED);
+    try {
+        inst->scan(reinterpret_cast<const unsigned char*>("xy"), 2, "mem");
+        ADD_FAILURE() << "no exception";
+    } catch (const mav::MavCScanException& e) {
+        EXPECT_STREQ(e.what(), "Scan error in object \"mem\": \"ScanError\"");
+    }
+}
+
+TEST_F(TwoAdapters, SummaryAndObjectNames) {
+    auto inst = take("NOINFO");
+    EXPECT_EQ(inst->scan(file.c_str()), MAV_OK);
+    EXPECT_EQ(pel.lastScan().bHadScanInfoPtr, 0);
+    EXPECT_EQ(inst->scan(reinterpret_cast<const unsigned char*>("abc"), 3), MAV_OK);
+    TPEL_LAST_SCAN last = pel.lastScan();
+    EXPECT_EQ(last.bHadScanInfoPtr, 1);
+    EXPECT_STREQ(last.szObjectName, "profile");
+    EXPECT_EQ(inst->getScanInfo().uiScanned, 1u);
+}
+
+TEST_F(TwoAdapters, NotScannedIsAcceptedWhereConfigured) {
+    // Strict first: a parameter set through a profile stays with the pooled
+    // instance it was set on.
+    pel.script_rc(MAV_E_NOT_SCANNED);
+    EXPECT_THROW(take("L0")->scan(file.c_str()), mav::MavCScanException);
+    MAV_INST strict = MavGetProfileInstancePointer("L0");
+    ASSERT_NE(strict, nullptr);
+    EXPECT_EQ(MavScanFile(strict, file.c_str(), 0, nullptr), MAV_E_NOT_SCANNED);
+    EXPECT_EQ(MavFreeInstance(&strict), MAV_OK);
+
+    EXPECT_EQ(take("WARN")->scan(file.c_str()), MAV_E_NOT_SCANNED);
+    MAV_INST warn = MavGetProfileInstancePointer("WARN");
+    ASSERT_NE(warn, nullptr);
+    EXPECT_EQ(MavScanFile(warn, file.c_str(), 0, nullptr), MAV_OK);
+    EXPECT_EQ(MavFreeInstance(&warn), MAV_OK);
+}
+
+TEST_F(TwoAdapters, ProfileInstanceHandleWalksWithoutMovingCurrent) {
+    pelB->script_rc(MAV_E_VIRUS_FOUND);
+    pelB->script_infection("Virus-B", "inner", 7, 0, 10, "found by B");
+    MAV_INST h = nullptr;
+    ASSERT_EQ(MavGetProfileInstance("L0", &h), MAV_OK);
+    ASSERT_NE(h, nullptr);
+    const MAV_INST_REC* rec = static_cast<const MAV_INST_REC*>(h);
+    EXPECT_EQ(rec->struct_size, MAV_INST_SIZE);
+    EXPECT_EQ(rec->uiHeadMark, MAV_PINST_HEAD);
+    EXPECT_EQ(rec->uiTailMark, MAV_PINST_TAIL);
+    EXPECT_EQ(rec->uiThreadId, ThrGetCurrentId());
+    mav::MavInstance* mi = static_cast<mav::MavInstance*>(rec->pProfileInst);
+    ASSERT_NE(mi, nullptr);
+
+    MAV_SCANINFO summary = {32, 0, 0, 0, 0, 0, 0};
+    EXPECT_EQ(MavScanFile(h, file.c_str(), 0, &summary), MAV_E_VIRUS_FOUND);
+    EXPECT_EQ(summary.uiInfections, 1u);
+    EXPECT_EQ(mi->getCurrent(), 0);
+    // Results are read from the C instance at the current index: A's (clean).
+    EXPECT_EQ(MavIXGetInstanceHandleFromProfile(mi), mi->getCInstances()[0]);
+    size_t size = 0;
+    EXPECT_EQ(MavEnumInfections(h, 0, nullptr, nullptr, nullptr, &size, nullptr, nullptr, nullptr,
+                                nullptr, nullptr),
+              MAV_E_INVALID_ENUM_INDEX);
+    EXPECT_THROW(mi->scan(file.c_str()), mav::MavCInfectionException);
+    EXPECT_EQ(mi->getCurrent(), 1);
+    EXPECT_EQ(MavEnumInfections(h, 0, nullptr, nullptr, nullptr, &size, nullptr, nullptr, nullptr,
+                                nullptr, nullptr),
+              MAV_OK);
+    EXPECT_GT(size, 0u);
+
+    MAV_INST l1 = MavGetProfileInstancePointer("L1");
+    pel.script_rc(MAV_E_SCAN_FAILED);
+    pelB->script_rc(MAV_OK);
+    EXPECT_EQ(MavScanFile(l1, file.c_str(), 0, nullptr), MAV_OK);
+    EXPECT_EQ(MavFreeInstance(&l1), MAV_OK);
+    EXPECT_EQ(MavFreeInstance(&h), MAV_OK);
+    EXPECT_EQ(h, nullptr);
+}
+
+}  // namespace
