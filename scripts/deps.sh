@@ -5,7 +5,7 @@ KORMO_PACKAGES=(
   build-essential cmake pkg-config clang libclang-rt-14-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   default-jdk-headless junit5
-  libclamav-dev clamav clamav-daemon clamdscan libmagic-dev
+  libclamav-dev clamav clamav-daemon clamdscan libmagic-dev zlib1g-dev
   valgrind file
 )
 

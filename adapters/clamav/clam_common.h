@@ -1,0 +1,79 @@
+/*
+ * clam_common.h - result codes and parameter helpers of the ClamAV adapter.
+ *
+ * Copyright the libkormomav authors. Licensed under the GNU General Public
+ * License version 2 (see LICENSE in this folder): the adapter links libclamav.
+ */
+#ifndef KORMO_CLAM_COMMON_H
+#define KORMO_CLAM_COMMON_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kormopel.h"
+
+namespace clampel {
+
+// Result codes of the entry points. The library passes them on unchanged as its
+// own result, so they take the values of the interface's result codes.
+enum Rc : int {
+    kOk = 0,
+    kNoSpace = 1,
+    kNullParam = 2,
+    kInvalidParam = 3,
+    kNotInitialised = 5,
+    kDriverFailed = 9,
+    kScanFailed = 13,
+    kNotScanned = 14,
+    kCallbackTerminated = 17,
+    kScanCodeUnsupported = 21,
+    kVirusFound = -2,
+    kCleanFailed = -5,
+    kBlockedByPolicy = -6,
+};
+
+// Per-scan settings, read from the optional parameter list of each PelScan.
+struct Limits {
+    uint64_t maxFileSize = 0;  // SCANLIMIT, bytes; 0: no limit
+    uint64_t maxScanSize = 0;  // SCANEXTRACT_SIZE, bytes; 0: no limit
+    uint32_t maxDepth = 0;     // SCANEXTRACT_DEPTH, archive levels
+    uint32_t maxTimeMs = 0;    // SCANEXTRACT_TIME, milliseconds; 0: no limit
+    bool operator==(const Limits& o) const {
+        return maxFileSize == o.maxFileSize && maxScanSize == o.maxScanSize &&
+               maxDepth == o.maxDepth && maxTimeMs == o.maxTimeMs;
+    }
+    bool operator!=(const Limits& o) const { return !(*this == o); }
+};
+
+struct ScanSettings {
+    Limits limits;
+    bool allEmbedded = true;              // SCANALLEMBEDDED
+    int32_t heuristicLevel = 1;           // SCANHEURISTICLEVEL, 0..3
+    std::vector<std::string> blockMime;   // BLOCKMIMETYPES, lower case
+    std::vector<std::string> blockExt;    // BLOCKEXTENSIONS, lower case, no dot
+};
+
+// Engine defaults, taken from a fresh libclamav engine at start-up; they are
+// the defaults the adapter reports for its parameters.
+struct EngineDefaults {
+    Limits limits;
+};
+
+// Reads the settings from a parameter list; entries the adapter does not know
+// are ignored, absent ones keep the defaults.
+ScanSettings ReadScanSettings(const PEL_OPTPARAMS* params, const EngineDefaults& defaults);
+
+// Text value of a CHAR parameter with the given code, or fallback.
+std::string ParamText(const PEL_PARAMS* params, int32_t code, const std::string& fallback);
+
+// Splits a comma-separated list, trims blanks, lower-cases; empty items dropped.
+std::vector<std::string> SplitList(const char* text, bool stripDot);
+
+// Lower-case copy (ASCII).
+std::string Lower(std::string s);
+
+}  // namespace clampel
+
+#endif

@@ -1,0 +1,158 @@
+// engines_env.h - what the engine tests share: the generated signature database,
+// test objects built at run time (the EICAR string from pieces, stored ZIP
+// archives), a clamd daemon started and stopped by the test, and an adapter
+// opened and driven through its seven entry points as the library drives it.
+#ifndef KORMO_TESTS_ENGINES_ENV_H
+#define KORMO_TESTS_ENGINES_ENV_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kormopel.h"
+
+namespace engines {
+
+using Bytes = std::vector<unsigned char>;
+
+// The database made by scripts/make-testdb.sh (a ctest fixture).
+std::string TestDb();
+// The EICAR test string, assembled from pieces.
+std::string Eicar();
+// The marker string of the database's "Kormo.Test.Marker" signature.
+std::string Marker();
+Bytes ToBytes(const std::string& s);
+Bytes ReadFile(const std::string& path);
+void WriteFile(const std::string& path, const Bytes& data);
+
+// A ZIP archive of (name, content) members, stored or deflated.
+Bytes StoredZip(const std::vector<std::pair<std::string, Bytes>>& members);
+Bytes DeflatedZip(const std::vector<std::pair<std::string, Bytes>>& members);
+// content wrapped in `levels` nested deflated ZIP archives, so that nothing of
+// the content shows in the outer bytes.
+Bytes NestedZip(const Bytes& content, int levels);
+
+// A fresh directory, removed with its contents.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& Path() const { return path_; }
+    std::string File(const std::string& name) const { return path_ + "/" + name; }
+
+private:
+    std::string path_;
+};
+
+// A free TCP port on 127.0.0.1 (free when asked; taken soon after).
+int FreePort();
+
+// A clamd daemon of its own: Foreground, a local socket in a temporary
+// directory, a TCP socket on a free loopback port, the test database.
+class Clamd {
+public:
+    // streamMaxLength: clamd's StreamMaxLength, e.g. "1M".
+    explicit Clamd(const std::string& streamMaxLength = "2M");
+    ~Clamd();
+    Clamd(const Clamd&) = delete;
+    Clamd& operator=(const Clamd&) = delete;
+
+    // Starts it and waits until it answers PING; false with a reason.
+    bool Start(std::string* error);
+    void Stop();
+    bool Running() const { return pid_ > 0; }
+    std::string UnixAddress() const { return "unix:" + socket_; }
+    std::string TcpAddress() const { return "127.0.0.1:" + std::to_string(port_); }
+    const std::string& SocketPath() const { return socket_; }
+
+private:
+    TempDir dir_;
+    std::string socket_;
+    int port_ = 0;
+    pid_t pid_ = -1;
+};
+
+// Sends one z-command to a clamd local socket and returns the reply ("" on
+// failure).
+std::string ClamdCommand(const std::string& socketPath, const std::string& command);
+
+// Parameter lists as the library hands them to an adapter: a copy of the
+// adapter's defaults with some values replaced.
+class ParamList {
+public:
+    explicit ParamList(const PEL_PARAMS* defaults);
+    ParamList(const ParamList&) = delete;
+    ParamList& operator=(const ParamList&) = delete;
+    void SetText(int32_t code, const std::string& value);
+    void SetNumber(int32_t code, uint64_t value);
+    PEL_PARAMS* Get() { return &list_; }
+
+private:
+    PEL_PARAM* Find(int32_t code);
+    std::vector<PEL_PARAM> params_;
+    std::vector<std::string> texts_;  // reserved up front: stable c_str()
+    PEL_PARAMS list_;
+};
+
+// An adapter file opened with dlopen, its entry points resolved.
+class Adapter {
+public:
+    explicit Adapter(const std::string& path);
+    ~Adapter();
+    bool Loaded() const { return handle_ != nullptr; }
+    const std::string& Error() const { return error_; }
+
+    PEL_STARTUP_FN Startup = nullptr;
+    PEL_GETCONFIG_FN GetConfig = nullptr;
+    PEL_INIT_FN Init = nullptr;
+    PEL_SCAN_FN Scan = nullptr;
+    PEL_RELEASESCAN_FN ReleaseScan = nullptr;
+    PEL_END_FN End = nullptr;
+    PEL_CLEANUP_FN Cleanup = nullptr;
+
+private:
+    void* handle_ = nullptr;
+    std::string error_;
+};
+
+// What the event callback saw during a scan.
+struct Events {
+    std::vector<std::string> viruses;     // VS_M_VIRUS virus names
+    std::vector<std::string> notScanned;  // VS_M_NOTSCANNED error texts
+    std::vector<std::string> errors;      // VS_M_ERROR texts
+    std::vector<std::string> objects;     // VS_M_OBJECTFOUND names
+    int clean = 0;
+    int stopAfterViruses = -1;            // answer stop at this VS_M_VIRUS count
+};
+
+// A PEL_CALLBACK that records into events.
+PEL_CALLBACK Recorder(Events* events, uint32_t mask = VS_M_ALL);
+
+// PelScan of a memory object or a file, results kept until the next scan.
+class Scanner {
+public:
+    Scanner(Adapter& adapter, PEL_INIT* init) : adapter_(adapter), init_(init) {}
+    ~Scanner() { Release(); }
+    int Bytes(const engines::Bytes& data, const std::string& name, PEL_OPTPARAMS* options = nullptr,
+              PEL_CALLBACK* callback = nullptr, uint32_t action = VS_A_SCAN);
+    int File(const std::string& path, PEL_OPTPARAMS* options = nullptr,
+             PEL_CALLBACK* callback = nullptr);
+    PEL_SCANINFO* Info() const { return info_; }
+    std::vector<std::string> Infections() const;
+    std::vector<std::string> ScanErrors() const;
+    void Release();
+
+private:
+    Adapter& adapter_;
+    PEL_INIT* init_;
+    PEL_SCANINFO* info_ = nullptr;
+};
+
+}  // namespace engines
+
+#endif
