@@ -13,7 +13,9 @@ namespace {
 
 const std::string kProviderPrefix = "mav.provider.Pelmark.Adapters.";
 
-std::string prop(const std::string& key) { return mav::mav_properties.get_string(key, ""); }
+std::string prop(const std::string& key) {
+    return mav::mav_properties.get_string(key, "");
+}
 
 // Decimal value of a text of 1 to maxLen characters, else fallback.
 int32_t shortNumber(const std::string& text, size_t maxLen, int32_t fallback) {
@@ -44,7 +46,9 @@ thread_local bool tlsLastBuildCyclic = false;
 
 namespace mav {
 
-bool MavIXLastBuildCyclic() { return tlsLastBuildCyclic; }
+bool MavIXLastBuildCyclic() {
+    return tlsLastBuildCyclic;
+}
 
 void MavIXApplyParameters(MAV_INST inst, const std::vector<MavParameter*>& params) {
     for (const MavParameter* p : params) {
@@ -68,7 +72,10 @@ MavParameter::MavParameter(const std::string& name_, const std::string& type_,
 
 MavParameter::MavParameter(__vs_parameter_union code_, VS_PARAMTYPE_T type_,
                            const std::string& value_)
-    : code(code_), name(nullptr), type(type_), typeName(nullptr),
+    : code(code_),
+      name(nullptr),
+      type(type_),
+      typeName(nullptr),
       value(convertFromHexString(value_)) {}
 
 MavParameter::~MavParameter() {
@@ -148,7 +155,9 @@ void MavProvider::setActive(bool on) {
     MavSetHandleName(handle, cname, cname != nullptr ? std::strlen(cname) : 0);
 }
 
-MAV_HANDLE MavProvider::getMavHandle() { return handle; }
+MAV_HANDLE MavProvider::getMavHandle() {
+    return handle;
+}
 
 void MavProvider::getInstance(MavInstance& inst) {
     MAV_INST ci = nullptr;
@@ -167,7 +176,9 @@ MavGroup::~MavGroup() {
     MavIFree(cname);
 }
 
-void MavGroup::addProvider(const std::string& provider) { providers.push_back(provider); }
+void MavGroup::addProvider(const std::string& provider) {
+    providers.push_back(provider);
+}
 
 void MavGroup::getInstance(MavInstance& inst) {
     for (const std::string& pname : providers) {

@@ -60,9 +60,13 @@ std::string convertToHexString(const char* text) {
     return out;
 }
 
-char* convertFromHexString(const std::string& text) { return decode(text, false); }
+char* convertFromHexString(const std::string& text) {
+    return decode(text, false);
+}
 
-char* convertFromHexPath(const std::string& text) { return decode(text, true); }
+char* convertFromHexPath(const std::string& text) {
+    return decode(text, true);
+}
 
 namespace mav {
 

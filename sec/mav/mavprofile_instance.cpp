@@ -12,14 +12,18 @@
 
 namespace {
 
-std::string str(const char* s) { return s != nullptr ? std::string(s) : std::string(); }
+std::string str(const char* s) {
+    return s != nullptr ? std::string(s) : std::string();
+}
 
 std::string buildMessage(MAV_RC rc, const char* text, const char* object) {
     if (rc < 0) return "Infection \"" + str(text) + "\" in object \"" + str(object) + "\"";
     return "Scan error in object \"" + str(object) + "\": \"" + str(text) + "\"";
 }
 
-MAV_CFG* cfgOf(MAV_INST inst) { return inst != nullptr ? MavIGetCfg(inst) : nullptr; }
+MAV_CFG* cfgOf(MAV_INST inst) {
+    return inst != nullptr ? MavIGetCfg(inst) : nullptr;
+}
 
 // The instance accepts objects that were not scanned.
 bool notScannedAccepted(MAV_INST inst) {
@@ -31,10 +35,10 @@ bool notScannedAccepted(MAV_INST inst) {
 // false when it cannot be had.
 bool firstText(MAV_INST inst, bool infection, std::string& out) {
     size_t size = 0;
-    MAV_RC rc = infection ? MavEnumInfections(inst, 0, nullptr, nullptr, nullptr, &size, nullptr,
-                                              nullptr, nullptr, nullptr, nullptr)
-                          : MavEnumScanErrors(inst, 0, nullptr, nullptr, &size, nullptr, nullptr,
-                                              nullptr);
+    MAV_RC rc =
+        infection ? MavEnumInfections(inst, 0, nullptr, nullptr, nullptr, &size, nullptr, nullptr,
+                                      nullptr, nullptr, nullptr)
+                  : MavEnumScanErrors(inst, 0, nullptr, nullptr, &size, nullptr, nullptr, nullptr);
     if (rc != MAV_OK || size == 0) return false;
     KORMO_CHAR* buf = static_cast<KORMO_CHAR*>(MavIAlloc(size, true));
     if (buf == nullptr) throw std::bad_alloc();
@@ -63,7 +67,9 @@ MavCException::MavCException(MAV_RC rc_, const char* text, const char* object_)
 
 MavCException::MavCException(const MavCException& other) = default;
 MavCException::~MavCException() noexcept = default;
-const char* MavCException::what() const noexcept { return message.c_str(); }
+const char* MavCException::what() const noexcept {
+    return message.c_str();
+}
 
 MavCScanException::MavCScanException(MAV_RC rc_, const char* text_, const char* object_)
     : MavCException(rc_, text_, object_),
@@ -74,10 +80,11 @@ MavCScanException::MavCScanException(MAV_RC rc_, const char* text_, const char* 
 
 MavCScanException::MavCScanException(const MavCScanException& other) = default;
 MavCScanException::~MavCScanException() noexcept = default;
-const char* MavCScanException::what() const noexcept { return message.c_str(); }
+const char* MavCScanException::what() const noexcept {
+    return message.c_str();
+}
 
-MavCInfectionException::MavCInfectionException(MAV_RC rc_, const char* text_,
-                                               const char* object_)
+MavCInfectionException::MavCInfectionException(MAV_RC rc_, const char* text_, const char* object_)
     : MavCException(rc_, text_, object_),
       rc(rc_),
       message(buildMessage(rc_, text_, object_)),
@@ -86,7 +93,9 @@ MavCInfectionException::MavCInfectionException(MAV_RC rc_, const char* text_,
 
 MavCInfectionException::MavCInfectionException(const MavCInfectionException& other) = default;
 MavCInfectionException::~MavCInfectionException() noexcept = default;
-const char* MavCInfectionException::what() const noexcept { return message.c_str(); }
+const char* MavCInfectionException::what() const noexcept {
+    return message.c_str();
+}
 
 // ---- MavInstance ----------------------------------------------------------------------
 
@@ -118,7 +127,9 @@ MAV_HANDLE MavInstance::getMavHandle() {
     return shared;
 }
 
-void MavInstance::setMavHandle(void* handle) { mavHandle = handle; }
+void MavInstance::setMavHandle(void* handle) {
+    mavHandle = handle;
+}
 
 std::unique_ptr<MavInstance> MavInstance::createInstance(const char* profileName) {
     return std::unique_ptr<MavInstance>(MavProfile::createInstance(profileName));
@@ -154,8 +165,7 @@ MAV_RC MavInstance::scan(const char* fileName) {
     return walk(VS_SC_FILE, fileName, nullptr, nullptr, fileName, false);
 }
 
-MAV_RC MavInstance::scan(const unsigned char* bytes, unsigned long length,
-                         const char* objectName) {
+MAV_RC MavInstance::scan(const unsigned char* bytes, unsigned long length, const char* objectName) {
     size_t len = length;
     bool cleans = false;
     for (MAV_INST inst : instances) {
@@ -216,7 +226,8 @@ extern "C" MAV_RC MavIXScanClean(void* mavInstance, uint32_t scanCode, uint32_t 
     }
     if (rc != MAV_E_NOT_SCANNED) return rc;
     int32_t cur = mi->getCurrent();
-    MAV_INST decider =
-        (cur >= 0 && static_cast<size_t>(cur) < list.size()) ? list[static_cast<size_t>(cur)] : nullptr;
+    MAV_INST decider = (cur >= 0 && static_cast<size_t>(cur) < list.size())
+                           ? list[static_cast<size_t>(cur)]
+                           : nullptr;
     return notScannedAccepted(decider) ? MAV_OK : MAV_E_NOT_SCANNED;
 }

@@ -11,7 +11,9 @@
 
 namespace {
 
-bool isblank_(char c) { return c == ' ' || c == '\t'; }
+bool isblank_(char c) {
+    return c == ' ' || c == '\t';
+}
 
 // Removes every space and tab and says whether what is left is an entry or a
 // section header.
@@ -62,7 +64,9 @@ namespace mav {
 
 PropertyReader::PropertyReader() = default;
 
-PropertyReader::PropertyReader(const std::string& fileName) { (void)readfile(fileName); }
+PropertyReader::PropertyReader(const std::string& fileName) {
+    (void)readfile(fileName);
+}
 
 PropertyReader::~PropertyReader() = default;
 
@@ -123,6 +127,8 @@ std::vector<std::string> PropertyReader::getKeys(const std::string& prefix) {
     return keys;
 }
 
-std::map<std::string, std::string> PropertyReader::getMap() { return properties; }
+std::map<std::string, std::string> PropertyReader::getMap() {
+    return properties;
+}
 
 }  // namespace mav

@@ -120,7 +120,8 @@ MAV_API MAV_RC MavStartRuntime(const char* config, size_t length) {
         bool read;
         if (config == nullptr || length == 0) {
             read = mav_properties.readfile("mav.properties");
-            if (!read) read = mav_properties.readbuffer(mav_default_config, mav_default_config_length);
+            if (!read)
+                read = mav_properties.readbuffer(mav_default_config, mav_default_config_length);
             configName = convertFromHexString("mav.properties");
         } else {
             std::string fileName(config, length);
@@ -179,8 +180,7 @@ MAV_API MAV_RC MavGetProfileInstance(const char* profileName, MAV_INST* pinst) {
         return MAV_E_NULL_PARAM;
     }
     if (profileName != nullptr) {
-        MAV_TRC_ENTRY(">> start >> %s(%s,%p)\n", __func__, profileName,
-                      static_cast<void*>(pinst));
+        MAV_TRC_ENTRY(">> start >> %s(%s,%p)\n", __func__, profileName, static_cast<void*>(pinst));
     } else {
         MAV_TRC_ENTRY(">> start >> %s(NULL::default,%p)\n", __func__, static_cast<void*>(pinst));
     }

@@ -42,7 +42,7 @@ TEST(MavInstanceEmpty, ScansCleanAndKeepsTheFallbackHandle) {
 // Profiles over two separate adapters: the test adapter A and a copy B of it
 // under another name, loaded separately so each has its own script.
 class TwoAdapters : public RuntimeTest {
-protected:
+  protected:
     void SetUp() override {
         RuntimeTest::SetUp();
         pathB = dir.path + "/libtestpel_b.so";
@@ -52,7 +52,10 @@ protected:
         std::string saved = old != nullptr ? old : "";
         setenv("TESTPEL_DIR", dir.path.c_str(), 1);
         pelB.reset(new TestPel("libtestpel_b.so"));
-        if (old != nullptr) setenv("TESTPEL_DIR", saved.c_str(), 1); else unsetenv("TESTPEL_DIR");
+        if (old != nullptr)
+            setenv("TESTPEL_DIR", saved.c_str(), 1);
+        else
+            unsetenv("TESTPEL_DIR");
 
         Config c;
         c.profile("L0", true, "0").step("L0", "0", "0", "GA").step("L0", "1", "0", "GB");

@@ -80,7 +80,7 @@ struct TempDir {
 // Every test starts and ends with the runtime stopped and an empty key map
 // (the map otherwise keeps the first value of every key for the process).
 class RuntimeTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         MavStopRuntime();
         mav::mav_properties = mav::PropertyReader();

@@ -22,11 +22,17 @@ struct Environment {
         hadLib = l != nullptr;
         if (hadLib) oldLib = l;
         EXPECT_EQ(chdir(dir.c_str()), 0);
-        if (lib != nullptr) setenv("PEL_LIB", lib, 1); else unsetenv("PEL_LIB");
+        if (lib != nullptr)
+            setenv("PEL_LIB", lib, 1);
+        else
+            unsetenv("PEL_LIB");
     }
     ~Environment() {
         if (chdir(oldCwd.c_str()) != 0) std::perror("chdir");
-        if (hadLib) setenv("PEL_LIB", oldLib.c_str(), 1); else unsetenv("PEL_LIB");
+        if (hadLib)
+            setenv("PEL_LIB", oldLib.c_str(), 1);
+        else
+            unsetenv("PEL_LIB");
     }
 };
 

@@ -51,7 +51,7 @@ namespace mav {
  * split at '\n' only, so a '\r' stays at the end of the value. Escapes are not
  * decoded here. Not thread safe. */
 class MAV_CLASS PropertyReader {
-public:
+  public:
     /* One accepted line. */
     struct record {
         std::string key;
@@ -80,7 +80,7 @@ public:
     /* Copy of the key map (first occurrence of a key wins). */
     std::map<std::string, std::string> getMap();
 
-private:
+  private:
     bool readstream(std::istream& in);
 
     std::vector<record> records;
@@ -102,7 +102,7 @@ MAV_CLASS std::string FromHex(const std::string& text);
  * Infection "TEXT" in object "OBJECT", otherwise
  * Scan error in object "OBJECT": "TEXT". Null texts count as empty. */
 class MAV_CLASS MavCException : public std::exception {
-public:
+  public:
     MavCException(MAV_RC rc, const char* text, const char* object);
     MavCException(const MavCException& other);
     ~MavCException() noexcept override;
@@ -117,7 +117,7 @@ public:
     /* The infection name (empty for a non-negative code). */
     const std::string& getInfection() const { return infection; }
 
-protected:
+  protected:
     MAV_RC rc;
     std::string message;
     std::string object;
@@ -128,7 +128,7 @@ protected:
 /* A scan error (positive code); getText() is the adapter's error text or
  * "ScanError". */
 class MAV_CLASS MavCScanException : public MavCException {
-public:
+  public:
     MavCScanException(MAV_RC rc, const char* text, const char* object);
     MavCScanException(const MavCScanException& other);
     ~MavCScanException() noexcept override;
@@ -137,7 +137,7 @@ public:
     /* The scan-error text. */
     const std::string& getText() const { return text; }
 
-private:
+  private:
     MAV_RC rc;
     std::string message;
     std::string object;
@@ -147,7 +147,7 @@ private:
 /* An infection (negative code); getText() is the infection name or
  * "Infection". */
 class MAV_CLASS MavCInfectionException : public MavCException {
-public:
+  public:
     MavCInfectionException(MAV_RC rc, const char* text, const char* object);
     MavCInfectionException(const MavCInfectionException& other);
     ~MavCInfectionException() noexcept override;
@@ -156,7 +156,7 @@ public:
     /* The infection name. */
     const std::string& getText() const { return text; }
 
-private:
+  private:
     MAV_RC rc;
     std::string message;
     std::string object;
@@ -167,7 +167,7 @@ private:
 
 /* One adapter parameter of the configuration, decoded. */
 class MAV_CLASS MavParameter {
-public:
+  public:
     /* Decodes the escaped name, type name and value; code and type come from
      * MavParamCode and MavParamType. */
     MavParameter(const std::string& name, const std::string& type, const std::string& value);
@@ -186,7 +186,7 @@ public:
     /* Decoded value, null for an empty value. */
     const char* getValue() const { return value; }
 
-private:
+  private:
     int32_t code;
     char* name;
     VS_PARAMTYPE_T type;
@@ -201,7 +201,7 @@ private:
  * linkage 1: the first instance that finds it clean decides. Destroying it
  * returns the C instances to their pools. */
 class MAV_CLASS MavInstance {
-public:
+  public:
     /* Empty instance with the profile's linkage. */
     explicit MavInstance(int linkage);
     virtual ~MavInstance();
@@ -246,7 +246,7 @@ public:
     /* Summary of the last scan(). */
     const MAV_SCANINFO& getScanInfo() const { return scanInfo; }
 
-private:
+  private:
     MAV_RC walk(uint32_t scanCode, const char* fileName, unsigned char* bytes, size_t* length,
                 const char* object, bool alwaysInfo);
 
@@ -262,7 +262,7 @@ private:
 /* One adapter of the configuration: keys under
  * mav.provider.Pelmark.Adapters.NAME. */
 class MAV_CLASS MavProvider {
-public:
+  public:
     /* Reads the provider's keys and activates it when Active is "true". */
     explicit MavProvider(const std::string& name);
     /* Ends the adapter handle and frees names and parameters. */
@@ -285,7 +285,7 @@ public:
     bool isActive() const { return active; }
     bool isFailed() const { return failed; }
 
-private:
+  private:
     std::string name;
     std::string group;
     int32_t poolMaxInstances;
@@ -299,7 +299,7 @@ private:
 
 /* Fail-over list of providers. */
 class MAV_CLASS MavGroup {
-public:
+  public:
     explicit MavGroup(const std::string& name);
     virtual ~MavGroup();
     MavGroup(const MavGroup&) = delete;
@@ -316,7 +316,7 @@ public:
     /* The last provider looked at was not usable. */
     bool isFailed() const { return failed; }
 
-private:
+  private:
     bool failed;
     std::string name;
     char* cname;
@@ -326,7 +326,7 @@ private:
 
 /* Ordered steps over groups and profiles: keys under mav.profile.NAME. */
 class MAV_CLASS MavProfile {
-public:
+  public:
     /* Reads the profile's keys (steps, reference, parameters, linkage). */
     explicit MavProfile(const std::string& name);
     ~MavProfile();
@@ -359,7 +359,7 @@ public:
     /* Shared handle of the instance after the last sub-profile step of a build. */
     MAV_HANDLE getMavHandle() const { return handle; }
 
-private:
+  private:
     void walk(MavInstance& inst, bool top, std::vector<const MavProfile*>& path, bool& cycle);
 
     std::map<std::string, int> groupSteps;
