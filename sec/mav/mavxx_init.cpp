@@ -218,14 +218,13 @@ MAV_RC MavInit(const KORMO_CHAR* adapterPath, MAV_HANDLE* phdl) {
     }
     MavIPrintTraceAlways(__FILE__, __func__, __LINE__,
                          "%s(): Initializing the native Mavgate library (MAVLIB)\n", __func__);
-    MavIPrintTraceAlways(__FILE__, __func__, __LINE__,
-                         "           %s (%s,%s,KORMO_CHAR/size_t/void* = %u/%u/%u)\n", kPlatform,
-                         kThreading, kCharSet, static_cast<unsigned>(sizeof(KORMO_CHAR) * 8),
-                         static_cast<unsigned>(sizeof(size_t) * 8),
-                         static_cast<unsigned>(sizeof(void*) * 8));
-    MavIPrintTraceAlways(__FILE__, __func__, __LINE__, "%s(): PEL_LIB = \"%s\"\n", __func__,
-                         adapterPath != nullptr ? adapterPath
-                                                : "(NULL) => use environment variable PEL_LIB");
+    MavIPrintTraceAlways(
+        __FILE__, __func__, __LINE__, "           %s (%s,%s,KORMO_CHAR/size_t/void* = %u/%u/%u)\n",
+        kPlatform, kThreading, kCharSet, static_cast<unsigned>(sizeof(KORMO_CHAR) * 8),
+        static_cast<unsigned>(sizeof(size_t) * 8), static_cast<unsigned>(sizeof(void*) * 8));
+    MavIPrintTraceAlways(
+        __FILE__, __func__, __LINE__, "%s(): PEL_LIB = \"%s\"\n", __func__,
+        adapterPath != nullptr ? adapterPath : "(NULL) => use environment variable PEL_LIB");
 
     MAV_HDL_REC* hdl = MavIXAllocHdlRec();
     *phdl = hdl;
@@ -290,8 +289,8 @@ MAV_RC MavEnd(MAV_HANDLE* phdl) {
     }
     if (!MavILockHdl(hdl)) {
         // Ended by another thread meanwhile, or the lock failed.
-        MAV_RC rc = MavIXRecKindByMarks(hdl) == MAV_REC_HANDLE ? MAV_E_NO_SPACE
-                                                              : MAV_E_INVALID_HANDLE;
+        MAV_RC rc =
+            MavIXRecKindByMarks(hdl) == MAV_REC_HANDLE ? MAV_E_NO_SPACE : MAV_E_INVALID_HANDLE;
         MavIUnlockRegistry();
         MAV_TRC_EXIT(rc);
         return rc;

@@ -36,7 +36,8 @@ MAV_RC EndEngine(const PEL_FUNCTIONS* fns, PEL_INIT** init) {
 // handle's error list.
 void TakeVendorError(MAV_HDL_REC* hdl, const PEL_INIT* init) {
     if (init == nullptr || init->pszErrorText == nullptr) return;
-    MAV_TRC_E(
+    MAV_TRC_FN(
+        MAV_TRC_ERROR, "MavICreateInstance",
         "PelInit failed with \n                vendor internal rc = [%d]\n                vendor "
         "reason = [%s]\n",
         init->iErrorRC, init->pszErrorText);
@@ -301,7 +302,8 @@ MAV_RC MavIXAssignHdlToCFG(void* hdlOrInst, MAV_CFG** pcfg) {
     if (!MavILockHdl(hdl)) return MAV_E_INVALID_HANDLE;
     MAV_CFG* cfg = nullptr;
     MAV_RC rc = MavIXAllocCFG(hdl->pPelConfig, &cfg);
-    if (rc == MAV_OK && hdl->pPelConfig != nullptr) rc = MavIXSetDefaultConfig(hdl->pPelConfig, cfg);
+    if (rc == MAV_OK && hdl->pPelConfig != nullptr)
+        rc = MavIXSetDefaultConfig(hdl->pPelConfig, cfg);
     const MAV_CFG* from = hdl->pCfg;
     if (rc == MAV_OK && from != nullptr) {
         cfg->uiDefaultAction = from->uiDefaultAction;

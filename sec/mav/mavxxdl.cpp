@@ -20,8 +20,8 @@ struct PelEntry {
     int iSlot;
 };
 constexpr PelEntry kPelEntries[] = {
-    {"PelStartup", 0}, {"PelGetConfig", 1}, {"PelInit", 2},    {"PelScan", 3},
-    {"PelReleaseScan", 4}, {"PelEnd", 5},   {"PelCleanup", 6}, {"", -1},
+    {"PelStartup", 0},     {"PelGetConfig", 1}, {"PelInit", 2},    {"PelScan", 3},
+    {"PelReleaseScan", 4}, {"PelEnd", 5},       {"PelCleanup", 6}, {"", -1},
 };
 static_assert(sizeof(PEL_FUNCTIONS) == 7 * sizeof(void*), "PEL_FUNCTIONS layout");
 
@@ -84,8 +84,7 @@ MAV_RC MavILoadFucs(int dlHandle, PEL_FUNCTIONS** table) {
         return MAV_E_INVALID_HANDLE;
     }
     if (table == nullptr) {
-        MAV_TRC_E(
-            "The loading library of the interface failed, no function pointer provided\n");
+        MAV_TRC_E("The loading library of the interface failed, no function pointer provided\n");
         return MAV_E_PEL_LOAD_FAILED;
     }
     PEL_FUNCTIONS* fns = static_cast<PEL_FUNCTIONS*>(MavIAlloc(sizeof(PEL_FUNCTIONS), true));

@@ -40,7 +40,9 @@ void* freeInstBlocks = nullptr;
 char* At(const void* p, size_t off) {
     return const_cast<char*>(static_cast<const char*>(p)) + off;
 }
-void** Link(void* block, size_t off) { return reinterpret_cast<void**>(At(block, off)); }
+void** Link(void* block, size_t off) {
+    return reinterpret_cast<void**>(At(block, off));
+}
 
 // Size and marks are read and written atomically: a stale pointer may be
 // checked by one thread while another recycles its block.

@@ -253,8 +253,7 @@ MAV_HANDLE MavGetHandleByName(const KORMO_CHAR* name, size_t length) {
     MAV_TRC_ENTRY(">> start >> %s(%p,%zu)\n", __func__, (const void*)name, length);
     MAV_HDL_REC* found = nullptr;
     if (name != nullptr && MavILockRegistry()) {
-        for (MAV_HDL_NODE* n = mavIPool.pHead; n != nullptr && n->pNext != nullptr;
-             n = n->pNext) {
+        for (MAV_HDL_NODE* n = mavIPool.pHead; n != nullptr && n->pNext != nullptr; n = n->pNext) {
             if (NameMatches(n->pHdl, name, length)) {
                 found = n->pHdl;
                 break;

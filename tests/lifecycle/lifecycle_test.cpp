@@ -1,0 +1,442 @@
+// Handles, instances and pools against the test adapter.
+#include "lifecycle_fixture.h"
+
+namespace {
+
+using LifecycleHandles = Lifecycle;
+
+TEST_F(LifecycleHandles, InitEndRegistersAndUnregisters) {
+    MAV_HANDLE h = Start();
+    ASSERT_NE(nullptr, h);
+    EXPECT_EQ(MAV_REC_HANDLE, MavIXRecKind(h));
+    EXPECT_EQ(1u, MavIXGetHdlSize());
+    EXPECT_EQ(4711u, Rec(h)->uiAdapterID);
+    EXPECT_EQ(1u, pel.calls(TPEL_STARTUP));
+    EXPECT_EQ(1u, pel.calls(TPEL_GETCONFIG));
+    EXPECT_EQ(0u, pel.calls(TPEL_INIT));  // no instance yet
+    EXPECT_NE(nullptr, Rec(h)->pCfg);
+    EXPECT_EQ(-1, Rec(h)->pCfg->asInitIndex[0]);  // defaults copied in
+
+    EXPECT_EQ(MAV_OK, MavEnd(&h));
+    EXPECT_EQ(nullptr, h);
+    EXPECT_EQ(0u, MavIXGetHdlSize());
+    EXPECT_EQ(1u, pel.calls(TPEL_END));
+    EXPECT_EQ(1u, pel.calls(TPEL_CLEANUP));
+}
+
+TEST_F(LifecycleHandles, PelCleanupOnlyWithTheLastHandleOfTheAdapter) {
+    MAV_HANDLE a = Start(), b = Start(), c = Start();
+    EXPECT_EQ(3u, MavIXGetHdlSize());
+    EXPECT_EQ(3u, pel.calls(TPEL_STARTUP));
+    EXPECT_EQ(MAV_OK, MavEnd(&b));
+    EXPECT_EQ(MAV_OK, MavEnd(&a));
+    EXPECT_EQ(2u, pel.calls(TPEL_END));
+    EXPECT_EQ(0u, pel.calls(TPEL_CLEANUP));
+    EXPECT_EQ(MAV_OK, MavEnd(&c));
+    EXPECT_EQ(3u, pel.calls(TPEL_END));
+    EXPECT_EQ(1u, pel.calls(TPEL_CLEANUP));
+}
+
+TEST_F(LifecycleHandles, EndArgumentsAndStaleHandles) {
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavEnd(nullptr));
+    MAV_HANDLE none = nullptr;
+    EXPECT_EQ(MAV_OK, MavEnd(&none));
+    EXPECT_EQ(MAV_E_NULL_PARAM, MavInit(pel.path(), nullptr));
+
+    MAV_HANDLE h = Start();
+    MAV_HANDLE stale = h;
+    ASSERT_EQ(MAV_OK, MavEnd(&h));
+    // The block is recycled with wiped marks: every call refuses it.
+    EXPECT_EQ(MAV_REC_NONE, MavIXRecKind(stale));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavEnd(&stale));
+    MAV_INST inst = nullptr;
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavCreateInstance(stale, &inst));
+    EXPECT_EQ(nullptr, MavGetInstance(stale));
+    EXPECT_EQ(0u, MavGetPoolSize(stale));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavReload(stale));
+    EXPECT_EQ(nullptr, MavGetHandle(stale));
+    EXPECT_EQ(1u, pel.calls(TPEL_END));
+}
+
+TEST_F(LifecycleHandles, StaleInstanceIsRefused) {
+    MAV_HANDLE h = Start();
+    MAV_INST i = nullptr;
+    ASSERT_EQ(MAV_OK, MavCreateInstance(h, &i));
+    MAV_INST stale = i;
+    ASSERT_EQ(MAV_OK, MavFreeInstance(&i));  // pool size 0: ended
+    EXPECT_EQ(nullptr, i);
+    EXPECT_EQ(MAV_REC_NONE, MavIXRecKindByMarks(stale));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavFreeInstance(&stale));
+    EXPECT_EQ(nullptr, MavGetHandle(stale));
+    EXPECT_EQ(MAV_OK, MavEnd(&h));
+}
+
+using LifecycleInstances = Lifecycle;
+
+TEST_F(LifecycleInstances, EveryPoolSizeCreateFreeEnd) {
+    for (size_t pool = 0; pool <= 3; ++pool) {
+        SCOPED_TRACE(pool);
+        pel.reset();
+        MAV_HANDLE h = Start();
+        ASSERT_EQ(MAV_OK, MavSetPoolSize(h, pool));
+        MAV_INST inst[5] = {};
+        for (MAV_INST& i : inst) ASSERT_EQ(MAV_OK, MavCreateInstance(h, &i));
+        EXPECT_EQ(5u, Rec(h)->uiInstances);
+        EXPECT_EQ(pool, Rec(h)->uiPooled);
+        EXPECT_EQ(5, pel.live_inits());
+        EXPECT_EQ(MAV_E_IN_PROGRESS, MavEnd(&h));
+        // Free the listed ones in creation order, the middle first.
+        for (int k : {2, 0, 4, 1, 3}) EXPECT_EQ(MAV_OK, MavFreeInstance(&inst[k]));
+        EXPECT_EQ(nullptr, Rec(h)->pInstList);
+        EXPECT_EQ(pool, Rec(h)->uiPoolFree);
+        EXPECT_EQ(static_cast<int>(pool), pel.live_inits());
+        EXPECT_EQ(MAV_OK, MavEnd(&h));
+        EXPECT_EQ(0, pel.live_inits());
+        EXPECT_EQ(0u, pel.bad_releases());
+    }
+}
+
+TEST_F(LifecycleInstances, PoolOfTwoGivesTwoPooledAndOneListed) {
+    MAV_HANDLE h = Start();
+    ASSERT_EQ(MAV_OK, MavSetPoolSize(h, 2));
+    MAV_INST a = nullptr, b = nullptr, c = nullptr;
+    ASSERT_EQ(MAV_OK, MavCreateInstance(h, &a));
+    ASSERT_EQ(MAV_OK, MavCreateInstance(h, &b));
+    ASSERT_EQ(MAV_OK, MavCreateInstance(h, &c));
+    EXPECT_TRUE(Inst(a)->bPooled && Inst(b)->bPooled && !Inst(c)->bPooled);
+    EXPECT_TRUE(Inst(a)->bInUse && Inst(c)->bInUse);
+    EXPECT_EQ(h, Inst(a)->pHdl);
+    EXPECT_EQ(ThrGetCurrentId(), Inst(a)->uiThreadId);
+    EXPECT_EQ(Rec(h)->pCfg, Inst(a)->pCfg);
+    EXPECT_EQ(sizeof(PEL_CALLBACK), Inst(a)->sCallback.struct_size);
+    EXPECT_EQ(nullptr, Inst(a)->sCallback.pfnCallback);
+    EXPECT_EQ(48u, Inst(a)->pScanParam->struct_size);
+    EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(a) % 64);  // cache-line aligned blocks
+    ASSERT_NE(nullptr, Rec(h)->pInstList);
+    EXPECT_EQ(c, Rec(h)->pInstList->pInst);
+    EXPECT_EQ(MavGetHandle(c), h);
+    EXPECT_EQ(MavGetHandle(h), h);
+
+    MAV_INST c2 = c;
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&c));  // listed: ended, pointer cleared
+    EXPECT_EQ(nullptr, c);
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&c));  // second time sees null
+    EXPECT_EQ(nullptr, Rec(h)->pInstList);
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavFreeInstancePointer(c2));
+
+    MAV_INST a2 = a;
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&a));  // pooled: back to the pool
+    EXPECT_EQ(a2, a);
+    EXPECT_FALSE(Inst(a)->bInUse);
+    EXPECT_EQ(MAV_THREAD_NONE, Inst(a)->uiThreadId);
+    EXPECT_EQ(1u, Rec(h)->uiPoolFree);
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavFreeInstance(&a));  // not in use any more
+
+    EXPECT_EQ(MAV_E_IN_PROGRESS, MavEnd(&h));  // b still handed out
+    MAV_INST again = nullptr;
+    ASSERT_EQ(MAV_OK, MavCreateInstance(h, &again));  // the free pooled one
+    EXPECT_EQ(a, again);
+    EXPECT_EQ(2, pel.live_inits());
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&again));
+    EXPECT_EQ(MAV_OK, MavFreeInstancePointer(b));
+    EXPECT_EQ(MAV_OK, MavFreeInstancePointer(nullptr));
+    EXPECT_EQ(MAV_OK, MavEnd(&h));
+    EXPECT_EQ(0, pel.live_inits());
+}
+
+TEST_F(LifecycleInstances, FreeInstanceArguments) {
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavFreeInstance(nullptr));
+    MAV_INST none = nullptr;
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&none));
+    MAV_HANDLE h = Start();
+    MAV_INST i = nullptr;
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavCreateInstance(nullptr, &i));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavCreateInstance(h, nullptr));
+    EXPECT_EQ(MAV_OK, MavEnd(&h));
+}
+
+TEST_F(LifecycleInstances, LoweredPoolSizeEndsReturnedPooledInstances) {
+    MAV_HANDLE h = Start();
+    ASSERT_EQ(MAV_OK, MavSetPoolSize(h, 3));
+    MAV_INST i[3] = {};
+    for (MAV_INST& x : i) ASSERT_EQ(MAV_OK, MavCreateInstance(h, &x));
+    EXPECT_EQ(MAV_OK, MavSetPoolSize(h, 1));  // only the size changes
+    EXPECT_EQ(1u, MavGetPoolSize(h));
+    EXPECT_EQ(3u, Rec(h)->uiPooled);
+    // Slot 2 lies beyond the size, slot 0 within it; both are ended.
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&i[2]));
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&i[0]));
+    EXPECT_EQ(1u, Rec(h)->uiPooled);
+    EXPECT_EQ(1, pel.live_inits());
+    EXPECT_EQ(nullptr, Rec(h)->pPool[0]);
+    EXPECT_EQ(nullptr, Rec(h)->pPool[2]);
+    // Growing again keeps the instance in slot 1 and fills the free slots.
+    EXPECT_EQ(MAV_OK, MavSetPoolSize(h, 3));
+    MAV_INST n = nullptr;
+    ASSERT_EQ(MAV_OK, MavCreateInstance(h, &n));
+    EXPECT_EQ(n, Rec(h)->pPool[0]);
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&n));
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&i[1]));
+    EXPECT_EQ(MAV_OK, MavEnd(&h));
+    EXPECT_EQ(0, pel.live_inits());
+}
+
+TEST_F(LifecycleInstances, SharedEngineForThreadModelsOneAndTwo) {
+    for (uint32_t model : {1u, 2u}) {
+        SCOPED_TRACE(model);
+        pel.reset();
+        pel.set_adapter_info(4711, model, 2, 1, 0, "Kormo Test", "testpel");
+        MAV_HANDLE h = Start();
+        MAV_INST a = nullptr, b = nullptr;
+        ASSERT_EQ(MAV_OK, MavCreateInstance(h, &a));
+        ASSERT_EQ(MAV_OK, MavCreateInstance(h, &b));
+        EXPECT_EQ(1u, pel.calls(TPEL_INIT));
+        EXPECT_EQ(Inst(a)->pPelInit, Inst(b)->pPelInit);
+        EXPECT_EQ(Rec(h)->pSharedInit, Inst(a)->pPelInit);
+        EXPECT_EQ(MAV_OK, MavFreeInstance(&a));
+        EXPECT_EQ(MAV_OK, MavFreeInstance(&b));
+        EXPECT_EQ(0u, pel.calls(TPEL_END));  // the shared engine outlives them
+        EXPECT_EQ(1, pel.live_inits());
+        EXPECT_EQ(MAV_OK, MavEnd(&h));  // PelEnd with the shared engine
+        EXPECT_EQ(0, pel.live_inits());
+    }
+}
+
+using LifecyclePools = Lifecycle;
+
+TEST_F(LifecyclePools, GetInstanceHandsOutTwiceWhilePoolGrows) {
+    MAV_HANDLE h = Start();
+    EXPECT_EQ(nullptr, MavGetInstance(h));  // pool size 0, nothing free
+    EXPECT_EQ(nullptr, MavGetInstance(nullptr));
+    ASSERT_EQ(MAV_OK, MavLoadPool(h, 1, 0));
+    ASSERT_EQ(MAV_OK, MavSetPoolSize(h, 2));
+    MAV_INST first = Rec(h)->pPool[0];
+    MAV_INST got = MavGetInstance(h);
+    ASSERT_NE(nullptr, got);
+    EXPECT_NE(first, got);             // the new one replaces the one handed out ...
+    EXPECT_TRUE(Inst(first)->bInUse);  // ... which stays in use
+    EXPECT_EQ(2u, Rec(h)->uiPooled);
+    EXPECT_EQ(0u, Rec(h)->uiPoolFree);
+    EXPECT_EQ(nullptr, MavGetInstance(h));  // full, nothing free
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&got));
+    EXPECT_EQ(got, MavGetInstance(h));  // full pool: plain hand-out
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&got));
+    EXPECT_EQ(MAV_E_IN_PROGRESS, MavEnd(&h));
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&first));
+    EXPECT_EQ(MAV_OK, MavEnd(&h));
+}
+
+TEST_F(LifecyclePools, SizeLoadAndFree) {
+    MAV_HANDLE h = Start();
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavSetPoolSize(nullptr, 2));
+    EXPECT_EQ(0u, MavGetPoolSize(nullptr));
+    EXPECT_EQ(MAV_E_INVALID_PARAM, MavLoadPool(h, 0, 0));
+    ASSERT_EQ(MAV_OK, MavLoadPool(h, 3, 0));
+    EXPECT_EQ(3u, MavGetPoolSize(h));
+    EXPECT_EQ(3u, Rec(h)->uiPooled);
+    EXPECT_EQ(3u, Rec(h)->uiPoolFree);
+    EXPECT_EQ(3, pel.live_inits());
+    EXPECT_EQ(MAV_E_INVALID_PARAM, MavLoadPool(h, 2, 0));  // smaller: refused
+    EXPECT_EQ(MAV_OK, MavSetPoolSize(h, 2));               // smaller: size only
+    EXPECT_EQ(2u, MavGetPoolSize(h));
+    EXPECT_EQ(3u, Rec(h)->uiPooled);
+
+    MAV_INST i = MavGetInstance(h);
+    ASSERT_NE(nullptr, i);
+    EXPECT_EQ(MAV_E_IN_PROGRESS, MavFreePool(h));
+    EXPECT_EQ(3, pel.live_inits());
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&i));  // slot 0, within the size: back to the pool
+    EXPECT_EQ(MAV_OK, MavFreePool(h));
+    EXPECT_EQ(0u, MavGetPoolSize(h));
+    EXPECT_EQ(0u, Rec(h)->uiPooled);
+    EXPECT_EQ(nullptr, Rec(h)->pPool);
+    EXPECT_EQ(0, pel.live_inits());
+    EXPECT_EQ(MAV_OK, MavFreePool(nullptr));
+    // Usable again after the pool array was freed.
+    ASSERT_EQ(MAV_OK, MavLoadPool(h, 2, 1));
+    EXPECT_EQ(2u, Rec(h)->uiPoolFree);
+    // Default parameters on load give each instance its own configuration.
+    EXPECT_NE(Rec(h)->pCfg, Rec(h)->pPool[0]->pCfg);
+    EXPECT_EQ(MAV_OK, MavEnd(&h));
+    EXPECT_EQ(0, pel.live_inits());
+}
+
+TEST_F(LifecyclePools, FreePoolEndsSharedEngine) {
+    pel.set_adapter_info(4711, 1, 2, 1, 0, "Kormo Test", "testpel");
+    MAV_HANDLE h = Start();
+    ASSERT_EQ(MAV_OK, MavLoadPool(h, 2, 0));
+    EXPECT_EQ(1, pel.live_inits());
+    EXPECT_EQ(MAV_OK, MavFreePool(h));
+    EXPECT_EQ(nullptr, Rec(h)->pSharedInit);
+    EXPECT_EQ(0, pel.live_inits());
+    EXPECT_EQ(MAV_OK, MavFreePool(h));  // no engine: no PelEnd
+    EXPECT_EQ(1u, pel.calls(TPEL_END));
+    EXPECT_EQ(MAV_OK, MavEnd(&h));
+    EXPECT_EQ(0u, pel.bad_releases());
+}
+
+using LifecycleReload = Lifecycle;
+
+TEST_F(LifecycleReload, ReloadRecreatesThePool) {
+    EXPECT_EQ(MAV_OK, MavReload(nullptr));  // nothing registered
+    MAV_HANDLE h = Start();
+    ASSERT_EQ(MAV_OK, MavLoadPool(h, 2, 0));
+    MAV_INST old0 = Rec(h)->pPool[0];
+    const void* oldInit = Inst(old0)->pPelInit;
+    EXPECT_EQ(MAV_OK, MavReload(h));
+    EXPECT_EQ(2u, pel.calls(TPEL_END));
+    EXPECT_EQ(4u, pel.calls(TPEL_INIT));
+    EXPECT_EQ(2u, Rec(h)->uiPoolFree);
+    EXPECT_EQ(2, pel.live_inits());
+    EXPECT_FALSE(pel.is_live_init(oldInit));
+    EXPECT_EQ(1u, pel.calls(TPEL_STARTUP));  // the adapter stays started
+    EXPECT_EQ(1u, pel.calls(TPEL_GETCONFIG));
+
+    MAV_INST i = nullptr;
+    ASSERT_EQ(MAV_OK, MavCreateInstance(h, &i));
+    EXPECT_EQ(MAV_E_IN_PROGRESS, MavReload(h));
+    EXPECT_EQ(MAV_E_IN_PROGRESS, MavReload(nullptr));
+    EXPECT_EQ(2, pel.live_inits());  // nothing released
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&i));
+    EXPECT_EQ(MAV_OK, MavReload(nullptr));
+    EXPECT_EQ(MAV_OK, MavEnd(&h));
+    EXPECT_EQ(0, pel.live_inits());
+}
+
+TEST_F(LifecycleReload, ReloadWithPoolSizeZeroEndsSharedEngine) {
+    pel.set_adapter_info(4711, 2, 2, 1, 0, "Kormo Test", "testpel");
+    MAV_HANDLE h = Start();
+    ASSERT_EQ(MAV_OK, MavLoadPool(h, 2, 0));
+    ASSERT_EQ(MAV_OK, MavSetPoolSize(h, 0));
+    EXPECT_EQ(MAV_OK, MavReload(h));
+    EXPECT_EQ(0u, Rec(h)->uiPooled);
+    EXPECT_EQ(nullptr, Rec(h)->pSharedInit);
+    EXPECT_EQ(0, pel.live_inits());
+    EXPECT_EQ(1u, pel.calls(TPEL_INIT));
+    EXPECT_EQ(MAV_OK, MavEnd(&h));
+}
+
+TEST_F(LifecycleReload, ListedInstanceBlocksReloadAndEnd) {
+    MAV_HANDLE h = Start();
+    MAV_INST i = nullptr;
+    ASSERT_EQ(MAV_OK, MavCreateInstance(h, &i));
+    EXPECT_EQ(MAV_E_IN_PROGRESS, MavReload(h));
+    EXPECT_EQ(MAV_E_IN_PROGRESS, MavEnd(&h));
+    EXPECT_NE(nullptr, h);
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&i));
+    EXPECT_EQ(MAV_OK, MavEnd(&h));
+}
+
+using LifecycleNames = Lifecycle;
+
+TEST_F(LifecycleNames, PrefixRuleAndRenaming) {
+    MAV_HANDLE a = Start(), b = Start();
+    EXPECT_EQ(MAV_E_NULL_PARAM, MavSetHandleName(nullptr, "x", 1));
+    EXPECT_EQ(nullptr, MavGetHandleByName("abc", 3));  // no names yet
+    ASSERT_EQ(MAV_OK, MavSetHandleName(a, "abcdef", 6));
+    ASSERT_EQ(MAV_OK, MavSetHandleName(b, "abcxyz_ignored", 6));
+    EXPECT_STREQ("abcxyz", Rec(b)->pName->pszName);
+    EXPECT_EQ(a, MavGetHandleByName("abc", 3));  // first in registry order
+    EXPECT_EQ(b, MavGetHandleByName("abcx", 4));
+    EXPECT_EQ(nullptr, MavGetHandleByName("abcdefg", 7));  // longer than stored
+    EXPECT_EQ(nullptr, MavGetHandleByName(nullptr, 3));
+    EXPECT_EQ(2u, MavIXGetHdlSizeByName("abc", 3, 10));
+    EXPECT_EQ(1u, MavIXGetHdlSizeByName("abc", 3, 1));
+    ASSERT_EQ(MAV_OK, MavSetHandleName(a, "zz", 2));  // the old name goes
+    EXPECT_EQ(b, MavGetHandleByName("abc", 3));
+    EXPECT_EQ(a, MavGetHandleByName("zz", 2));
+    EXPECT_EQ(MAV_OK, MavEnd(&b));
+    EXPECT_EQ(nullptr, MavGetHandleByName("abc", 3));
+    EXPECT_EQ(MAV_OK, MavEnd(&a));
+}
+
+TEST_F(LifecycleNames, GetHdlByActionFlags) {
+    pel.set_flags(0x3, 0x8, 0, 0);
+    MAV_HANDLE h = Start();
+    EXPECT_EQ(h, MavIXGetHdl(0x8));
+    EXPECT_EQ(nullptr, MavIXGetHdl(0x10));
+    EXPECT_EQ(MAV_OK, MavEnd(&h));
+    EXPECT_EQ(nullptr, MavIXGetHdl(0x8));
+}
+
+using LifecycleCfg = Lifecycle;
+
+TEST_F(LifecycleCfg, AllocCountsActionsAndCopiesListShapes) {
+    EXPECT_EQ(MAV_E_NULL_PARAM, MavIXAllocCFG(nullptr, nullptr));
+    MAV_CFG* cfg = nullptr;
+    ASSERT_EQ(MAV_OK, MavIXAllocCFG(nullptr, &cfg));
+    EXPECT_EQ(160u, cfg->struct_size);
+    EXPECT_EQ(2u, cfg->uiDefaultAction);
+    EXPECT_EQ(0u, cfg->usActionCount);
+    EXPECT_EQ(56u, MavIXGetCfgCallback(cfg)->struct_size);
+    EXPECT_EQ(0u, MavIXGetCfgInitParams(cfg)->usNumParams);
+    EXPECT_EQ(nullptr, MavIXGetCfgOptParams(cfg)->pParams);
+    ASSERT_NE(nullptr, cfg->pAux);
+    EXPECT_EQ(nullptr, cfg->pAux->pEvents);
+    EXPECT_EQ(MAV_OK, MavIXFreeCFG(&cfg));
+    EXPECT_EQ(nullptr, cfg);
+    EXPECT_EQ(MAV_OK, MavIXFreeCFG(&cfg));
+    EXPECT_EQ(nullptr, MavIXGetCfgCallback(nullptr));
+
+    PEL_PARAM entries[3] = {};
+    PEL_PARAMS init = {3, {0, 0, 0}, entries};
+    PEL_CONFIG pc = {};
+    pc.struct_size = sizeof pc;
+    pc.pInitParams = &init;
+    for (uint32_t flags : {0x0u, 0x1u, 0x10u, 0x11u, 0x19u}) {
+        pc.uiPelActionFlag = flags;
+        ASSERT_EQ(MAV_OK, MavIXAllocCFG(&pc, &cfg));
+        EXPECT_EQ(((flags & 1) ? 1 : 0) + ((flags & 0x10) ? 1 : 0), cfg->usActionCount);
+        EXPECT_EQ(3u, cfg->pInitParams->usNumParams);
+        ASSERT_NE(nullptr, cfg->pInitParams->pParams);
+        EXPECT_EQ(0u, cfg->pOptParams->usNumParams);
+        MavIXFreeCFG(&cfg);
+    }
+}
+
+TEST_F(LifecycleCfg, InstanceGetsItsOwnCopyOnFirstWrite) {
+    pel.add_param(0, VS_P_SCANLIMIT, VS_TYPE_CHAR, "limit");
+    MAV_HANDLE h = Start();
+    ASSERT_EQ(MAV_OK, MavRegisterSingleEventHandler(
+                          h, [](MAV_INST, uint32_t, void*, void*) -> VS_CALLRC { return 0; },
+                          VS_M_VIRUS, nullptr));
+    Rec(h)->pCfg->uiDefaultAction = 0x1a;
+    Rec(h)->pCfg->bNoScanInfo = 1;
+    MAV_INST i = nullptr;
+    ASSERT_EQ(MAV_OK, MavCreateInstance(h, &i));
+    MAV_CFG* cfg = nullptr;
+    ASSERT_EQ(MAV_OK, MavIXAssignHdlToCFG(h, &cfg));
+    EXPECT_EQ(Rec(h)->pCfg, cfg);
+    ASSERT_EQ(MAV_OK, MavIXAssignHdlToCFG(i, &cfg));
+    ASSERT_NE(Rec(h)->pCfg, cfg);
+    EXPECT_EQ(cfg, Inst(i)->pCfg);
+    EXPECT_EQ(0x1au, cfg->uiDefaultAction);
+    EXPECT_EQ(1, cfg->bNoScanInfo);
+    EXPECT_EQ(Rec(h)->pCfg->usActionCount, cfg->usActionCount);
+    EXPECT_EQ(0, cfg->asScanIndex[VS_P_SCANLIMIT - 100]);
+    ASSERT_NE(nullptr, cfg->pAux->pEvents);
+    EXPECT_NE(Rec(h)->pCfg->pAux->pEvents, cfg->pAux->pEvents);
+    EXPECT_EQ(VS_M_VIRUS, cfg->pAux->pEvents->uiMask);
+    MAV_CFG* again = nullptr;
+    ASSERT_EQ(MAV_OK, MavIXAssignHdlToCFG(i, &again));
+    EXPECT_EQ(cfg, again);                    // copied once
+    alignas(8) unsigned char junk[256] = {};  // no size, no marks
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXAssignHdlToCFG(junk, &cfg));
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&i));  // frees the copy with its registration
+    EXPECT_EQ(MAV_OK, MavEnd(&h));
+}
+
+TEST(LifecycleCodePage, NamesMustHaveFourCharacters) {
+    EXPECT_EQ(0, MavSetProcessCodePage("120"));
+    EXPECT_EQ(0, MavSetProcessCodePage("12080"));
+    EXPECT_EQ(0, MavSetProcessCodePage(""));
+    ASSERT_NE(nullptr, MavGetProcessCodePage());
+    std::string before = MavGetProcessCodePage();
+    EXPECT_EQ(1, MavSetProcessCodePage("0819"));
+    EXPECT_STREQ("0819", MavGetProcessCodePage());
+    EXPECT_EQ(1, MavSetProcessCodePage("1208"));
+    EXPECT_STREQ("1208", MavGetProcessCodePage());
+    EXPECT_EQ(4u, before.size());
+}
+
+}  // namespace
