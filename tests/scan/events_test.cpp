@@ -1,0 +1,307 @@
+// Events: registration rules, what the adapter is told, routing and the data
+// each handler gets, and stopping a scan from a handler.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "mav_fixture.h"
+#include "mavxxi.h"
+
+namespace {
+
+// What a handler saw, copied during the call (the library frees its
+// converted texts afterwards).
+struct Seen {
+    std::string via;  // "single" or the table slot's name
+    MAV_INST inst;
+    uint32_t message;
+    uintptr_t number;
+    std::string text;
+    MAV_VIRUSINFO virus;
+    std::string virusName, virusObject, virusFree;
+    MAV_SCANERROR error;
+    std::string errorObject, errorText;
+};
+std::vector<Seen> seen;
+VS_CALLRC nextResult = 0;
+
+std::string Str(const char* s) { return s != nullptr ? s : "(null)"; }
+
+void Record(const char* via, MAV_INST inst, uint32_t message, void* data) {
+    Seen s{};
+    s.via = via;
+    s.inst = inst;
+    s.message = message;
+    switch (message) {
+        case VS_M_VIRUS:
+        case VS_M_REPAIRED:
+            s.virus = *static_cast<MAV_VIRUSINFO*>(data);
+            s.virusName = Str(s.virus.pszVirusName);
+            s.virusObject = Str(s.virus.pszObjectName);
+            s.virusFree = Str(s.virus.pszFreeTextInfo);
+            break;
+        case VS_M_NOTSCANNED:
+        case VS_M_NOTREPAIRED:
+            s.error = *static_cast<MAV_SCANERROR*>(data);
+            s.errorObject = Str(s.error.pszObjectName);
+            s.errorText = Str(s.error.pszErrorText);
+            break;
+        case VS_M_OBJECTFOUND:
+        case VS_M_ERROR:
+            s.text = Str(static_cast<const char*>(data));
+            break;
+        default:
+            s.number = reinterpret_cast<uintptr_t>(data);
+            break;
+    }
+    seen.push_back(s);
+}
+
+VS_CALLRC Single(MAV_INST inst, uint32_t message, void* data, void* userData) {
+    EXPECT_EQ(&seen, userData);
+    Record("single", inst, message, data);
+    return nextResult;
+}
+
+#define TABLE_HANDLER(name, msg)                                         \
+    VS_CALLRC name(MAV_INST inst, void* userData, void* data) {         \
+        EXPECT_EQ(&seen, userData);                                      \
+        Record(#name, inst, msg, data);                                  \
+        return nextResult;                                               \
+    }
+TABLE_HANDLER(OnVirusFound, VS_M_VIRUS)
+TABLE_HANDLER(OnClean, VS_M_CLEAN)
+TABLE_HANDLER(OnError, VS_M_ERROR)
+TABLE_HANDLER(OnObjectFound, VS_M_OBJECTFOUND)
+TABLE_HANDLER(AbortScan, VS_M_ABORTSCAN)
+TABLE_HANDLER(OnNotScanned, VS_M_NOTSCANNED)
+TABLE_HANDLER(OnVirusRepaired, VS_M_REPAIRED)
+TABLE_HANDLER(OnVirusNotRepaired, VS_M_NOTREPAIRED)
+TABLE_HANDLER(OnMacrosCleaned, VS_M_MACROSCLEANED)
+TABLE_HANDLER(OnMacrosFound, VS_M_CONTAINMACROS)
+TABLE_HANDLER(ScanActions, VS_M_SCANACTIONS)
+TABLE_HANDLER(ScanProgress, VS_M_SCANPROGRESS)
+
+MAV_EVENTS FullTable() {
+    return MAV_EVENTS{OnVirusFound,    OnClean,        OnError,         OnObjectFound,
+                      AbortScan,       OnNotScanned,   OnVirusRepaired, OnVirusNotRepaired,
+                      OnMacrosCleaned, OnMacrosFound,  ScanActions,     ScanProgress};
+}
+
+class Events : public MavFixture {
+  protected:
+    void SetUp() override {
+        seen.clear();
+        nextResult = 0;
+    }
+    // One infection and one scan error, and every message once.
+    void ScriptAllMessages() {
+        pel.script_clear();
+        pel.script_infection("Eicar<1>", "a.com", 77, 1, 68, "free");
+        pel.script_scan_error("b.zip", 12, "encrypted", 900);
+        pel.script_event(VS_M_VIRUS, 0, nullptr, 0, 0);
+        pel.script_event(VS_M_REPAIRED, 0, nullptr, 0, 0);
+        pel.script_event(VS_M_NOTSCANNED, 0, nullptr, 0, 0);
+        pel.script_event(VS_M_NOTREPAIRED, 0, nullptr, 0, 0);
+        pel.script_event(VS_M_OBJECTFOUND, 0, "inner/doc.xls", 0, 0);
+        pel.script_event(VS_M_ERROR, 0, "bad header", 0, 0);
+        pel.script_event(VS_M_SCANPROGRESS, 0, nullptr, 0x100000005ull, 0);
+        pel.script_event(VS_M_SCANACTIONS, 0, nullptr, 3, 0);
+        pel.script_event(VS_M_CLEAN, 0, nullptr, 4, 0);
+        pel.script_event(VS_M_ABORTSCAN, 0, nullptr, 5, 0);
+        pel.script_event(VS_M_MACROSCLEANED, 0, nullptr, 6, 0);
+        pel.script_event(VS_M_CONTAINMACROS, 0, nullptr, 7, 0);
+    }
+};
+
+TEST_F(Events, MaskRulesFollowTheAdapterEventFlags) {
+    pel.set_flags(0x3, 0x19, VS_M_VIRUS | VS_M_CLEAN, 0);
+    Start();
+    TraceCapture trace(MAV_TRC_ERROR | MAV_TRC_EVENT | MAV_TRC_WARNING);
+    EXPECT_EQ(MAV_E_NOT_SUPPORTED,
+              MavRegisterSingleEventHandler(hdl, Single, VS_M_ERROR | VS_M_ABORTSCAN, &seen));
+    EXPECT_TRUE(trace.Has("The event message VS_M_ERROR is not supported by the PEL!\n"));
+    EXPECT_TRUE(trace.Has("The event message VS_M_ABORTSCAN is not supported by the PEL!\n"));
+    EXPECT_EQ(2, trace.CountContaining("is not supported by the PEL!"));
+    // One supported message carries the whole mask.
+    EXPECT_EQ(MAV_OK, MavRegisterSingleEventHandler(hdl, Single, VS_M_ERROR | VS_M_VIRUS, &seen));
+    EXPECT_TRUE(trace.Has("Event handler was set. Notification will activated!\n"));
+    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
+    TPEL_LAST_SCAN last = pel.lastScan();
+    EXPECT_TRUE(last.bHadCallback);
+    EXPECT_EQ(reinterpret_cast<PEL_CALLBACK_FN>(MavPXCallback), last.sCallback.pfnCallback);
+    EXPECT_EQ(VS_M_ERROR | VS_M_VIRUS, last.sCallback.uiMessageMask);
+    EXPECT_EQ(inst, last.sCallback.pvContext);
+    EXPECT_EQ(sizeof(PEL_CALLBACK), last.sCallback.struct_size);
+    // The record handed to PelInit follows too.
+    PEL_CALLBACK* initCb = static_cast<MAV_HDL_REC*>(hdl)->pCfg->pCallback;
+    EXPECT_EQ(VS_M_ERROR | VS_M_VIRUS, initCb->uiMessageMask);
+    EXPECT_EQ(reinterpret_cast<PEL_CALLBACK_FN>(MavPXCallback), initCb->pfnCallback);
+
+    EXPECT_EQ(MAV_OK, MavRegisterSingleEventHandler(hdl, Single, VS_M_ALL, &seen));
+    MAV_EVENTS table = {};
+    table.OnError = OnError;
+    trace.Clear();
+    EXPECT_EQ(MAV_E_NOT_SUPPORTED, MavRegisterEvents(hdl, &table, &seen));
+    EXPECT_TRUE(trace.Has("The event message VS_M_ERROR is not supported by the PEL!\n"));
+
+    // No handler at all switches events off.
+    MAV_EVENTS empty = {};
+    EXPECT_EQ(MAV_OK, MavRegisterEvents(hdl, &empty, &seen));
+    EXPECT_TRUE(trace.Has("No event handler were set. Notification will be deactivated!\n"));
+    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
+    EXPECT_EQ(nullptr, pel.lastScan().sCallback.pfnCallback);
+    EXPECT_EQ(0u, pel.lastScan().sCallback.uiMessageMask);
+    EXPECT_EQ(nullptr, initCb->pfnCallback);
+    EXPECT_EQ(MAV_OK, MavRegisterSingleEventHandler(hdl, Single, 0, &seen));
+
+    EXPECT_EQ(MAV_E_NULL_PARAM, MavRegisterEvents(nullptr, &table, nullptr));
+    EXPECT_TRUE(trace.Has("Invalid NULL parameter for instance handle\n"));
+    EXPECT_EQ(MAV_E_NULL_PARAM, MavRegisterSingleEventHandler(nullptr, Single, 1, nullptr));
+}
+
+TEST_F(Events, SingleHandlerGetsConvertedRecordsAndRawNumbers) {
+    Start();
+    ScriptAllMessages();
+    ASSERT_EQ(MAV_OK, MavRegisterSingleEventHandler(inst, Single, VS_M_ALL, &seen));
+    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 42, nullptr));
+    ASSERT_EQ(12u, seen.size());
+    for (const Seen& s : seen) {
+        EXPECT_EQ("single", s.via);
+        EXPECT_EQ(inst, s.inst);
+    }
+    EXPECT_EQ(VS_M_VIRUS, seen[0].message);
+    EXPECT_EQ("Eicar<1>", seen[0].virusName);
+    EXPECT_EQ("a.com", seen[0].virusObject);
+    EXPECT_EQ("free", seen[0].virusFree);
+    EXPECT_EQ(77u, seen[0].virus.uiVirusID);
+    EXPECT_EQ(1, seen[0].virus.bRepairable);
+    EXPECT_EQ(68u, seen[0].virus.lObjectSize);
+    EXPECT_EQ(42u, seen[0].virus.uiJobID);
+    EXPECT_EQ(sizeof(PEL_VIRUSINFO), seen[0].virus.struct_size);
+    EXPECT_EQ(VS_M_REPAIRED, seen[1].message);
+    EXPECT_EQ("Eicar<1>", seen[1].virusName);
+    EXPECT_EQ(VS_M_NOTSCANNED, seen[2].message);
+    EXPECT_EQ("b.zip", seen[2].errorObject);
+    EXPECT_EQ("encrypted", seen[2].errorText);
+    EXPECT_EQ(12, seen[2].error.iErrorRC);
+    EXPECT_EQ(900u, seen[2].error.lObjectSize);
+    EXPECT_EQ(42u, seen[2].error.uiJobID);
+    EXPECT_EQ(VS_M_NOTREPAIRED, seen[3].message);
+    EXPECT_EQ("inner/doc.xls", seen[4].text);
+    EXPECT_EQ("bad header", seen[5].text);
+    // The single handler gets the adapter's data unchanged (all 64 bits).
+    EXPECT_EQ(0x100000005ull, seen[6].number);
+    EXPECT_EQ(3u, seen[7].number);
+    EXPECT_EQ(7u, seen[11].number);
+    int32_t results[16];
+    EXPECT_EQ(12, pel.event_results(results, 16));
+}
+
+TEST_F(Events, TableRoutesBySlotAndBothNotScannedMessagesGoToSlot7) {
+    Start();
+    ScriptAllMessages();
+    MAV_EVENTS table = FullTable();
+    ASSERT_EQ(MAV_OK, MavRegisterEvents(inst, &table, &seen));
+    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
+    const char* expected[] = {"OnVirusFound",    "OnVirusRepaired", "OnVirusNotRepaired",
+                              "OnVirusNotRepaired", "OnObjectFound", "OnError",
+                              "ScanProgress",    "ScanActions",     "OnClean",
+                              "AbortScan",       "OnMacrosCleaned", "OnMacrosFound"};
+    ASSERT_EQ(12u, seen.size());
+    for (size_t i = 0; i < 12; ++i) EXPECT_EQ(expected[i], seen[i].via) << i;
+    // The NOTSCANNED record reaches OnVirusNotRepaired as a scan error.
+    EXPECT_EQ("encrypted", seen[2].errorText);
+    EXPECT_EQ("Eicar<1>", seen[1].virusName);
+    // A table handler gets the low 32 bits of a number.
+    EXPECT_EQ(5u, seen[6].number);
+    EXPECT_EQ("bad header", seen[5].text);
+}
+
+TEST_F(Events, OnlyOnNotScannedSetCallsNothing) {
+    Start();
+    pel.script_clear();
+    pel.script_scan_error("b", 1, "t", 1);
+    pel.script_event(VS_M_NOTSCANNED, 0, nullptr, 0, 0);
+    MAV_EVENTS table = {};
+    table.OnNotScanned = OnNotScanned;
+    ASSERT_EQ(MAV_OK, MavRegisterEvents(inst, &table, &seen));
+    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
+    EXPECT_TRUE(seen.empty());
+    int32_t results[4] = {-1};
+    ASSERT_EQ(1, pel.event_results(results, 4));
+    EXPECT_EQ(0, results[0]);
+}
+
+TEST_F(Events, MessagesOutsideTheMaskOrTableYieldZero) {
+    Start();
+    pel.script_clear();
+    pel.script_event(VS_M_CLEAN, 0, nullptr, 1, 1);        // forced, not in the mask
+    pel.script_event(0x4, 0, nullptr, 1, 1);               // not a message of the table
+    pel.script_event(VS_M_SCANPROGRESS, 0, nullptr, 9, 0);
+    nextResult = 0;
+    ASSERT_EQ(MAV_OK, MavRegisterSingleEventHandler(inst, Single, VS_M_SCANPROGRESS, &seen));
+    TraceCapture trace(MAV_TRC_EVENT);
+    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
+    ASSERT_EQ(1u, seen.size());
+    EXPECT_EQ(VS_M_SCANPROGRESS, seen[0].message);
+    int32_t results[4];
+    ASSERT_EQ(3, pel.event_results(results, 4));
+    EXPECT_EQ(0, results[0]);
+    EXPECT_EQ(0, results[1]);
+    EXPECT_TRUE(trace.Has("Unknown Message 4 received from PEL\n"));
+    EXPECT_EQ(3, trace.CountContaining(">> start >> MavPXCallback("));
+    // The unknown message returns before the end line.
+    EXPECT_EQ(2, trace.Count(" << end << MavPXCallback(VS_CALLRC==0) \n"));
+}
+
+TEST_F(Events, HandlerStopsTheScan) {
+    Start();
+    pel.script_clear();
+    pel.script_event(VS_M_SCANPROGRESS, 0, nullptr, 1, 0);
+    pel.script_event(VS_M_SCANPROGRESS, 0, nullptr, 2, 0);
+    MAV_EVENTS table = {};
+    table.ScanProgress = ScanProgress;
+    ASSERT_EQ(MAV_OK, MavRegisterEvents(inst, &table, &seen));
+    nextResult = 1;
+    EXPECT_EQ(MAV_E_CBC_TERMINATED, MavScanFile(inst, "/dev/null", 1, nullptr));
+    EXPECT_EQ(1u, seen.size());
+    int32_t results[4];
+    ASSERT_EQ(1, pel.event_results(results, 4));
+    EXPECT_EQ(1, results[0]);
+}
+
+TEST_F(Events, InstanceRegistrationStaysWithTheInstance) {
+    Start();
+    MAV_INST other = nullptr;
+    ASSERT_EQ(MAV_OK, MavCreateInstance(hdl, &other));
+    ASSERT_EQ(MAV_OK, MavRegisterSingleEventHandler(inst, Single, VS_M_VIRUS, &seen));
+    EXPECT_NE(static_cast<MAV_HDL_REC*>(hdl)->pCfg, static_cast<MAV_INST_REC*>(inst)->pCfg);
+    ASSERT_EQ(MAV_OK, MavScanFile(other, "/dev/null", 1, nullptr));
+    EXPECT_EQ(nullptr, pel.lastScan().sCallback.pfnCallback);
+    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
+    EXPECT_EQ(VS_M_VIRUS, pel.lastScan().sCallback.uiMessageMask);
+
+    // A handle registration reaches the instances that share its
+    // configuration, each as its own context.
+    ASSERT_EQ(MAV_OK, MavRegisterSingleEventHandler(hdl, Single, VS_M_CLEAN, &seen));
+    ASSERT_EQ(MAV_OK, MavScanFile(other, "/dev/null", 1, nullptr));
+    EXPECT_EQ(VS_M_CLEAN, pel.lastScan().sCallback.uiMessageMask);
+    EXPECT_EQ(other, pel.lastScan().sCallback.pvContext);
+    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
+    EXPECT_EQ(VS_M_VIRUS, pel.lastScan().sCallback.uiMessageMask);
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&other));
+}
+
+TEST_F(Events, CallbackRefusesAContextThatIsNoInstance) {
+    Start();
+    TraceCapture trace(MAV_TRC_ERROR);
+    MAV_CFG* cfg = static_cast<MAV_HDL_REC*>(hdl)->pCfg;
+    EXPECT_EQ(1, MavPXCallback(nullptr, VS_M_CLEAN, nullptr, cfg));
+    EXPECT_EQ(1, MavPXCallback(nullptr, VS_M_CLEAN, nullptr, nullptr));
+    EXPECT_TRUE(trace.Has("Cound not get instance configuration\n"));
+    EXPECT_EQ(0, MavPXCallback(nullptr, VS_M_CLEAN, nullptr, inst));
+}
+
+}  // namespace
