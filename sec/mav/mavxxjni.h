@@ -41,7 +41,7 @@ constexpr const char* kCleanedLength = "m_CleanedLength";
 // A local reference deleted when it goes out of scope.
 template <typename T>
 class LocalRef {
-public:
+  public:
     LocalRef(JNIEnv* env, T ref) : env_(env), ref_(ref) {}
     ~LocalRef() {
         if (ref_ != nullptr) env_->DeleteLocalRef(ref_);
@@ -51,13 +51,15 @@ public:
     T get() const { return ref_; }
     explicit operator bool() const { return ref_ != nullptr; }
 
-private:
+  private:
     JNIEnv* env_;
     T ref_;
 };
 
 // True while a Java exception is pending.
-inline bool Pending(JNIEnv* env) { return env->ExceptionCheck() == JNI_TRUE; }
+inline bool Pending(JNIEnv* env) {
+    return env->ExceptionCheck() == JNI_TRUE;
+}
 
 // Class of obj (null for a null object or with an exception pending).
 jclass ClassOf(JNIEnv* env, jobject obj);
@@ -89,14 +91,14 @@ void ReportRc(JNIEnv* env, jobject holder, jclass cls, MAV_RC rc);
 
 // Modified UTF-8 of a Java string, released at scope end; null for null.
 class Utf {
-public:
+  public:
     Utf(JNIEnv* env, jstring str);
     ~Utf();
     Utf(const Utf&) = delete;
     Utf& operator=(const Utf&) = delete;
     const char* get() const { return chars_; }
 
-private:
+  private:
     JNIEnv* env_;
     jstring str_;
     const char* chars_;

@@ -12,11 +12,15 @@ namespace {
 
 constexpr unsigned kReloadAttempts = 1000;
 
-jlong ToJava(void* hdl) { return static_cast<jlong>(reinterpret_cast<intptr_t>(hdl)); }
+jlong ToJava(void* hdl) {
+    return static_cast<jlong>(reinterpret_cast<intptr_t>(hdl));
+}
 
 // True when the holder can take a handle; a handle that Java cannot hold
 // could never be ended.
-bool CanHoldHandle(JNIEnv* env, jclass cls) { return FieldId(env, cls, kHandle, "J") != nullptr; }
+bool CanHoldHandle(JNIEnv* env, jclass cls) {
+    return FieldId(env, cls, kHandle, "J") != nullptr;
+}
 
 }  // namespace
 
@@ -62,8 +66,8 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(initPEL)(JNIEnv* env, jobject self, jstring c
     MAV_HDL_REC* rec = MavIGetHandle(hdl);
     if (rec != nullptr && rec->errors != nullptr && rec->errorCount > 0) {
         const MAV_ERROR_ENTRY& last = rec->errors[rec->errorCount - 1];
-        const char* text = last.lLength != 0 && last.pszText != nullptr ? last.pszText
-                                                                        : MavErrorDescription(rc);
+        const char* text =
+            last.lLength != 0 && last.pszText != nullptr ? last.pszText : MavErrorDescription(rc);
         SetErrorTexts(env, holder, cls.get(), text, text);
     } else {
         ReportRc(env, holder, cls.get(), rc);
@@ -212,15 +216,16 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(freePool)(JNIEnv* env, jobject self, jobject 
     return rc;
 }
 
-MAVJNI_EXPORT jint JNICALL MAVGATE(loadPool)(JNIEnv* env, jobject self, jobject holder,
-                                             jint count, jboolean flag) {
+MAVJNI_EXPORT jint JNICALL MAVGATE(loadPool)(JNIEnv* env, jobject self, jobject holder, jint count,
+                                             jboolean flag) {
     MAVJNI_TRC(">> start >> %s(%p,%p,%p,%d,%c)\n", __func__, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(holder), count, flag);
     if (holder == nullptr) return MAV_E_NULL_PARAM;
     LocalRef<jclass> cls(env, ClassOf(env, holder));
     MAV_HANDLE hdl = ReadHandle(env, holder, cls.get());
-    MAV_RC rc = count < 0 ? MAV_E_INVALID_PARAM
-                          : MavLoadPool(hdl, static_cast<size_t>(count), static_cast<uint8_t>(flag));
+    MAV_RC rc = count < 0
+                    ? MAV_E_INVALID_PARAM
+                    : MavLoadPool(hdl, static_cast<size_t>(count), static_cast<uint8_t>(flag));
     if (rc == MAV_OK) {
         ReportRc(env, holder, cls.get(), rc);
     } else {

@@ -12,8 +12,7 @@ using namespace mavjni;
 namespace {
 
 constexpr const char* kParameterClass = "kormo/security/core/server/mav/api/Parameter";
-constexpr const char* kParameterInit =
-    "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)V";
+constexpr const char* kParameterInit = "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)V";
 constexpr const char* kListAdd = "(Ljava/lang/Object;)Z";
 // Fields of a parameter object.
 constexpr const char* kParameterName = "m_ParameterName";
@@ -111,8 +110,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(getParameters)(JNIEnv* env, jobject self, job
 MAVJNI_EXPORT jint JNICALL MAVGATE(getParameter)(JNIEnv* env, jobject self, jobject holder,
                                                  jobject parameter) {
     MAVJNI_TRC(">> start >> %s(%p,%p,%p,%p)\n", __func__, static_cast<void*>(env),
-               static_cast<void*>(self), static_cast<void*>(holder),
-               static_cast<void*>(parameter));
+               static_cast<void*>(self), static_cast<void*>(holder), static_cast<void*>(parameter));
     if (holder == nullptr) return MAV_E_NULL_PARAM;
     LocalRef<jclass> cls(env, ClassOf(env, holder));
     void* hdl = ReadHandle(env, holder, cls.get());
@@ -155,8 +153,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(getParameter)(JNIEnv* env, jobject self, jobj
 MAVJNI_EXPORT jint JNICALL MAVGATE(setParameter)(JNIEnv* env, jobject self, jobject holder,
                                                  jobject parameter) {
     MAVJNI_TRC(">> start >> %s(%p,%p,%p,%p)\n", __func__, static_cast<void*>(env),
-               static_cast<void*>(self), static_cast<void*>(holder),
-               static_cast<void*>(parameter));
+               static_cast<void*>(self), static_cast<void*>(holder), static_cast<void*>(parameter));
     if (holder == nullptr) return MAV_E_NULL_PARAM;
     LocalRef<jclass> cls(env, ClassOf(env, holder));
     MAV_RC rc;
@@ -166,8 +163,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(setParameter)(JNIEnv* env, jobject self, jobj
         LocalRef<jclass> paramCls(env, ClassOf(env, parameter));
         LocalRef<jstring> nameStr(env, GetString(env, parameter, paramCls.get(), kParameterName));
         LocalRef<jstring> typeStr(env, GetString(env, parameter, paramCls.get(), kParameterType));
-        LocalRef<jstring> valueStr(env,
-                                   GetString(env, parameter, paramCls.get(), kParameterValue));
+        LocalRef<jstring> valueStr(env, GetString(env, parameter, paramCls.get(), kParameterValue));
         Utf name(env, nameStr.get());
         Utf type(env, typeStr.get());
         Utf value(env, valueStr.get());

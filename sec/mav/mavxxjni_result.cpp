@@ -25,8 +25,7 @@ constexpr const char* kInfectionInit =
 constexpr const char* kScanErrorClass = "kormo/security/core/server/mav/api/ScanError";
 constexpr const char* kScanErrorInit = "(JJLjava/lang/String;Ljava/lang/String;J)V";
 constexpr const char* kContentClass = "kormo/security/core/server/mav/api/ContentInfo";
-constexpr const char* kContentInit =
-    "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;J)V";
+constexpr const char* kContentInit = "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;J)V";
 constexpr const char* kListAdd = "(Ljava/lang/Object;)Z";
 
 // Seconds to milliseconds; wraps instead of overflowing on absurd dates.
@@ -38,8 +37,8 @@ jobject NewDriver(JNIEnv* env, jclass cls, jmethodID init, const PEL_DRIVERINFO&
     LocalRef<jstring> name(env, NewString(env, d.pszName));
     if (Pending(env)) return nullptr;
     return env->NewObject(cls, init, static_cast<jint>(d.usDrMajVersion),
-                          static_cast<jint>(d.usDrMinVersion), name.get(),
-                          Millis(d.utcDate), static_cast<jlong>(d.uiViruses));
+                          static_cast<jint>(d.usDrMinVersion), name.get(), Millis(d.utcDate),
+                          static_cast<jlong>(d.uiViruses));
 }
 
 jobject NewInfection(JNIEnv* env, jclass cls, jmethodID init, const PEL_VIRUSINFO& v) {
@@ -174,7 +173,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(getInstanceInfo)(JNIEnv* env, jobject self, j
     return rc;
 }
 
-#define MAVJNI_INFO_NATIVE(method, kind)                                                    \
+#define MAVJNI_INFO_NATIVE(method, kind)                                                   \
     MAVJNI_EXPORT jint JNICALL MAVGATE(method)(JNIEnv * env, jobject self, jobject holder, \
                                                jobject list) {                             \
         MAVJNI_TRC(">> start >> %s(%p,%p,%p,%p)\n", __func__, static_cast<void*>(env),     \
@@ -214,12 +213,10 @@ MAVJNI_EXPORT jobject JNICALL MAVGATE(getEngine)(JNIEnv* env, jobject self, jobj
         if (ctor != nullptr) {
             LocalRef<jstring> text(env, NewString(env, init->pszEngineVersionText));
             if (!Pending(env)) {
-                engine = env->NewObject(engineCls.get(), ctor,
-                                        static_cast<jint>(init->usEngineMajVersion),
-                                        static_cast<jint>(init->usEngineMinVersion), text.get(),
-                                        Millis(init->utcDate),
-                                        static_cast<jlong>(init->uiViruses),
-                                        static_cast<jshort>(init->usDrivers));
+                engine = env->NewObject(
+                    engineCls.get(), ctor, static_cast<jint>(init->usEngineMajVersion),
+                    static_cast<jint>(init->usEngineMinVersion), text.get(), Millis(init->utcDate),
+                    static_cast<jlong>(init->uiViruses), static_cast<jshort>(init->usDrivers));
                 if (Pending(env)) engine = nullptr;
             }
         }

@@ -20,7 +20,7 @@ constexpr const char* kScanErrors = "m_ScanErrors";
 
 // Pinned elements of a byte array, released with mode 0 (copy back).
 class PinnedBytes {
-public:
+  public:
     PinnedBytes(JNIEnv* env, jbyteArray array) : env_(env), array_(array), bytes_(nullptr) {
         if (array_ == nullptr || Pending(env_)) return;
         bytes_ = env_->GetByteArrayElements(array_, nullptr);
@@ -33,7 +33,7 @@ public:
     PinnedBytes& operator=(const PinnedBytes&) = delete;
     jbyte* get() const { return bytes_; }
 
-private:
+  private:
     JNIEnv* env_;
     jbyteArray array_;
     jbyte* bytes_;
@@ -44,11 +44,10 @@ private:
 MAVJNI_EXPORT jint JNICALL MAVGATE(pelScan)(JNIEnv* env, jobject self, jobject holder,
                                             jlong scanCode, jlong actionCode, jstring name,
                                             jbyteArray buffer, jlong length, jlong jobId) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%ld,%ld,%p,%p,%ld,%ld\n", __func__,
-               static_cast<void*>(env), static_cast<void*>(self), static_cast<void*>(holder),
-               static_cast<long>(scanCode), static_cast<long>(actionCode),
-               static_cast<void*>(name), static_cast<void*>(buffer), static_cast<long>(length),
-               static_cast<long>(jobId));
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%ld,%ld,%p,%p,%ld,%ld\n", __func__, static_cast<void*>(env),
+               static_cast<void*>(self), static_cast<void*>(holder), static_cast<long>(scanCode),
+               static_cast<long>(actionCode), static_cast<void*>(name), static_cast<void*>(buffer),
+               static_cast<long>(length), static_cast<long>(jobId));
     if (holder == nullptr) return MAV_E_NULL_PARAM;
     LocalRef<jclass> cls(env, ClassOf(env, holder));
     if (!cls) {
@@ -65,7 +64,8 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(pelScan)(JNIEnv* env, jobject self, jobject h
     if (inst == nullptr) {
         MAV_TRC_E("Invalid NULL parameter for handle\n");
         rc = MAV_E_INVALID_HANDLE;
-    } else if (MAV_HDL_REC* hdl = MavIGetHandle(inst); hdl != nullptr && hdl->pFunctions == nullptr) {
+    } else if (MAV_HDL_REC* hdl = MavIGetHandle(inst);
+               hdl != nullptr && hdl->pFunctions == nullptr) {
         rc = MAV_E_NOT_INITIALISED;
     } else if (buffer != nullptr && (length < 0 || length > env->GetArrayLength(buffer))) {
         // The C side would read and write past the array.
