@@ -4,6 +4,7 @@ import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertNotEquals;
 import static org.junit.jupiter.api.Assertions.assertNotNull;
 import static org.junit.jupiter.api.Assertions.assertNull;
+import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import org.junit.jupiter.api.Test;
 
@@ -81,6 +82,29 @@ class LifecycleTest extends BridgeTestBase {
         assertEquals(MAV_OK, Mavgate.reloadPEL(h));
         assertNull(h.m_lastError);
         assertEquals(MAV_OK, Mavgate.reloadPEL(null));
+    }
+
+    @Test
+    void reloadRetriesEveryFailureUntilItSucceeds() throws InterruptedException {
+        MavHandle h = open();
+        MavHandle i = instance(h);
+        Thread release = new Thread(() -> {
+            try {
+                Thread.sleep(1500);
+            } catch (InterruptedException e) {
+                Thread.currentThread().interrupt();
+            }
+            Mavgate.freeInstance(i);
+        });
+        long start = System.nanoTime();
+        release.start();
+        // In progress while the instance is out, then retried once a second.
+        assertEquals(MAV_OK, Mavgate.reloadPEL(h));
+        long elapsedMs = (System.nanoTime() - start) / 1_000_000;
+        release.join();
+        assertEquals(0, i.m_Handle);
+        assertTrue(elapsedMs >= 1500 && elapsedMs < 10_000, "took " + elapsedMs + " ms");
+        assertNull(h.m_lastError);
     }
 
     @Test
