@@ -119,6 +119,11 @@ MAV_RC MavIXAddHdl(MAV_HDL_REC* hdl) {
     while (last->pNext != nullptr) last = last->pNext;
     MAV_HDL_NODE* empty = static_cast<MAV_HDL_NODE*>(MavIAlloc(sizeof(MAV_HDL_NODE), true));
     if (empty == nullptr) {
+        // An empty registry keeps no node: the one made above is given back.
+        if (mavIPool.uiCount.load() == 0) {
+            MavIFree(mavIPool.pHead);
+            mavIPool.pHead = nullptr;
+        }
         MavIUnlockRegistry();
         return MAV_E_NO_SPACE;
     }
