@@ -224,6 +224,8 @@ Clamd::Clamd(const std::string& streamMaxLength) {
          << "TemporaryDirectory " << dir_.Path() << "\n"
          << "LogFile " << dir_.File("clamd.log") << "\n"
          << "StreamMaxLength " << streamMaxLength << "\n"
+         << "MaxRecursion 3\n"
+         << "AlertExceedsMax yes\n"
          << "MaxThreads 4\n"
          << "IdleTimeout 30\n"
          << "SelfCheck 0\n"

@@ -53,7 +53,8 @@ private:
 int FreePort();
 
 // A clamd daemon of its own: Foreground, a local socket in a temporary
-// directory, a TCP socket on a free loopback port, the test database.
+// directory, a TCP socket on a free loopback port, the test database; archive
+// depth 3 and alerts for limits reached (AlertExceedsMax).
 class Clamd {
 public:
     // streamMaxLength: clamd's StreamMaxLength, e.g. "1M".

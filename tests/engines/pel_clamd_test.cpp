@@ -106,6 +106,11 @@ TEST_F(ClamdAdapter, StreamLimitIsNotScannedAndTheNextScanWorks) {
     EXPECT_TRUE(Contains(s.ScanErrors(), "StreamMaxLength"));
     EXPECT_EQ(0u, s.Info()->uiClean);
     EXPECT_EQ(-2, s.Bytes(ToBytes(Eicar()), "eicar"));
+    // The server's own limits reached: not scanned, not an infection.
+    EXPECT_EQ(-2, s.Bytes(NestedZip(ToBytes(Eicar()), 2), "two.zip"));
+    EXPECT_EQ(14, s.Bytes(NestedZip(ToBytes(Eicar()), 5), "five.zip"));
+    EXPECT_EQ(0u, s.Info()->uiInfections);
+    EXPECT_TRUE(Contains(s.ScanErrors(), "MaxRecursion"));
     s.Release();
     Close(&in);
 }
