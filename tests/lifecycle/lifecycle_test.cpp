@@ -43,7 +43,13 @@ TEST_F(LifecycleHandles, EndArgumentsAndStaleHandles) {
     EXPECT_EQ(MAV_OK, MavEnd(&none));
     EXPECT_EQ(MAV_E_NULL_PARAM, MavInit(pel.path(), nullptr));
 
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavFreeInstance(nullptr));
+    MAV_INST noInst = nullptr;
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&noInst));
+
     MAV_HANDLE h = Start();
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavCreateInstance(nullptr, &noInst));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavCreateInstance(h, nullptr));
     MAV_HANDLE stale = h;
     ASSERT_EQ(MAV_OK, MavEnd(&h));
     // The block is recycled with wiped marks: every call refuses it.
@@ -142,17 +148,6 @@ TEST_F(LifecycleInstances, PoolOfTwoGivesTwoPooledAndOneListed) {
     EXPECT_EQ(MAV_OK, MavFreeInstancePointer(nullptr));
     EXPECT_EQ(MAV_OK, MavEnd(&h));
     EXPECT_EQ(0, pel.live_inits());
-}
-
-TEST_F(LifecycleInstances, FreeInstanceArguments) {
-    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavFreeInstance(nullptr));
-    MAV_INST none = nullptr;
-    EXPECT_EQ(MAV_OK, MavFreeInstance(&none));
-    MAV_HANDLE h = Start();
-    MAV_INST i = nullptr;
-    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavCreateInstance(nullptr, &i));
-    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavCreateInstance(h, nullptr));
-    EXPECT_EQ(MAV_OK, MavEnd(&h));
 }
 
 TEST_F(LifecycleInstances, LoweredPoolSizeEndsReturnedPooledInstances) {
