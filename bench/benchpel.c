@@ -8,11 +8,11 @@
 #include "kormopel.h"
 
 static PEL_ADAPTERINFO benchInfo = {.struct_size = sizeof(PEL_ADAPTERINFO),
-                                     .uiAdapterID = 4712,
-                                     .usMavVersion = PEL_MAV_VERSION,
-                                     .usPelMajorVersion = 1,
-                                     .pszVendorInfo = "Kormo Bench",
-                                     .pszAdapterName = "benchpel"};
+                                    .uiAdapterID = 4712,
+                                    .usMavVersion = PEL_MAV_VERSION,
+                                    .usPelMajorVersion = 1,
+                                    .pszVendorInfo = "Kormo Bench",
+                                    .pszAdapterName = "benchpel"};
 static PEL_PARAMS benchNoParams = {.usNumParams = 0};
 static PEL_CONFIG benchConfig = {.struct_size = sizeof(PEL_CONFIG),
                                  .pAdapterInfo = &benchInfo,
@@ -26,7 +26,9 @@ static PEL_INIT benchInit = {.struct_size = sizeof(PEL_INIT),
                              .usEngineMajVersion = 1,
                              .pszEngineVersionText = "benchpel 1.0"};
 
-PEL_EXPORT int PelStartup(void) { return 0; }
+PEL_EXPORT int PelStartup(void) {
+    return 0;
+}
 
 PEL_EXPORT int PelGetConfig(PEL_CONFIG** ppConfig) {
     if (ppConfig == NULL) return 2;
@@ -63,4 +65,6 @@ PEL_EXPORT int PelEnd(PEL_INIT** ppInit, PEL_CONFIG** ppConfig) {
     return 0;
 }
 
-PEL_EXPORT int PelCleanup(void) { return 0; }
+PEL_EXPORT int PelCleanup(void) {
+    return 0;
+}

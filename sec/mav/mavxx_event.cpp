@@ -46,7 +46,9 @@ T Load(const T* p) {
     return __atomic_load_n(p, __ATOMIC_RELAXED);
 }
 
-MAV_EVENT_FN* Slots(MAV_EVENTS* t) { return reinterpret_cast<MAV_EVENT_FN*>(t); }
+MAV_EVENT_FN* Slots(MAV_EVENTS* t) {
+    return reinterpret_cast<MAV_EVENT_FN*>(t);
+}
 const MAV_EVENT_FN* Slots(const MAV_EVENTS* t) {
     return reinterpret_cast<const MAV_EVENT_FN*>(t);
 }
@@ -67,19 +69,32 @@ bool CheckEventMsg(uint32_t mask, uint32_t supported) {
 // NOTSCANNED and NOTREPAIRED go to OnVirusNotRepaired.
 int SlotOf(uint32_t message) {
     switch (message) {
-        case VS_M_VIRUS: return 0;
-        case VS_M_CLEAN: return 1;
-        case VS_M_ERROR: return 2;
-        case VS_M_OBJECTFOUND: return 3;
-        case VS_M_ABORTSCAN: return 4;
-        case VS_M_NOTSCANNED: return 7;
-        case VS_M_REPAIRED: return 6;
-        case VS_M_NOTREPAIRED: return 7;
-        case VS_M_MACROSCLEANED: return 8;
-        case VS_M_CONTAINMACROS: return 9;
-        case VS_M_SCANACTIONS: return 10;
-        case VS_M_SCANPROGRESS: return 11;
-        default: return -1;
+        case VS_M_VIRUS:
+            return 0;
+        case VS_M_CLEAN:
+            return 1;
+        case VS_M_ERROR:
+            return 2;
+        case VS_M_OBJECTFOUND:
+            return 3;
+        case VS_M_ABORTSCAN:
+            return 4;
+        case VS_M_NOTSCANNED:
+            return 7;
+        case VS_M_REPAIRED:
+            return 6;
+        case VS_M_NOTREPAIRED:
+            return 7;
+        case VS_M_MACROSCLEANED:
+            return 8;
+        case VS_M_CONTAINMACROS:
+            return 9;
+        case VS_M_SCANACTIONS:
+            return 10;
+        case VS_M_SCANPROGRESS:
+            return 11;
+        default:
+            return -1;
     }
 }
 
@@ -166,21 +181,6 @@ MAV_RC MavPXRegisterCallback(void* hdl, const MAV_EVENTS* events, MAV_EVENT_HAND
     return MAV_OK;
 }
 
-// Fills an instance's PEL_CALLBACK from its configuration's registration;
-// called by the scan on the scanning thread just before PelScan.
-MAV_LOCAL void MavIXFillScanCallback(MAV_INST_REC* inst) {
-    PEL_CALLBACK* cb = &inst->sCallback;
-    const MAV_CFG* cfg = inst->pCfg;
-    const MAV_EVENT_REG* reg = nullptr;
-    if (cfg != nullptr && cfg->pAux != nullptr)
-        reg = __atomic_load_n(&cfg->pAux->pEvents, __ATOMIC_ACQUIRE);
-    uint32_t mask = reg != nullptr ? __atomic_load_n(&reg->uiMask, __ATOMIC_ACQUIRE) : 0;
-    cb->struct_size = sizeof(PEL_CALLBACK);
-    cb->pfnCallback = mask != 0 ? MavPXCallback : nullptr;
-    cb->uiMessageMask = mask;
-    cb->pvContext = inst;
-}
-
 VS_CALLRC MavPXCallback(void* adapterData, uint32_t message, void* data, void* context) {
     MAV_TRC(MAV_TRC_EVENT, ">> start >> %s(%p,%x,%p,%p)\n", __func__, adapterData, message, data,
             context);
@@ -201,8 +201,8 @@ VS_CALLRC MavPXCallback(void* adapterData, uint32_t message, void* data, void* c
     MAV_EVENT_FN fn = nullptr;
     void* userData = nullptr;
     const MAV_CFG_AUX* aux = inst->pCfg->pAux;
-    MAV_EVENT_REG* reg = aux != nullptr ? __atomic_load_n(&aux->pEvents, __ATOMIC_ACQUIRE)
-                                        : nullptr;
+    MAV_EVENT_REG* reg =
+        aux != nullptr ? __atomic_load_n(&aux->pEvents, __ATOMIC_ACQUIRE) : nullptr;
     if (reg != nullptr) {
         uint32_t mask = __atomic_load_n(&reg->uiMask, __ATOMIC_ACQUIRE);
         single = Load(&reg->pfnSingle);
@@ -309,8 +309,8 @@ MAV_API MAV_RC MavRegisterSingleEventHandler(void* hdl, MAV_EVENT_HANDLER handle
         MAV_TRC_E("Invalid NULL parameter for instance handle\n");
         return MAV_E_NULL_PARAM;
     }
-    MAV_TRC_ENTRY(">> start >> %s(%p,%p,%x,%p)\n", __func__, hdl,
-                  reinterpret_cast<void*>(handler), messageMask, userData);
+    MAV_TRC_ENTRY(">> start >> %s(%p,%p,%x,%p)\n", __func__, hdl, reinterpret_cast<void*>(handler),
+                  messageMask, userData);
     MAV_RC rc = MavPXRegisterCallback(hdl, nullptr, handler, messageMask, userData);
     MAV_TRC(MAV_TRC_FUNCTION, " << end << %s(MAV_RC==%s) \n", __func__, MavErrorName(rc));
     return rc;

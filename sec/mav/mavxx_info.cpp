@@ -38,9 +38,8 @@ void Text(const char* utf8, KORMO_CHAR* buf, size_t* length, MAV_RC* rc) {
 
 extern "C" {
 
-MAV_API MAV_RC MavEnumDriverInfo(void* hdl, uint32_t index, uint32_t* version,
-                                 KORMO_CHAR* name, size_t* nameLength, uint64_t* date,
-                                 uint32_t* viruses) {
+MAV_API MAV_RC MavEnumDriverInfo(void* hdl, uint32_t index, uint32_t* version, KORMO_CHAR* name,
+                                 size_t* nameLength, uint64_t* date, uint32_t* viruses) {
     if (hdl == nullptr) {
         MAV_TRC_E("Invalid NULL parameter for handle\n");
         return MAV_E_NULL_PARAM;
@@ -83,7 +82,8 @@ MAV_API MAV_RC MavGetPelInfo(void* hdl, uint32_t* version, uint32_t* parameters,
         if (ai == nullptr) {
             rc = MAV_E_INVALID_HANDLE;
         } else {
-            if (version != nullptr) *version = Version(ai->usPelMajorVersion, ai->usPelMinorVersion);
+            if (version != nullptr)
+                *version = Version(ai->usPelMajorVersion, ai->usPelMinorVersion);
             if (parameters != nullptr) *parameters = MavIXGetParamNum(hdl);
             if (eventFlags != nullptr) *eventFlags = cfg->uiPelEventFlag;
             Text(ai->pszAdapterName, adapterName, adapterNameLength, &rc);
@@ -95,8 +95,8 @@ MAV_API MAV_RC MavGetPelInfo(void* hdl, uint32_t* version, uint32_t* parameters,
 }
 
 MAV_API MAV_RC MavGetPelTechInfo(void* hdl, uint32_t* adapterId, uint32_t* threadModel,
-                                 uint16_t* mavVersion, uint32_t* scanFlags,
-                                 uint32_t* actionFlags, uint32_t* cioFlags) {
+                                 uint16_t* mavVersion, uint32_t* scanFlags, uint32_t* actionFlags,
+                                 uint32_t* cioFlags) {
     if (hdl == nullptr) {
         MAV_TRC_E("Invalid NULL parameter for handle\n");
         return MAV_E_NULL_PARAM;

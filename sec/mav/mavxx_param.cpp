@@ -10,7 +10,9 @@
 
 namespace {
 
-const char* Str(const char* s) { return s != nullptr ? s : "(null)"; }
+const char* Str(const char* s) {
+    return s != nullptr ? s : "(null)";
+}
 
 // Looks a parameter name up: custom names first, then init or optional
 // names. Unknown names are traced by the parsers.
@@ -69,8 +71,8 @@ MAV_RC SyncTmpPath(void* hdlOrInst) {
 
 extern "C" {
 
-MAV_API MAV_RC MavGetParameter(void* hdl, const KORMO_CHAR* name, int32_t* type,
-                               KORMO_CHAR* value, size_t* valueLength) {
+MAV_API MAV_RC MavGetParameter(void* hdl, const KORMO_CHAR* name, int32_t* type, KORMO_CHAR* value,
+                               size_t* valueLength) {
     if (hdl == nullptr) {
         MAV_TRC_E("Invalid NULL parameter for handle\n");
         return MAV_E_NULL_PARAM;
@@ -112,9 +114,8 @@ MAV_API MAV_RC MavSetParameter(void* hdl, const KORMO_CHAR* name, int32_t type,
     return rc;
 }
 
-MAV_API MAV_RC MavEnumParameters(void* hdl, uint32_t index, KORMO_CHAR* name,
-                                 size_t* nameLength, int32_t* type, KORMO_CHAR* value,
-                                 size_t* valueLength) {
+MAV_API MAV_RC MavEnumParameters(void* hdl, uint32_t index, KORMO_CHAR* name, size_t* nameLength,
+                                 int32_t* type, KORMO_CHAR* value, size_t* valueLength) {
     if (hdl == nullptr) {
         MAV_TRC_E("Invalid NULL parameter for handle\n");
         return MAV_E_NULL_PARAM;

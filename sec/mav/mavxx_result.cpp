@@ -16,9 +16,12 @@ MAV_INST_REC* ResultInstance(void* hdl, MAV_RC* rc) {
             return static_cast<MAV_INST_REC*>(hdl);
         case MAV_REC_PROFILE: {
             MAV_INST_REC* inst = MavIGetInst(hdl);
-            if (inst == nullptr) *rc = MAV_E_NO_SCANINFO;
-            else if (MavIXRecKind(inst) != MAV_REC_INSTANCE) *rc = MAV_E_INVALID_HANDLE;
-            else return inst;
+            if (inst == nullptr)
+                *rc = MAV_E_NO_SCANINFO;
+            else if (MavIXRecKind(inst) != MAV_REC_INSTANCE)
+                *rc = MAV_E_INVALID_HANDLE;
+            else
+                return inst;
             return nullptr;
         }
         case MAV_REC_HANDLE:
@@ -57,11 +60,11 @@ void Text(const char* utf8, KORMO_CHAR* buf, size_t* length, MAV_RC* rc) {
 
 extern "C" {
 
-MAV_API MAV_RC MavEnumInfections(void* hdl, uint32_t index, uint8_t* repairable,
-                                 uint32_t* virusId, KORMO_CHAR* virusName,
-                                 size_t* virusNameLength, KORMO_CHAR* objectName,
-                                 size_t* objectNameLength, uint64_t* objectSize,
-                                 KORMO_CHAR* freeText, size_t* freeTextLength) {
+MAV_API MAV_RC MavEnumInfections(void* hdl, uint32_t index, uint8_t* repairable, uint32_t* virusId,
+                                 KORMO_CHAR* virusName, size_t* virusNameLength,
+                                 KORMO_CHAR* objectName, size_t* objectNameLength,
+                                 uint64_t* objectSize, KORMO_CHAR* freeText,
+                                 size_t* freeTextLength) {
     MAV_TRC_ENTRY(">> start >> %s(%p,%d,...)\n", __func__, hdl, static_cast<int>(index));
     if (hdl == nullptr) {
         MAV_TRC_E("Invalid NULL parameter for handle\n");

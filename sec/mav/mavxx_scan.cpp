@@ -86,8 +86,9 @@ void TraceVerdict(MAV_RC rc) {
             text = "*** Pattern matched! The object contains the searched content.\n";
             break;
         case MAV_E_CLEAN_FAILED:
-            text = "*** VIRUS alert! The object ***could not be cleaned*** and is still "
-                   "infected.\n";
+            text =
+                "*** VIRUS alert! The object ***could not be cleaned*** and is still "
+                "infected.\n";
             break;
         default:
             text = "*** VIRUS alert! The object contains an infection.\n";
@@ -128,7 +129,7 @@ void TraceFailure(MAV_RC rc, uint32_t action) {
 
 // What one MavScanClean owns until it returns.
 struct ScanScratch {
-    char* tmpPath = nullptr;  // temporary file (fallback)
+    char* tmpPath = nullptr;    // temporary file (fallback)
     char* converted = nullptr;  // converted object name
 
     ~ScanScratch() {
@@ -153,8 +154,9 @@ bool HandleTmpDir(MAV_HDL_REC* hdl, std::string* out) {
 }
 
 // Writes the bytes to a temporary file and points the scan request at it.
-MAV_RC PrepareTempFile(MAV_INST_REC* inst, const char* nameUtf8, const KORMO_CHAR* name,
-                       unsigned char* bytes, size_t length, ScanScratch* scratch) {
+__attribute__((noinline)) MAV_RC PrepareTempFile(MAV_INST_REC* inst, const char* nameUtf8,
+                                                 const KORMO_CHAR* name, unsigned char* bytes,
+                                                 size_t length, ScanScratch* scratch) {
     PEL_SCANPARAM* sp = inst->pScanParam;
     MAV_TRC(MAV_TRC_INFO,
             "This PEL does not support scanning bytes - copy bytes to file and scan this\n");
@@ -174,8 +176,8 @@ MAV_RC PrepareTempFile(MAV_INST_REC* inst, const char* nameUtf8, const KORMO_CHA
 
     std::string dir;
     bool own = HandleTmpDir(inst->pHdl, &dir);
-    MAV_RC rc = MavPXBytesToTempFile(bytes, length, own ? dir.c_str() : nullptr, base,
-                                     &scratch->tmpPath);
+    MAV_RC rc =
+        MavPXBytesToTempFile(bytes, length, own ? dir.c_str() : nullptr, base, &scratch->tmpPath);
     if (rc != MAV_OK) return rc;
     if (CTrcGetTraceLevel() >= 3) {
         CTrcSaveLocation(__FILE__, __LINE__);
@@ -188,8 +190,9 @@ MAV_RC PrepareTempFile(MAV_INST_REC* inst, const char* nameUtf8, const KORMO_CHA
 }
 
 // Step 8 of a bytes scan that came back MAV_E_CLEAN_OK.
-void AfterCleanBytes(MAV_INST_REC* inst, const PEL_CONFIG* pelCfg, const char* tmpPath,
-                     unsigned char* bytes, size_t* length) {
+__attribute__((noinline)) void AfterCleanBytes(MAV_INST_REC* inst, const PEL_CONFIG* pelCfg,
+                                               const char* tmpPath, unsigned char* bytes,
+                                               size_t* length) {
     PEL_SCANPARAM* sp = inst->pScanParam;
     if (bytes == nullptr || length == nullptr) return;
     if (sp->tScanCode == VS_SC_BYTES && (pelCfg->uiPelScanFlag & PEL_SCANFLAG_MEMORY) == 0 &&
@@ -207,62 +210,40 @@ void AfterCleanBytes(MAV_INST_REC* inst, const PEL_CONFIG* pelCfg, const char* t
     if (*length > sp->lLength) memset(bytes + sp->lLength, 0, *length - sp->lLength);
 }
 
-}  // namespace
+__attribute__((noinline, cold)) void TraceBeforeScan(MAV_INST_REC* inst, PEL_OPTPARAMS* opt,
+                                                     PEL_SCANINFO** result) {
+    if (result != nullptr)
+        MavPPrintTrace(MAV_TRC_PEL, __FILE__, "MavIXScan", __LINE__,
+                       ">> PelScan(%p,%p,%p,%p,%p) >> \n", static_cast<void*>(inst->pPelInit),
+                       static_cast<void*>(&inst->sCallback), static_cast<void*>(inst->pScanParam),
+                       static_cast<void*>(opt), static_cast<void*>(result));
+    else
+        MavPPrintTrace(MAV_TRC_PEL, __FILE__, "MavIXScan", __LINE__,
+                       ">> PelScan(%p,%p,%p,%p,NULL) >> \n", static_cast<void*>(inst->pPelInit),
+                       static_cast<void*>(&inst->sCallback), static_cast<void*>(inst->pScanParam),
+                       static_cast<void*>(opt));
+}
 
-extern "C" {
-
-MAV_RC MavIXScan(MAV_INST_REC* inst, MAV_SCANINFO* scanInfo) {
-    MAV_HDL_REC* hdl = inst->pHdl;
-    if (hdl == nullptr || hdl->pFunctions == nullptr || hdl->pFunctions->pfnScan == nullptr)
-        return MAV_E_NOT_INITIALISED;
-    if (scanInfo != nullptr && scanInfo->struct_size != kSummarySize) return MAV_E_INVALID_HANDLE;
-    const PEL_FUNCTIONS* fns = hdl->pFunctions;
-
-    if (inst->pScanInfo != nullptr) {
-        if (fns->pfnReleaseScan == nullptr) return MAV_E_NOT_INITIALISED;
-        MAV_TRC(MAV_TRC_PEL, ">> PelReleaseScan(%p) >> \n", static_cast<void*>(inst->pScanInfo));
-        int rrc = fns->pfnReleaseScan(&inst->pScanInfo);
-        MAV_TRC(MAV_TRC_PEL, "<< PelReleaseScan(%p) = %d << \n",
-                static_cast<void*>(inst->pScanInfo), rrc);
-        if (rrc != 0) return rrc;
-        inst->pScanInfo = nullptr;
-    }
-
-    MavIXFillScanCallback(inst);
-    PEL_OPTPARAMS* opt = inst->pCfg != nullptr ? inst->pCfg->pOptParams : nullptr;
-    PEL_SCANINFO** result = scanInfo != nullptr ? &inst->pScanInfo : nullptr;
-    if (MavITraceOn(MAV_TRC_PEL)) {
-        if (result != nullptr)
-            MavPPrintTrace(MAV_TRC_PEL, __FILE__, __func__, __LINE__,
-                           ">> PelScan(%p,%p,%p,%p,%p) >> \n", static_cast<void*>(inst->pPelInit),
-                           static_cast<void*>(&inst->sCallback),
-                           static_cast<void*>(inst->pScanParam), static_cast<void*>(opt),
-                           static_cast<void*>(result));
-        else
-            MavPPrintTrace(MAV_TRC_PEL, __FILE__, __func__, __LINE__,
-                           ">> PelScan(%p,%p,%p,%p,NULL) >> \n",
-                           static_cast<void*>(inst->pPelInit),
-                           static_cast<void*>(&inst->sCallback),
-                           static_cast<void*>(inst->pScanParam), static_cast<void*>(opt));
-    }
-    MAV_RC rc = fns->pfnScan(inst->pPelInit, &inst->sCallback, inst->pScanParam, opt, result);
-    MAV_TRC(MAV_TRC_PEL, "<< PelScan(%p,%p,%p,%p,%p) = %d << \n",
-            static_cast<void*>(inst->pPelInit), static_cast<void*>(&inst->sCallback),
-            static_cast<void*>(inst->pScanParam), static_cast<void*>(opt),
-            static_cast<void*>(result), rc);
-
+// Everything traced after PelScan: the call's line, the result dump, the
+// verdict or failure text. Called only when the adapter-call or verdict bit
+// is on, or the kernel level is 2 or more (the error bit alone is usual).
+__attribute__((noinline, cold)) void TraceAfterScan(MAV_INST_REC* inst, PEL_OPTPARAMS* opt,
+                                                    PEL_SCANINFO** result, MAV_RC rc) {
+    MAV_TRC_FN(MAV_TRC_PEL, "MavIXScan", "<< PelScan(%p,%p,%p,%p,%p) = %d << \n",
+               static_cast<void*>(inst->pPelInit), static_cast<void*>(&inst->sCallback),
+               static_cast<void*>(inst->pScanParam), static_cast<void*>(opt),
+               static_cast<void*>(result), rc);
     PEL_SCANINFO* si = inst->pScanInfo;
-    if (si != nullptr) NeutraliseFirstEntries(si);
-
     uint32_t level = MavITraceLevel();
     int kernel = MavIKernelLevel();
     if (kernel >= 2 || (level & MAV_TRC_PEL) != 0) {
         if (si != nullptr) {
             MAV_RC drc = MavIXTracePELScanInfo(inst);
-            if (drc != MAV_OK) MAV_TRC_E("Error rc = %s in MavIXTracePELScanInfo\n",
-                                         MavErrorName(drc));
+            if (drc != MAV_OK)
+                MAV_TRC_FN(MAV_TRC_ERROR, "MavIXScan", "Error rc = %s in MavIXTracePELScanInfo\n",
+                           MavErrorName(drc));
         } else {
-            MAV_TRC(MAV_TRC_PEL, "No PEL_SCANINFO passed\n");
+            MAV_TRC_FN(MAV_TRC_PEL, "MavIXScan", "No PEL_SCANINFO passed\n");
         }
     }
     if (rc < 0) {
@@ -271,6 +252,39 @@ MAV_RC MavIXScan(MAV_INST_REC* inst, MAV_SCANINFO* scanInfo) {
         if (((level & MAV_TRC_PEL) != 0 && (level & MAV_TRC_WARNING) != 0) || kernel >= 2)
             TraceFailure(rc, inst->pScanParam->tActionCode);
     }
+}
+
+// The adapter call of one scan (MavIXScan); inlined into the scan call.
+__attribute__((always_inline)) inline MAV_RC ScanInstance(MAV_INST_REC* inst,
+                                                          MAV_SCANINFO* scanInfo) {
+    MAV_HDL_REC* hdl = inst->pHdl;
+    if (hdl == nullptr || hdl->pFunctions == nullptr || hdl->pFunctions->pfnScan == nullptr)
+        return MAV_E_NOT_INITIALISED;
+    if (scanInfo != nullptr && scanInfo->struct_size != kSummarySize) return MAV_E_INVALID_HANDLE;
+    const PEL_FUNCTIONS* fns = hdl->pFunctions;
+
+    if (inst->pScanInfo != nullptr) {
+        if (fns->pfnReleaseScan == nullptr) return MAV_E_NOT_INITIALISED;
+        MAV_TRC_FN(MAV_TRC_PEL, "MavIXScan", ">> PelReleaseScan(%p) >> \n",
+                   static_cast<void*>(inst->pScanInfo));
+        int rrc = fns->pfnReleaseScan(&inst->pScanInfo);
+        MAV_TRC_FN(MAV_TRC_PEL, "MavIXScan", "<< PelReleaseScan(%p) = %d << \n",
+                   static_cast<void*>(inst->pScanInfo), rrc);
+        if (rrc != 0) return rrc;
+        inst->pScanInfo = nullptr;
+    }
+
+    MavIXFillScanCallback(inst);
+    PEL_OPTPARAMS* opt = inst->pCfg != nullptr ? inst->pCfg->pOptParams : nullptr;
+    PEL_SCANINFO** result = scanInfo != nullptr ? &inst->pScanInfo : nullptr;
+    if (__builtin_expect(MavITraceOn(MAV_TRC_PEL), 0)) TraceBeforeScan(inst, opt, result);
+    MAV_RC rc = fns->pfnScan(inst->pPelInit, &inst->sCallback, inst->pScanParam, opt, result);
+
+    PEL_SCANINFO* si = inst->pScanInfo;
+    if (si != nullptr) NeutraliseFirstEntries(si);
+    if (__builtin_expect(
+            (MavITraceLevel() & (MAV_TRC_PEL | MAV_TRC_VIRUS)) != 0 || MavIKernelLevel() >= 2, 0))
+        TraceAfterScan(inst, opt, result, rc);
 
     if (si != nullptr && scanInfo != nullptr) {
         scanInfo->uiJobID = si->uiJobID;
@@ -279,13 +293,21 @@ MAV_RC MavIXScan(MAV_INST_REC* inst, MAV_SCANINFO* scanInfo) {
         scanInfo->uiClean = si->uiClean;
         scanInfo->uiInfections = si->uiInfections;
         scanInfo->uiScanErrors = si->uiScanErrors;
-        MAV_TRC(MAV_TRC_INFO,
-                "Scan report:JobID=%u::Scanned=%u::NotScanned=%u::Clean=%u::Infections=%u::"
-                "ScanErrors=%u\n",
-                si->uiJobID, si->uiScanned, si->uiNotScanned, si->uiClean, si->uiInfections,
-                si->uiScanErrors);
+        MAV_TRC_FN(MAV_TRC_INFO, "MavIXScan",
+                   "Scan report:JobID=%u::Scanned=%u::NotScanned=%u::Clean=%u::Infections=%u::"
+                   "ScanErrors=%u\n",
+                   si->uiJobID, si->uiScanned, si->uiNotScanned, si->uiClean, si->uiInfections,
+                   si->uiScanErrors);
     }
     return rc;
+}
+
+}  // namespace
+
+extern "C" {
+
+MAV_RC MavIXScan(MAV_INST_REC* inst, MAV_SCANINFO* scanInfo) {
+    return ScanInstance(inst, scanInfo);
 }
 
 MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
@@ -299,8 +321,8 @@ MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
     MAV_INST_REC* inst = static_cast<MAV_INST_REC*>(hdl);
     if (IsProfileInstance(inst)) {
         if (inst->pProfileInst == nullptr) return MAV_E_INVALID_HANDLE;
-        return MavIXScanClean(inst->pProfileInst, scanCode, actionCode, objectNameUtf8,
-                              objectName, bytes, length, jobId, scanInfo);
+        return MavIXScanClean(inst->pProfileInst, scanCode, actionCode, objectNameUtf8, objectName,
+                              bytes, length, jobId, scanInfo);
     }
     if (!IsInstance(inst)) {
         MAV_TRC_E("%s: Invalid NULL parameter for instance handle\n", __func__);
@@ -311,13 +333,13 @@ MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
         MAV_TRC_E("%s: NULL parameter for MAV handle, not initialized\n", __func__);
         return MAV_E_NOT_INITIALISED;
     }
-    MAV_TRC_ENTRY(">> start >> %s(%p,ScanCode=%d,ActionCode=%d,%p,%s,%p,%ld,JobID=%ul,"
-                  "Infoptr=%p)\n",
-                  __func__, hdl, static_cast<int>(scanCode), static_cast<int>(actionCode),
-                  static_cast<const void*>(objectNameUtf8),
-                  objectName != nullptr ? objectName : "null", static_cast<void*>(bytes),
-                  length != nullptr ? static_cast<long>(*length) : 0L, jobId,
-                  static_cast<void*>(scanInfo));
+    MAV_TRC_ENTRY(
+        ">> start >> %s(%p,ScanCode=%d,ActionCode=%d,%p,%s,%p,%ld,JobID=%ul,"
+        "Infoptr=%p)\n",
+        __func__, hdl, static_cast<int>(scanCode), static_cast<int>(actionCode),
+        static_cast<const void*>(objectNameUtf8), objectName != nullptr ? objectName : "null",
+        static_cast<void*>(bytes), length != nullptr ? static_cast<long>(*length) : 0L, jobId,
+        static_cast<void*>(scanInfo));
 
     MAV_RC rc;
     {
@@ -326,7 +348,7 @@ MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
         PEL_SCANPARAM* sp = inst->pScanParam;
         sp->struct_size = sizeof(PEL_SCANPARAM);
         sp->tScanCode = scanCode;
-        sp->tActionCode = actionCode != 0 ? actionCode
+        sp->tActionCode = actionCode != 0         ? actionCode
                           : inst->pCfg != nullptr ? inst->pCfg->uiDefaultAction
                                                   : MAV_DEFAULT_ACTION;
         sp->uiJobID = jobId;
@@ -372,62 +394,88 @@ MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
         }
 
         if (rc == MAV_OK) {
-            rc = MavIXScan(inst, scanInfo);
+            rc = ScanInstance(inst, scanInfo);
             if (rc == MAV_E_CLEAN_OK && scanCode == VS_SC_BYTES)
                 AfterCleanBytes(inst, pelCfg, scratch.tmpPath, bytes, length);
         }
         // The scan request must not keep pointers to what is freed now.
-        if (scratch.tmpPath != nullptr || scratch.converted != nullptr)
-            sp->pszObjectName = nullptr;
+        if (scratch.tmpPath != nullptr || scratch.converted != nullptr) sp->pszObjectName = nullptr;
     }
     MAV_TRC_EXIT(rc);
     return rc;
 }
 
+// Hidden name of MavScanClean: the calls below reach it without going
+// through the dynamic linker.
+MAV_LOCAL MAV_RC MavIScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
+                               const char* objectNameUtf8, const KORMO_CHAR* objectName,
+                               unsigned char* bytes, size_t* length, uint32_t jobId,
+                               MAV_SCANINFO* scanInfo) __attribute__((alias("MavScanClean")));
+
+}  // extern "C"
+
+namespace {
+
+// The wrappers trace their entry and exit out of line, so that the common
+// call stays a plain forward.
+__attribute__((noinline, cold)) MAV_RC TracedScan(const char* func, void* hdl, uint32_t scanCode,
+                                                  uint32_t actionCode, const KORMO_CHAR* name,
+                                                  unsigned char* bytes, size_t* length,
+                                                  uint32_t jobId, MAV_SCANINFO* scanInfo) {
+    MAV_TRC_FN(MAV_TRC_FUNCTION, func, ">> start >> %s(%p,%s,%p,%ld,%u,%p)\n", func, hdl,
+               name != nullptr ? name : "null", static_cast<void*>(bytes),
+               length != nullptr ? static_cast<long>(*length) : 0L, jobId,
+               static_cast<void*>(scanInfo));
+    MAV_RC rc =
+        MavIScanClean(hdl, scanCode, actionCode, nullptr, name, bytes, length, jobId, scanInfo);
+    MAV_TRC_FN(MAV_TRC_FUNCTION, func, "<<  end  << %s(MAV_RC==%s) \n", func, MavErrorName(rc));
+    return rc;
+}
+
+// uiDefaultAction of the object's configuration with the clean bit.
+uint32_t CleanAction(void* hdl) {
+    MAV_CFG* cfg = MavIGetCfg(hdl);
+    return (cfg != nullptr ? cfg->uiDefaultAction : 0) | VS_A_CLEAN;
+}
+
+}  // namespace
+
+extern "C" {
+
 MAV_API MAV_RC MavScanFile(void* hdl, const KORMO_CHAR* fileName, uint32_t jobId,
                            MAV_SCANINFO* scanInfo) {
-    MAV_TRC_ENTRY(">> start >> %s(%p,%s,%u,%p)\n", __func__, hdl,
-                  fileName != nullptr ? fileName : "null", jobId, static_cast<void*>(scanInfo));
-    MAV_RC rc = MavScanClean(hdl, VS_SC_FILE, 0, nullptr, fileName, nullptr, nullptr, jobId,
-                             scanInfo);
-    MAV_TRC_EXIT(rc);
-    return rc;
+    if (__builtin_expect(MavITraceOn(MAV_TRC_FUNCTION), 0))
+        return TracedScan(__func__, hdl, VS_SC_FILE, 0, fileName, nullptr, nullptr, jobId,
+                          scanInfo);
+    return MavIScanClean(hdl, VS_SC_FILE, 0, nullptr, fileName, nullptr, nullptr, jobId, scanInfo);
 }
 
 MAV_API MAV_RC MavCleanFile(void* hdl, const KORMO_CHAR* fileName, uint32_t jobId,
                             MAV_SCANINFO* scanInfo) {
-    MAV_TRC_ENTRY(">> start >> %s(%p,%s,%u,%p)\n", __func__, hdl,
-                  fileName != nullptr ? fileName : "null", jobId, static_cast<void*>(scanInfo));
-    MAV_CFG* cfg = MavIGetCfg(hdl);
-    uint32_t action = (cfg != nullptr ? cfg->uiDefaultAction : 0) | VS_A_CLEAN;
-    MAV_RC rc = MavScanClean(hdl, VS_SC_FILE, action, nullptr, fileName, nullptr, nullptr, jobId,
-                             scanInfo);
-    MAV_TRC_EXIT(rc);
-    return rc;
+    uint32_t action = CleanAction(hdl);
+    if (__builtin_expect(MavITraceOn(MAV_TRC_FUNCTION), 0))
+        return TracedScan(__func__, hdl, VS_SC_FILE, action, fileName, nullptr, nullptr, jobId,
+                          scanInfo);
+    return MavIScanClean(hdl, VS_SC_FILE, action, nullptr, fileName, nullptr, nullptr, jobId,
+                         scanInfo);
 }
 
 MAV_API MAV_RC MavScanBytes(void* hdl, const KORMO_CHAR* objectName, unsigned char* bytes,
                             size_t length, uint32_t jobId, MAV_SCANINFO* scanInfo) {
-    MAV_TRC_ENTRY(">> start >> %s(%p,%s,%p,%lu,%u,%p)\n", __func__, hdl,
-                  objectName != nullptr ? objectName : "null", static_cast<void*>(bytes),
-                  static_cast<unsigned long>(length), jobId, static_cast<void*>(scanInfo));
-    MAV_RC rc = MavScanClean(hdl, VS_SC_BYTES, 0, nullptr, objectName, bytes, &length, jobId,
-                             scanInfo);
-    MAV_TRC_EXIT(rc);
-    return rc;
+    if (__builtin_expect(MavITraceOn(MAV_TRC_FUNCTION), 0))
+        return TracedScan(__func__, hdl, VS_SC_BYTES, 0, objectName, bytes, &length, jobId,
+                          scanInfo);
+    return MavIScanClean(hdl, VS_SC_BYTES, 0, nullptr, objectName, bytes, &length, jobId, scanInfo);
 }
 
 MAV_API MAV_RC MavCleanBytes(void* hdl, const KORMO_CHAR* objectName, unsigned char* bytes,
                              size_t* length, uint32_t jobId, MAV_SCANINFO* scanInfo) {
-    MAV_TRC_ENTRY(">> start >> %s(%p,%s,%p,%p,%u,%p)\n", __func__, hdl,
-                  objectName != nullptr ? objectName : "null", static_cast<void*>(bytes),
-                  static_cast<void*>(length), jobId, static_cast<void*>(scanInfo));
-    MAV_CFG* cfg = MavIGetCfg(hdl);
-    uint32_t action = (cfg != nullptr ? cfg->uiDefaultAction : 0) | VS_A_CLEAN;
-    MAV_RC rc = MavScanClean(hdl, VS_SC_BYTES, action, nullptr, objectName, bytes, length, jobId,
-                             scanInfo);
-    MAV_TRC_EXIT(rc);
-    return rc;
+    uint32_t action = CleanAction(hdl);
+    if (__builtin_expect(MavITraceOn(MAV_TRC_FUNCTION), 0))
+        return TracedScan(__func__, hdl, VS_SC_BYTES, action, objectName, bytes, length, jobId,
+                          scanInfo);
+    return MavIScanClean(hdl, VS_SC_BYTES, action, nullptr, objectName, bytes, length, jobId,
+                         scanInfo);
 }
 
 }  // extern "C"

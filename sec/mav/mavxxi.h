@@ -371,7 +371,18 @@ MAV_LOCAL VS_CALLRC MavPXCallback(void* adapterData, uint32_t message, void* dat
                                   void* context);
 // Fills inst->sCallback from its configuration's registration (function,
 // mask, context = the instance); the scan calls it just before PelScan.
-MAV_LOCAL void MavIXFillScanCallback(MAV_INST_REC* inst);
+inline void MavIXFillScanCallback(MAV_INST_REC* inst) {
+    PEL_CALLBACK* cb = &inst->sCallback;
+    const MAV_CFG* cfg = inst->pCfg;
+    const MAV_EVENT_REG* reg = nullptr;
+    if (cfg != nullptr && cfg->pAux != nullptr)
+        reg = __atomic_load_n(&cfg->pAux->pEvents, __ATOMIC_ACQUIRE);
+    uint32_t mask = reg != nullptr ? __atomic_load_n(&reg->uiMask, __ATOMIC_ACQUIRE) : 0;
+    cb->struct_size = sizeof(PEL_CALLBACK);
+    cb->pfnCallback = mask != 0 ? MavPXCallback : nullptr;
+    cb->uiMessageMask = mask;
+    cb->pvContext = inst;
+}
 
 // ---- Scan (mavxx_scan.cpp, mavxxi_tmp.cpp) ----------------------------------------------
 MAV_LOCAL MAV_RC MavIXScan(MAV_INST_REC* inst, MAV_SCANINFO* scanInfo);

@@ -28,22 +28,26 @@ constexpr int kCleanIndexCount = 6;  // codes 200-205
 constexpr int kBlockIndexCount = 2;  // codes 300-301
 
 const char* const kInitNames[] = {
-    "INITDRIVERS",       "INITEXTRADRIVERS", "INITDRIVERDIRECTORY", "INITEXTRADRIVERDIRECTORY",
-    "INITSERVERS",       "INITTIMEOUT",      "INITRECONNECTTIME",   "INITCONTENTPATTERN",
-    "INITREPLACEPATTERN", "INITREGEXFLAGS",  "INITTEMP_PATH",       "INITDIRECTORY",
-    "INITENGINES",       "INITENGINEDIRECTORY", "INITUPDATE_URI",
+    "INITDRIVERS",        "INITEXTRADRIVERS",    "INITDRIVERDIRECTORY", "INITEXTRADRIVERDIRECTORY",
+    "INITSERVERS",        "INITTIMEOUT",         "INITRECONNECTTIME",   "INITCONTENTPATTERN",
+    "INITREPLACEPATTERN", "INITREGEXFLAGS",      "INITTEMP_PATH",       "INITDIRECTORY",
+    "INITENGINES",        "INITENGINEDIRECTORY", "INITUPDATE_URI",
 };
 const char* const kScanNames[] = {
-    "SCANBESTEFFORT",      "SCANALLFILES",         "SCANALLMACROS",       "SCANALLEMBEDDED",
-    "SCANEXTENSIONS",      "SCANHEURISTICLEVEL",   "SCANONLYHEURISTIC",   "SCANLIMIT",
-    "SCANEXTRACT",         "SCANEXTRACT_PATH",     "SCANEXTRACT_SIZE",    "SCANEXTRACT_TIME",
-    "SCANEXTRACT_DEPTH",   "SCANEXTRACT_RATIO",    "SCANLOGPATH",         "SCANDIREXCLUDELIST",
-    "SCANSUBDIRLEVEL",     "SCANACCESSFILELOCAL",  "SCANMIMETYPES",       "SCANEXCLUDEMIMETYPES",
+    "SCANBESTEFFORT",    "SCANALLFILES",        "SCANALLMACROS",     "SCANALLEMBEDDED",
+    "SCANEXTENSIONS",    "SCANHEURISTICLEVEL",  "SCANONLYHEURISTIC", "SCANLIMIT",
+    "SCANEXTRACT",       "SCANEXTRACT_PATH",    "SCANEXTRACT_SIZE",  "SCANEXTRACT_TIME",
+    "SCANEXTRACT_DEPTH", "SCANEXTRACT_RATIO",   "SCANLOGPATH",       "SCANDIREXCLUDELIST",
+    "SCANSUBDIRLEVEL",   "SCANACCESSFILELOCAL", "SCANMIMETYPES",     "SCANEXCLUDEMIMETYPES",
     "SCANREGEXFLAGS",
 };
 const char* const kCleanNames[] = {
-    "CLEANRENAME",           "CLEANDELETE",             "CLEANQUARANTINE",
-    "CLEANNODELETEINARCHIVE", "CLEANNODELETEINEMBEDDED", "CLEANNODELETEJOKES",
+    "CLEANRENAME",
+    "CLEANDELETE",
+    "CLEANQUARANTINE",
+    "CLEANNODELETEINARCHIVE",
+    "CLEANNODELETEINEMBEDDED",
+    "CLEANNODELETEJOKES",
 };
 const char* const kBlockNames[] = {"BLOCKMIMETYPES", "BLOCKEXTENSIONS"};
 // Custom codes run downwards: -100 is the first name.
@@ -51,7 +55,7 @@ const char* const kCustNames[] = {
     "CUST_ACTIVE_CONTENT", "CUST_CHECK_MIME_TYPE", "CUST_NOT_SCANNED_AS_WARNING",
     "CUST_NO_SCANINFO",    "CUST_CLEAN",           "CUST_MIME_TYPES_ARE_BLACKLIST",
 };
-const char* const kTypeNames[] = {"BOOL", "BYTE",   "SHORT",  "INT",    "LONG",  "FLOAT",
+const char* const kTypeNames[] = {"BOOL",   "BYTE", "SHORT",  "INT",    "LONG",  "FLOAT",
                                   "DOUBLE", "CHAR", "TIME_T", "SIZE_T", "OBJECT"};
 
 template <size_t N>
@@ -67,7 +71,9 @@ bool HasPrefix(const char* name, const char* prefix) {
 }
 
 // Values of CHAR and OBJECT entries are strings owned by the MAV_CFG.
-bool IsTextType(int32_t type) { return type == VS_TYPE_CHAR || type == VS_TYPE_OBJECT; }
+bool IsTextType(int32_t type) {
+    return type == VS_TYPE_CHAR || type == VS_TYPE_OBJECT;
+}
 
 const char* TypeNameOrNull(int32_t type) {
     const char* n = MavParamTypeName(type);
@@ -103,7 +109,8 @@ const char* MavIXGetPelParamName(int32_t code) {
             return kInitNames[code - kInitBase];
         return "UNKNOWN";
     }
-    if (code >= kScanBase && code < kScanBase + kScanIndexCount) return kScanNames[code - kScanBase];
+    if (code >= kScanBase && code < kScanBase + kScanIndexCount)
+        return kScanNames[code - kScanBase];
     if (code >= kCleanBase && code < kCleanBase + kCleanIndexCount)
         return kCleanNames[code - kCleanBase];
     if (code >= kBlockBase && code < kBlockBase + kBlockIndexCount)
@@ -112,7 +119,9 @@ const char* MavIXGetPelParamName(int32_t code) {
     return "UNKNOWN";
 }
 
-MAV_API const KORMO_CHAR* MavParamCodeName(int32_t code) { return MavIXGetPelParamName(code); }
+MAV_API const KORMO_CHAR* MavParamCodeName(int32_t code) {
+    return MavIXGetPelParamName(code);
+}
 
 MAV_API int32_t MavParamCode(const KORMO_CHAR* name) {
     if (name == nullptr) return -1;
@@ -302,8 +311,8 @@ MAV_RC MavIXSetDefaultConfig(const PEL_CONFIG* pelCfg, MAV_CFG* cfg) {
 
 MAV_RC MavIGetConfig(const PEL_CONFIG* pelCfg, MAV_CFG** cfg) {
     if (pelCfg == nullptr || cfg == nullptr) {
-        MAV_TRC_E("Null parameter supplied. MAV_CFG(%p) or PEL_CFG(%p)\n",
-                  static_cast<void*>(cfg), static_cast<const void*>(pelCfg));
+        MAV_TRC_E("Null parameter supplied. MAV_CFG(%p) or PEL_CFG(%p)\n", static_cast<void*>(cfg),
+                  static_cast<const void*>(pelCfg));
         return MAV_E_NULL_PARAM;
     }
     MAV_RC rc = MavIXAllocCFG(pelCfg, cfg);
@@ -471,7 +480,9 @@ MAV_RC SetCustom(MAV_CFG* cfg, int32_t code, const char* text) {
     return MAV_OK;
 }
 
-bool IsCustCode(int32_t code) { return code <= kCustBase && code > kCustBase - 6; }
+bool IsCustCode(int32_t code) {
+    return code <= kCustBase && code > kCustBase - 6;
+}
 
 }  // namespace
 
@@ -505,9 +516,10 @@ MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORM
     const PEL_PARAMS* readList = initList ? readCfg->pInitParams : readCfg->pOptParams;
     int32_t pelType = readList->pParams[idx].tType;
     if (param->tType != pelType) {
-        MAV_TRC_E("The PEL knows parameter %s with different TYPE, therefore it can not be set "
-                  "(MAVLIB:%s!=PEL:%s)\n",
-                  name, TypeNameOrNull(param->tType), TypeNameOrNull(pelType));
+        MAV_TRC_E(
+            "The PEL knows parameter %s with different TYPE, therefore it can not be set "
+            "(MAVLIB:%s!=PEL:%s)\n",
+            name, TypeNameOrNull(param->tType), TypeNameOrNull(pelType));
         return MAV_E_INVALID_PARAM_TYPE;
     }
     if (text == nullptr) return MAV_E_NULL_PARAM;

@@ -57,7 +57,7 @@ TEST(ParamLookup, CodesOutsideTheTablesAreUnknown) {
 }
 
 TEST(ParamLookup, TypeNamesBothWays) {
-    const char* names[] = {"BOOL", "BYTE", "SHORT", "INT", "LONG", "FLOAT",
+    const char* names[] = {"BOOL",   "BYTE", "SHORT",  "INT",    "LONG",  "FLOAT",
                            "DOUBLE", "CHAR", "TIME_T", "SIZE_T", "OBJECT"};
     for (int32_t t = 0; t <= 10; ++t) {
         EXPECT_STREQ(names[t], MavParamTypeName(t));
@@ -177,11 +177,11 @@ TEST_F(Params, SetParsesChecksTypeAndKeepsOldValueOnFailure) {
     EXPECT_TRUE(trace.Has("Parameter INITTIMEOUT was set with value 45\n"));
 
     EXPECT_EQ(MAV_E_INVALID_PARAM_TYPE, MavSetParameter(hdl, "INITTIMEOUT", VS_TYPE_CHAR, "7"));
-    EXPECT_TRUE(trace.Has("The PEL knows parameter INITTIMEOUT with different TYPE, therefore it "
-                          "can not be set (MAVLIB:CHAR!=PEL:INT)\n"));
+    EXPECT_TRUE(
+        trace.Has("The PEL knows parameter INITTIMEOUT with different TYPE, therefore it "
+                  "can not be set (MAVLIB:CHAR!=PEL:INT)\n"));
     EXPECT_EQ(MAV_E_INVALID_PARAM, MavSetParameter(hdl, "INITTIMEOUT", VS_TYPE_INT, "12abc"));
-    EXPECT_EQ(MAV_E_INVALID_PARAM, MavSetParameter(hdl, "INITTIMEOUT", VS_TYPE_INT,
-                                                   "99999999999"));
+    EXPECT_EQ(MAV_E_INVALID_PARAM, MavSetParameter(hdl, "INITTIMEOUT", VS_TYPE_INT, "99999999999"));
     EXPECT_EQ("45", Get(hdl, "INITTIMEOUT"));
 
     EXPECT_EQ(MAV_OK, MavSetParameter(hdl, "SCANLIMIT", VS_TYPE_LONG, "-9000000000"));
@@ -216,8 +216,9 @@ TEST_F(Params, NullTextResetsToTheAdapterDefault) {
     EXPECT_EQ(MAV_OK, MavSetParameter(hdl, "INITTIMEOUT", VS_TYPE_INT, nullptr));
     EXPECT_EQ("exe", Get(hdl, "BLOCKEXTENSIONS"));
     EXPECT_EQ("30", Get(hdl, "INITTIMEOUT"));
-    EXPECT_TRUE(trace.Has("Optional block parameter BLOCKEXTENSIONS will be set with its "
-                          "default value\n"));
+    EXPECT_TRUE(
+        trace.Has("Optional block parameter BLOCKEXTENSIONS will be set with its "
+                  "default value\n"));
     EXPECT_TRUE(trace.Has("Initial parameter INITTIMEOUT will be set with its default value\n"));
 
     ASSERT_EQ(MAV_OK, MavSetParameter(hdl, "SCANLIMIT", VS_TYPE_LONG, "5"));
@@ -340,8 +341,7 @@ TEST_F(Params, EnumerateListsInitThenOptionalEntries) {
     EXPECT_TRUE(trace.Has("Parameter with index >>>9<<< is unknown to this PEL!\n"));
     EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX,
               MavEnumParameters(hdl, 10, name, &nameLen, nullptr, nullptr, nullptr));
-    EXPECT_TRUE(
-        trace.Has("The passed index >10< is not valid for the requested information\n"));
+    EXPECT_TRUE(trace.Has("The passed index >10< is not valid for the requested information\n"));
     alignas(64) unsigned char junk[256] = {};
     EXPECT_EQ(MAV_E_INVALID_HANDLE,
               MavEnumParameters(junk, 0, name, &nameLen, nullptr, nullptr, nullptr));
@@ -378,8 +378,8 @@ TEST_F(Params, TempPathFollowsInitTempPath) {
     // A regular file is no directory.
     std::string file = dir + "/file";
     std::ofstream(file) << "x";
-    EXPECT_EQ(MAV_E_INVALID_PARAM, MavSetParameter(hdl, "INITTEMP_PATH", VS_TYPE_CHAR,
-                                                   file.c_str()));
+    EXPECT_EQ(MAV_E_INVALID_PARAM,
+              MavSetParameter(hdl, "INITTEMP_PATH", VS_TYPE_CHAR, file.c_str()));
     EXPECT_EQ(nullptr, h->pszTmpPath);
 
     // Through an instance the handle's directory changes too.
@@ -411,8 +411,7 @@ std::string UnwritableDir(std::string* cleanup) {
         f >> dev >> dir >> fs >> opts;
         struct stat st;
         if ((opts == "ro" || opts.rfind("ro,", 0) == 0) && stat(dir.c_str(), &st) == 0 &&
-            S_ISDIR(st.st_mode) && access(dir.c_str(), R_OK) == 0 &&
-            access(dir.c_str(), W_OK) != 0)
+            S_ISDIR(st.st_mode) && access(dir.c_str(), R_OK) == 0 && access(dir.c_str(), W_OK) != 0)
             return dir;
     }
     return "";
@@ -424,8 +423,8 @@ TEST_F(Params, TempPathRefusesAnUnwritableDirectory) {
     std::string dir = UnwritableDir(&cleanup);
     if (dir.empty()) GTEST_SKIP() << "no unwritable directory available to root";
     MAV_HDL_REC* h = static_cast<MAV_HDL_REC*>(hdl);
-    EXPECT_EQ(MAV_E_INVALID_PARAM, MavSetParameter(hdl, "INITTEMP_PATH", VS_TYPE_CHAR,
-                                                   dir.c_str()));
+    EXPECT_EQ(MAV_E_INVALID_PARAM,
+              MavSetParameter(hdl, "INITTEMP_PATH", VS_TYPE_CHAR, dir.c_str()));
     EXPECT_EQ(nullptr, h->pszTmpPath);
     if (!cleanup.empty()) rmdir(cleanup.c_str());
 }
@@ -474,7 +473,8 @@ TEST(ParamConfig, DefaultsFillIndexTablesAndWarnAboutUnknownCodes) {
     EXPECT_EQ(MAV_E_INVALID_PARAM_TYPE, MavIGetConfig(&pel, &cfg));
     EXPECT_EQ(nullptr, cfg);
     EXPECT_TRUE(trace.Has("Invalid OPT Type 11 passed for MavIXCopyParameter\n"));
-    EXPECT_TRUE(trace.Has("Error in MavSetDefaultConfig occured (rc = MAV_E_INVALID_PARAM_TYPE)\n"));
+    EXPECT_TRUE(
+        trace.Has("Error in MavSetDefaultConfig occured (rc = MAV_E_INVALID_PARAM_TYPE)\n"));
     EXPECT_EQ(MAV_E_NULL_PARAM, MavIGetConfig(nullptr, &cfg));
 }
 

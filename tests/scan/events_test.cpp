@@ -26,7 +26,9 @@ struct Seen {
 std::vector<Seen> seen;
 VS_CALLRC nextResult = 0;
 
-std::string Str(const char* s) { return s != nullptr ? s : "(null)"; }
+std::string Str(const char* s) {
+    return s != nullptr ? s : "(null)";
+}
 
 void Record(const char* via, MAV_INST inst, uint32_t message, void* data) {
     Seen s{};
@@ -64,11 +66,11 @@ VS_CALLRC Single(MAV_INST inst, uint32_t message, void* data, void* userData) {
     return nextResult;
 }
 
-#define TABLE_HANDLER(name, msg)                                         \
-    VS_CALLRC name(MAV_INST inst, void* userData, void* data) {         \
-        EXPECT_EQ(&seen, userData);                                      \
-        Record(#name, inst, msg, data);                                  \
-        return nextResult;                                               \
+#define TABLE_HANDLER(name, msg)                                \
+    VS_CALLRC name(MAV_INST inst, void* userData, void* data) { \
+        EXPECT_EQ(&seen, userData);                             \
+        Record(#name, inst, msg, data);                         \
+        return nextResult;                                      \
     }
 TABLE_HANDLER(OnVirusFound, VS_M_VIRUS)
 TABLE_HANDLER(OnClean, VS_M_CLEAN)
@@ -84,9 +86,9 @@ TABLE_HANDLER(ScanActions, VS_M_SCANACTIONS)
 TABLE_HANDLER(ScanProgress, VS_M_SCANPROGRESS)
 
 MAV_EVENTS FullTable() {
-    return MAV_EVENTS{OnVirusFound,    OnClean,        OnError,         OnObjectFound,
-                      AbortScan,       OnNotScanned,   OnVirusRepaired, OnVirusNotRepaired,
-                      OnMacrosCleaned, OnMacrosFound,  ScanActions,     ScanProgress};
+    return MAV_EVENTS{OnVirusFound,    OnClean,       OnError,         OnObjectFound,
+                      AbortScan,       OnNotScanned,  OnVirusRepaired, OnVirusNotRepaired,
+                      OnMacrosCleaned, OnMacrosFound, ScanActions,     ScanProgress};
 }
 
 class Events : public MavFixture {
@@ -205,10 +207,10 @@ TEST_F(Events, TableRoutesBySlotAndBothNotScannedMessagesGoToSlot7) {
     MAV_EVENTS table = FullTable();
     ASSERT_EQ(MAV_OK, MavRegisterEvents(inst, &table, &seen));
     ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
-    const char* expected[] = {"OnVirusFound",    "OnVirusRepaired", "OnVirusNotRepaired",
-                              "OnVirusNotRepaired", "OnObjectFound", "OnError",
-                              "ScanProgress",    "ScanActions",     "OnClean",
-                              "AbortScan",       "OnMacrosCleaned", "OnMacrosFound"};
+    const char* expected[] = {"OnVirusFound",       "OnVirusRepaired", "OnVirusNotRepaired",
+                              "OnVirusNotRepaired", "OnObjectFound",   "OnError",
+                              "ScanProgress",       "ScanActions",     "OnClean",
+                              "AbortScan",          "OnMacrosCleaned", "OnMacrosFound"};
     ASSERT_EQ(12u, seen.size());
     for (size_t i = 0; i < 12; ++i) EXPECT_EQ(expected[i], seen[i].via) << i;
     // The NOTSCANNED record reaches OnVirusNotRepaired as a scan error.
@@ -237,8 +239,8 @@ TEST_F(Events, OnlyOnNotScannedSetCallsNothing) {
 TEST_F(Events, MessagesOutsideTheMaskOrTableYieldZero) {
     Start();
     pel.script_clear();
-    pel.script_event(VS_M_CLEAN, 0, nullptr, 1, 1);        // forced, not in the mask
-    pel.script_event(0x4, 0, nullptr, 1, 1);               // not a message of the table
+    pel.script_event(VS_M_CLEAN, 0, nullptr, 1, 1);  // forced, not in the mask
+    pel.script_event(0x4, 0, nullptr, 1, 1);         // not a message of the table
     pel.script_event(VS_M_SCANPROGRESS, 0, nullptr, 9, 0);
     nextResult = 0;
     ASSERT_EQ(MAV_OK, MavRegisterSingleEventHandler(inst, Single, VS_M_SCANPROGRESS, &seen));

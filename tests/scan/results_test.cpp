@@ -22,19 +22,19 @@ class Results : public MavFixture {
 TEST_F(Results, EveryEnumeratorNeedsAScanResult) {
     Start();
     uint32_t n = 0;
-    EXPECT_EQ(MAV_E_NO_SCANINFO, MavEnumInfections(inst, 0, nullptr, &n, nullptr, nullptr,
-                                                   nullptr, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_EQ(MAV_E_NO_SCANINFO, MavEnumInfections(inst, 0, nullptr, &n, nullptr, nullptr, nullptr,
+                                                   nullptr, nullptr, nullptr, nullptr));
     EXPECT_EQ(MAV_E_NO_SCANINFO,
               MavEnumScanErrors(inst, 0, &n, nullptr, nullptr, nullptr, nullptr, nullptr));
-    EXPECT_EQ(MAV_E_NO_SCANINFO, MavEnumContentInfo(inst, 0, &n, nullptr, nullptr, nullptr,
-                                                    nullptr, nullptr, nullptr, nullptr));
+    EXPECT_EQ(MAV_E_NO_SCANINFO, MavEnumContentInfo(inst, 0, &n, nullptr, nullptr, nullptr, nullptr,
+                                                    nullptr, nullptr, nullptr));
     // A handle holds no results; null is refused as an invalid handle.
     EXPECT_EQ(MAV_E_NO_SCANINFO,
               MavEnumScanErrors(hdl, 0, &n, nullptr, nullptr, nullptr, nullptr, nullptr));
     TraceCapture trace(MAV_TRC_ERROR);
-    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavEnumInfections(nullptr, 0, nullptr, nullptr, nullptr,
-                                                      nullptr, nullptr, nullptr, nullptr,
-                                                      nullptr, nullptr));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE,
+              MavEnumInfections(nullptr, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                nullptr, nullptr, nullptr));
     EXPECT_TRUE(trace.Has("Invalid NULL parameter for handle\n"));
 }
 
@@ -42,9 +42,9 @@ TEST_F(Results, CleanScanHasContentButNoInfectionsOrErrors) {
     Start();
     ASSERT_EQ(MAV_OK, Scan());
     uint8_t rep = 9;
-    EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX, MavEnumInfections(inst, 0, &rep, nullptr, nullptr, nullptr,
-                                                          nullptr, nullptr, nullptr, nullptr,
-                                                          nullptr));
+    EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX,
+              MavEnumInfections(inst, 0, &rep, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                nullptr, nullptr));
     EXPECT_EQ(9, rep);
     EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX,
               MavEnumScanErrors(inst, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
@@ -59,9 +59,9 @@ TEST_F(Results, CleanScanHasContentButNoInfectionsOrErrors) {
     EXPECT_EQ("application/octet-stream", std::string(ctype, ctypeLen));
     EXPECT_EQ("/data/file.txt", std::string(name, nameLen));
     EXPECT_EQ(7u, reserved);  // written only by the missing-list case
-    EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX, MavEnumContentInfo(inst, 1, &type, nullptr, nullptr,
-                                                           nullptr, nullptr, nullptr, nullptr,
-                                                           nullptr));
+    EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX,
+              MavEnumContentInfo(inst, 1, &type, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                 nullptr, nullptr));
 }
 
 TEST_F(Results, InfectionsFollowTheBufferRule) {
@@ -90,8 +90,8 @@ TEST_F(Results, InfectionsFollowTheBufferRule) {
     vLen = strlen("EICAR-Test") + 1;
     oLen = sizeof o;
     fLen = sizeof f;
-    ASSERT_EQ(MAV_OK, MavEnumInfections(inst, 0, nullptr, nullptr, v, &vLen, o, &oLen, nullptr, f,
-                                        &fLen));
+    ASSERT_EQ(MAV_OK,
+              MavEnumInfections(inst, 0, nullptr, nullptr, v, &vLen, o, &oLen, nullptr, f, &fLen));
     EXPECT_EQ("EICAR-Test", std::string(v, vLen));
     EXPECT_STREQ("EICAR-Test", v);
     EXPECT_EQ("x.com", std::string(o, oLen));
@@ -103,8 +103,8 @@ TEST_F(Results, InfectionsFollowTheBufferRule) {
     oLen = sizeof o;
     fLen = sizeof f;
     memset(o, 'q', sizeof o);
-    EXPECT_EQ(MAV_E_BUFFER_TOO_SHORT, MavEnumInfections(inst, 0, nullptr, nullptr, v, &vLen, o,
-                                                        &oLen, nullptr, f, &fLen));
+    EXPECT_EQ(MAV_E_BUFFER_TOO_SHORT,
+              MavEnumInfections(inst, 0, nullptr, nullptr, v, &vLen, o, &oLen, nullptr, f, &fLen));
     EXPECT_EQ(0u, vLen);
     EXPECT_EQ('\0', v[0]);
     EXPECT_EQ("x.com", std::string(o, oLen));
@@ -183,16 +183,16 @@ TEST_F(Results, AdapterInformationAndVersionPacking) {
     uint32_t version = 0, params = 0, events = 0;
     char name[32], vendor[32];
     size_t nameLen = sizeof name, vendorLen = 0;
-    ASSERT_EQ(MAV_OK, MavGetPelInfo(inst, &version, &params, &events, name, &nameLen, nullptr,
-                                    &vendorLen));
+    ASSERT_EQ(MAV_OK,
+              MavGetPelInfo(inst, &version, &params, &events, name, &nameLen, nullptr, &vendorLen));
     EXPECT_EQ(0x00030007u, version);
     EXPECT_EQ(2u, params);
     EXPECT_EQ(VS_M_VIRUS | VS_M_ERROR, events);
     EXPECT_EQ("testpel", std::string(name, nameLen));
     EXPECT_EQ(3 * strlen("Kormo Test") + 3, vendorLen);
     vendorLen = sizeof vendor;
-    ASSERT_EQ(MAV_OK, MavGetPelInfo(hdl, nullptr, nullptr, nullptr, nullptr, nullptr, vendor,
-                                    &vendorLen));
+    ASSERT_EQ(MAV_OK,
+              MavGetPelInfo(hdl, nullptr, nullptr, nullptr, nullptr, nullptr, vendor, &vendorLen));
     EXPECT_EQ("Kormo Test", std::string(vendor, vendorLen));
 
     uint32_t id = 0, model = 9, scan = 0, action = 0, cio = 0;
@@ -232,10 +232,10 @@ TEST_F(Results, AdapterInformationAndVersionPacking) {
               MavEnumDriverInfo(inst, 1, &version, nullptr, nullptr, nullptr, nullptr));
 
     TraceCapture trace(MAV_TRC_ERROR);
-    EXPECT_EQ(MAV_E_NULL_PARAM, MavGetPelInfo(nullptr, nullptr, nullptr, nullptr, nullptr,
-                                              nullptr, nullptr, nullptr));
-    EXPECT_EQ(MAV_E_NULL_PARAM, MavGetPelTechInfo(nullptr, nullptr, nullptr, nullptr, nullptr,
-                                                  nullptr, nullptr));
+    EXPECT_EQ(MAV_E_NULL_PARAM, MavGetPelInfo(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                              nullptr, nullptr));
+    EXPECT_EQ(MAV_E_NULL_PARAM,
+              MavGetPelTechInfo(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
     EXPECT_EQ(MAV_E_NULL_PARAM,
               MavGetEngineInfo(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
     EXPECT_EQ(MAV_E_NULL_PARAM,
@@ -251,8 +251,7 @@ TEST_F(Results, SharedEngineAnswersForTheHandle) {
     pel.set_adapter_info(1, 1, 2, 1, 0, nullptr, nullptr);
     Start();
     uint32_t version = 0;
-    ASSERT_EQ(MAV_OK,
-              MavGetEngineInfo(hdl, &version, nullptr, nullptr, nullptr, nullptr, nullptr));
+    ASSERT_EQ(MAV_OK, MavGetEngineInfo(hdl, &version, nullptr, nullptr, nullptr, nullptr, nullptr));
     EXPECT_EQ(0x00030001u, version);
     // Missing adapter texts report 0.
     size_t len = 99;
@@ -267,8 +266,8 @@ TEST_F(Results, MissingAdapterInfoIsRefusedWithOutputsUntouched) {
     uint32_t id = 5;
     EXPECT_EQ(MAV_E_INVALID_HANDLE,
               MavGetPelTechInfo(hdl, &id, nullptr, nullptr, nullptr, nullptr, nullptr));
-    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavGetPelInfo(inst, &id, nullptr, nullptr, nullptr, nullptr,
-                                                  nullptr, nullptr));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE,
+              MavGetPelInfo(inst, &id, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
     EXPECT_EQ(5u, id);
 }
 

@@ -87,11 +87,11 @@ TEST_F(Scan, FilePassesNameJobDefaultActionAndSummary) {
     EXPECT_EQ(0u, si.uiScanErrors);
 
     // The UTF-8 name wins when it is not empty.
-    ASSERT_EQ(MAV_OK, MavScanClean(inst, VS_SC_FILE, 0, "/utf8", "/kormo", nullptr, nullptr, 1,
-                                   nullptr));
+    ASSERT_EQ(MAV_OK,
+              MavScanClean(inst, VS_SC_FILE, 0, "/utf8", "/kormo", nullptr, nullptr, 1, nullptr));
     EXPECT_STREQ("/utf8", pel.lastScan().szObjectName);
-    ASSERT_EQ(MAV_OK, MavScanClean(inst, VS_SC_FILE, 0x12, "", "/kormo", nullptr, nullptr, 1,
-                                   nullptr));
+    ASSERT_EQ(MAV_OK,
+              MavScanClean(inst, VS_SC_FILE, 0x12, "", "/kormo", nullptr, nullptr, 1, nullptr));
     EXPECT_STREQ("/kormo", pel.lastScan().szObjectName);
     EXPECT_EQ(0x12u, pel.lastScan().uiActionCode);
 }
@@ -172,8 +172,8 @@ TEST_F(Scan, FallbackWritesBytesToAPrivateFileAndRemovesIt) {
     EXPECT_EQ(prefix, name.substr(0, prefix.size()));
     EXPECT_EQ("mavlib.bin", name.substr(prefix.size() + 6));
     EXPECT_TRUE(DirEntries(dir_).empty());
-    EXPECT_TRUE(trace.Has(
-        "This PEL does not support scanning bytes - copy bytes to file and scan this\n"));
+    EXPECT_TRUE(
+        trace.Has("This PEL does not support scanning bytes - copy bytes to file and scan this\n"));
     EXPECT_EQ(9u, si.uiJobID);
 }
 
@@ -237,8 +237,8 @@ TEST(TempFile, CreatedExclusivelyWithMode0600UnderTheObjectName) {
     unlink(b);
     MavIFree(a);
     MavIFree(b);
-    EXPECT_EQ(MAV_E_SCAN_FAILED, MavPXBytesFromTempFile(a == nullptr ? "" : "/nonexistent/x",
-                                                        back, &len));
+    EXPECT_EQ(MAV_E_SCAN_FAILED,
+              MavPXBytesFromTempFile(a == nullptr ? "" : "/nonexistent/x", back, &len));
 
     // A directory that does not exist: nothing created, an empty path left.
     TraceCapture trace(MAV_TRC_ERROR);
@@ -270,11 +270,10 @@ TEST(TempFile, CreatedExclusivelyWithMode0600UnderTheObjectName) {
     _exit(ok ? 0 : 1);
 }
 
-void ExpectDefaultTmpPath(const char* pelTmp, const char* tmp, const char* temp,
-                          const char* tmpdir, const char* expected) {
+void ExpectDefaultTmpPath(const char* pelTmp, const char* tmp, const char* temp, const char* tmpdir,
+                          const char* expected) {
     const char* const values[4] = {pelTmp, tmp, temp, tmpdir};
-    EXPECT_EXIT(ChildCheckTmpPath(values, expected), ::testing::ExitedWithCode(0), "")
-        << expected;
+    EXPECT_EXIT(ChildCheckTmpPath(values, expected), ::testing::ExitedWithCode(0), "") << expected;
 }
 
 TEST(TempFileDeathTest, DefaultDirectoryFollowsTheEnvironmentOrder) {
@@ -357,9 +356,8 @@ TEST_F(Scan, WithoutSummaryNoResultRecordIsKept) {
     EXPECT_FALSE(pel.lastScan().bHadScanInfoPtr);
     EXPECT_EQ(nullptr, static_cast<MAV_INST_REC*>(inst)->pScanInfo);
     uint32_t type = 0;
-    EXPECT_EQ(MAV_E_NO_SCANINFO,
-              MavEnumContentInfo(inst, 0, &type, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                 nullptr, nullptr));
+    EXPECT_EQ(MAV_E_NO_SCANINFO, MavEnumContentInfo(inst, 0, &type, nullptr, nullptr, nullptr,
+                                                    nullptr, nullptr, nullptr, nullptr));
 }
 
 TEST_F(Scan, PreviousResultIsReleasedBeforeTheNextScan) {
@@ -441,10 +439,12 @@ TEST_F(Scan, VerdictsAndFailuresAreTracedByLevel) {
         pel.script_rc(MAV_E_CLEAN_OK);
         MavScanFile(inst, "/dev/null", 1, nullptr);
         EXPECT_TRUE(trace.Has("*** VIRUS alert! The object contains an infection.\n"));
-        EXPECT_TRUE(trace.Has("*** VIRUS alert! The object ***could not be cleaned*** and is "
-                              "still infected.\n"));
-        EXPECT_TRUE(trace.Has("*** Detected infection was cleaned, but however a VIRUS might "
-                              "still exist.\n"));
+        EXPECT_TRUE(
+            trace.Has("*** VIRUS alert! The object ***could not be cleaned*** and is "
+                      "still infected.\n"));
+        EXPECT_TRUE(
+            trace.Has("*** Detected infection was cleaned, but however a VIRUS might "
+                      "still exist.\n"));
     }
     {
         TraceCapture trace(MAV_TRC_PEL | MAV_TRC_WARNING);
@@ -454,8 +454,9 @@ TEST_F(Scan, VerdictsAndFailuresAreTracedByLevel) {
         MavScanClean(inst, VS_SC_FILE, 17, "/dev/null", nullptr, nullptr, nullptr, 1, nullptr);
         MavScanClean(inst, VS_SC_FILE, 16, "/dev/null", nullptr, nullptr, nullptr, 1, nullptr);
         EXPECT_TRUE(trace.Has("*** WARNING => The object was not scanned.\n"));
-        EXPECT_TRUE(trace.Has("*** Content scan feature is not supported. This PEL supports "
-                              "only virus scanning!\n"));
+        EXPECT_TRUE(
+            trace.Has("*** Content scan feature is not supported. This PEL supports "
+                      "only virus scanning!\n"));
         EXPECT_TRUE(trace.Has("*** Not supported feature supplied.\n"));
         EXPECT_TRUE(trace.Has("No PEL_SCANINFO passed\n"));
         EXPECT_EQ(3, trace.CountContaining(">> PelScan("));
@@ -480,7 +481,9 @@ void* CountRealloc(void* p, size_t size, const char*) {
     ++allocations;
     return realloc(p, size);
 }
-void CountFree(void* p) { free(p); }
+void CountFree(void* p) {
+    free(p);
+}
 
 TEST_F(Scan, MemoryScanAllocatesNothing) {
     Start();
