@@ -7,8 +7,14 @@
 #include "clam_common.h"
 
 #include <cctype>
+#include <cstdlib>
 
 namespace clampel {
+
+std::string DefaultDbDir() {
+    const char* env = std::getenv("KORMO_CLAMAV_DATABASE");
+    return env != nullptr && env[0] != '\0' ? std::string(env) : std::string("/var/lib/clamav");
+}
 
 std::string Lower(std::string s) {
     for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));

@@ -65,6 +65,11 @@ struct EngineDefaults {
 // are ignored, absent ones keep the defaults.
 ScanSettings ReadScanSettings(const PEL_OPTPARAMS* params, const EngineDefaults& defaults);
 
+// The signature directory when INITDRIVERDIRECTORY is not set: the environment
+// variable KORMO_CLAMAV_DATABASE when it is set and not empty, else
+// /var/lib/clamav.
+std::string DefaultDbDir();
+
 // Text value of a CHAR parameter with the given code, or fallback.
 std::string ParamText(const PEL_PARAMS* params, int32_t code, const std::string& fallback);
 

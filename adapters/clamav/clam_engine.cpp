@@ -22,7 +22,6 @@ void InstallScanCallbacks(cl_engine* engine);  // clam_scan.cpp
 namespace {
 
 constexpr uint32_t kInitMark = 0x434c494eu;  // "CLIN"
-const char kDefaultDbDir[] = "/var/lib/clamav";
 
 thread_local std::string* tlsMessages = nullptr;
 
@@ -184,8 +183,8 @@ void Engine::ListDrivers(const std::string& dir) {
 }
 
 int Engine::Load(const PEL_INITPARAMS* params) {
-    std::string dir = ParamText(params, VS_P_INITDRIVERDIRECTORY, kDefaultDbDir);
-    if (dir.empty()) dir = kDefaultDbDir;
+    std::string dir = ParamText(params, VS_P_INITDRIVERDIRECTORY, DefaultDbDir());
+    if (dir.empty()) dir = DefaultDbDir();
     std::string tmp = ParamText(params, VS_P_INITTEMP_PATH, "");
     const std::string hint =
         " Run freshclam to download the ClamAV databases, or set INITDRIVERDIRECTORY to a "

@@ -28,7 +28,6 @@ namespace {
 constexpr uint32_t kAdapterId = 0x434c4d01u;  // "CLM", 1
 constexpr uint16_t kVersionMajor = 1;
 constexpr uint16_t kVersionMinor = 0;
-const char kDefaultDbDir[] = "/var/lib/clamav";
 const char kEmpty[] = "";
 
 // Adapter-wide state: the configuration reported to every handle, and the
@@ -39,6 +38,7 @@ struct Global {
     bool started = false;
     EngineDefaults defaults;
     std::string vendor;
+    std::string dbDir;  // reported default of INITDRIVERDIRECTORY
     PEL_ADAPTERINFO info;
     PEL_PARAM initParams[2];
     PEL_PARAM optParams[8];
@@ -102,7 +102,8 @@ int Start() {
     g.info.pszVendorInfo = g.vendor.c_str();
     g.info.pszAdapterName = "clamav";
 
-    g.initParams[0] = TextParam(VS_P_INITDRIVERDIRECTORY, kDefaultDbDir);
+    g.dbDir = DefaultDbDir();
+    g.initParams[0] = TextParam(VS_P_INITDRIVERDIRECTORY, g.dbDir.c_str());
     g.initParams[1] = TextParam(VS_P_INITTEMP_PATH, kEmpty);
     g.optParams[0] = Param(VS_P_SCANLIMIT, VS_TYPE_SIZE_T, d.maxFileSize);
     g.optParams[1] = Param(VS_P_SCANEXTRACT_SIZE, VS_TYPE_SIZE_T, d.maxScanSize);
