@@ -2,7 +2,10 @@
 // each handler gets, and stopping a scan from a handler.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "mav_fixture.h"
@@ -304,6 +307,61 @@ TEST_F(Events, CallbackRefusesAContextThatIsNoInstance) {
     EXPECT_EQ(1, MavPXCallback(nullptr, VS_M_CLEAN, nullptr, nullptr));
     EXPECT_TRUE(trace.Has("Cound not get instance configuration\n"));
     EXPECT_EQ(0, MavPXCallback(nullptr, VS_M_CLEAN, nullptr, inst));
+}
+
+}  // namespace
+
+namespace {
+
+std::atomic<int> raceCalls{0};
+VS_CALLRC CountCall(MAV_INST, uint32_t, void*, void*) {
+    ++raceCalls;
+    return 0;
+}
+VS_CALLRC CountTable(MAV_INST, void*, void*) {
+    ++raceCalls;
+    return 0;
+}
+
+// Registrations on the handle while two instances scan: each scan sees a
+// whole registration, never a torn one (run under ThreadSanitizer too).
+TEST_F(Events, RegistrationRacesWithScans) {
+    Start();
+    MAV_INST other = nullptr;
+    ASSERT_EQ(MAV_OK, MavCreateInstance(hdl, &other));
+    pel.script_clear();
+    pel.script_event(VS_M_SCANPROGRESS, 0, nullptr, 1, 0);
+    std::atomic<bool> stop{false};
+    std::atomic<int> failures{0};
+    std::atomic<int> scans[2] = {{0}, {0}};
+    auto scan = [&](MAV_INST i, int n) {
+        unsigned char buf[16] = {};
+        while (!stop) {
+            if (MavScanBytes(i, "r", buf, sizeof buf, 1, nullptr) != MAV_OK) ++failures;
+            ++scans[n];
+        }
+    };
+    std::thread a(scan, inst, 0), b(scan, other, 1);
+    MAV_EVENTS table = {};
+    table.ScanProgress = CountTable;
+    // Registrations go on until both threads have scanned a while with
+    // handlers in place (bounded in time).
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    for (int k = 0; (k < 300 || scans[0] < 500 || scans[1] < 500 || raceCalls < 200) &&
+                    std::chrono::steady_clock::now() < deadline;
+         ++k) {
+        MAV_RC rc = k % 3 == 0
+                        ? MavRegisterSingleEventHandler(hdl, CountCall, VS_M_SCANPROGRESS, nullptr)
+                    : k % 3 == 1 ? MavRegisterEvents(hdl, &table, nullptr)
+                                 : MavRegisterSingleEventHandler(hdl, nullptr, 0, nullptr);
+        if (rc != MAV_OK) ++failures;
+    }
+    stop = true;
+    a.join();
+    b.join();
+    EXPECT_EQ(0, failures.load());
+    EXPECT_GT(raceCalls.load(), 0);
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&other));
 }
 
 }  // namespace
