@@ -7,8 +7,8 @@
 #   TARGET              names of fuzz/<name>.cpp to run (default: all)
 #
 # Prints per target the executions and the findings (crash, leak, timeout and
-# out-of-memory inputs, kept under build/fuzz/findings/<name>/). Exits 1 when
-# any target found something.
+# out-of-memory inputs of this run, kept under build/fuzz/findings/<name>/).
+# Exits 1 when any target found something.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -44,6 +44,8 @@ for n in "${names[@]}"; do
   work="$build/corpus/$n"
   findings="$build/findings/$n"
   log="$build/logs/$n.log"
+  # Findings of an earlier run are dropped: the count is this run's.
+  rm -rf "$findings"
   mkdir -p "$work" "$findings" "$(dirname "$log")"
   seeds=()
   [ -d "fuzz/corpus/$n" ] && seeds=("$root/fuzz/corpus/$n")
