@@ -2,9 +2,13 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstring>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -85,73 +89,72 @@ int main(int argc, char** argv) {
         return 2;
     }
     if (opt.info) {
-        MAV_INST inst = engine.acquire(&error);
-        if (inst == nullptr) {
+        std::unique_ptr<Scanner> s = engine.acquire(&error);
+        if (!s) {
             std::fprintf(stderr, "mavscan: %s\n", error.c_str());
             return 2;
         }
-        std::string text;
-        engine.describe(inst, &text);
-        std::fputs(text.c_str(), stdout);
-        engine.release(inst);
-        if (opt.paths.empty()) return 0;
+        std::fputs(s->describe().c_str(), stdout);
+        return 0;
     }
 
-    bool progress = isatty(STDERR_FILENO) && !opt.quiet;
-    Report report(opt.json, opt.quiet, progress);
-
-    // Standard input is scanned first, on its own instance.
-    std::vector<std::string> paths;
-    for (const auto& p : opt.paths) {
-        if (p != "-") {
-            paths.push_back(p);
-            continue;
-        }
-        std::vector<unsigned char> data;
-        if (!readAll(stdin, &data)) {
-            report.error("stdin", "cannot read standard input");
-            continue;
-        }
-        MAV_INST inst = engine.acquire(&error);
-        if (inst == nullptr) {
-            std::fprintf(stderr, "mavscan: %s\n", error.c_str());
-            return 2;
-        }
-        report.object("stdin", engine.scanBytes(inst, "stdin", data, 0));
-        engine.release(inst);
-    }
-
-    // Instances are taken here, one per worker, before any worker starts:
+    // Scanners are taken here, one per worker, before any worker starts:
     // building profile instances is not meant to run on several threads.
-    std::vector<MAV_INST> instances;
+    std::vector<std::unique_ptr<Scanner>> scanners;
     for (unsigned i = 0; i < opt.jobs; ++i) {
-        MAV_INST inst = engine.acquire(&error);
-        if (inst == nullptr) {
-            if (instances.empty()) {
+        std::unique_ptr<Scanner> s = engine.acquire(&error);
+        if (!s) {
+            if (scanners.empty()) {
                 std::fprintf(stderr, "mavscan: %s\n", error.c_str());
                 return 2;
             }
             break;  // fewer workers than asked: go on with those we have
         }
-        instances.push_back(inst);
+        scanners.push_back(std::move(s));
+    }
+
+    bool progress = isatty(STDERR_FILENO) && !opt.quiet;
+    Report report(opt.json, opt.quiet, progress);
+    std::atomic<uint32_t> jobId{1};
+
+    // Standard input first, on the first scanner.
+    std::vector<std::string> paths;
+    bool stdinDone = false;
+    for (const auto& p : opt.paths) {
+        if (p != "-") {
+            paths.push_back(p);
+            continue;
+        }
+        if (stdinDone) continue;
+        stdinDone = true;
+        std::vector<unsigned char> data;
+        if (!readAll(stdin, &data)) {
+            report.error("stdin", std::string("cannot read standard input: ") +
+                                      std::strerror(errno));
+            continue;
+        }
+        report.object("stdin", scanners[0]->scanBytes("stdin", data, jobId++));
     }
 
     Queue queue;
-    std::atomic<uint32_t> jobId{1};
     std::vector<std::thread> workers;
-    for (MAV_INST inst : instances) {
-        workers.emplace_back([&, inst] {
+    for (auto& s : scanners) {
+        Scanner* sc = s.get();
+        workers.emplace_back([&, sc] {
             std::string p;
-            while (queue.pop(&p)) report.object(p, engine.scanFile(inst, p, jobId++));
+            while (queue.pop(&p)) report.object(p, sc->scanFile(p, jobId++));
         });
     }
-    std::atomic<bool> walking{true};
+    // The progress line is redrawn four times a second until the scan ends.
+    std::mutex tickMu;
+    std::condition_variable tickCv;
+    bool running = true;
     std::thread ticker;
     if (progress) {
         ticker = std::thread([&] {
-            while (walking) {
+            std::unique_lock<std::mutex> lock(tickMu);
+            while (!tickCv.wait_for(lock, std::chrono::milliseconds(250), [&] { return !running; })) {
                 report.progress();
-                std::this_thread::sleep_for(std::chrono::milliseconds(250));
             }
         });
     }
@@ -161,10 +164,14 @@ int main(int argc, char** argv) {
     }
     queue.close();
     for (auto& t : workers) t.join();
-    walking = false;
+    {
+        std::lock_guard<std::mutex> lock(tickMu);
+        running = false;
+    }
+    tickCv.notify_all();
     if (ticker.joinable()) ticker.join();
-    for (MAV_INST inst : instances) engine.release(inst);
-    if (!opt.quiet || opt.json) report.summary();
+    scanners.clear();
+    report.summary();
     engine.stop();
     return report.exitStatus();
 }

@@ -19,7 +19,7 @@ const char* usageText() {
            "      --set NAME=VALUE set an adapter parameter (typed as the adapter reports it)\n"
            "      --clean          clean infected objects where the engine can\n"
            "      --json           one JSON object per scanned object\n"
-           "  -q, --quiet          print only findings and errors\n"
+           "  -q, --quiet          print only findings and errors, no summary\n"
            "  -L, --follow-symlinks  follow symbolic links while walking directories\n"
            "      --trace FILE     write the library trace to FILE\n"
            "      --trace-level N  trace detail 0..3 (default 1)\n"

@@ -57,11 +57,17 @@ std::string jsonString(const std::string& s) {
 Report::Report(bool json, bool quiet, bool progress)
     : json_(json), quiet_(quiet), progress_(progress), start_(std::chrono::steady_clock::now()) {}
 
+// Object lines go to standard output; the progress line on standard error is
+// taken away first and drawn again below them.
 void Report::emit(const std::string& line) {
     std::lock_guard<std::mutex> lock(mu_);
-    if (progress_) std::fputs("\r\033[K", stderr);
+    if (progress_ && !progressText_.empty()) std::fputs("\r\033[K", stderr);
     std::fwrite(line.data(), 1, line.size(), stdout);
     std::fflush(stdout);
+    if (progress_ && !progressText_.empty()) {
+        std::fputs(progressText_.c_str(), stderr);
+        std::fflush(stderr);
+    }
 }
 
 void Report::object(const std::string& path, const Result& r) {
@@ -71,6 +77,7 @@ void Report::object(const std::string& path, const Result& r) {
     if (r.rc < 0) found_++;
     if (r.rc > 0) errors_++;
     if (json_) {
+        if (quiet_ && r.rc == MAV_OK) return;
         std::string j = "{\"path\":" + jsonString(path) + ",\"verdict\":\"" + verdict +
                          "\",\"code\":\"" + MavErrorName(r.rc) + "\",\"infections\":[";
         for (size_t i = 0; i < r.infections.size(); ++i) {
@@ -113,17 +120,22 @@ void Report::progress() {
     if (!progress_) return;
     double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
     if (secs <= 0) secs = 1e-9;
+    char text[160];
+    std::snprintf(text, sizeof text, "%llu files  %.1f files/s  %.2f MB/s",
+                  static_cast<unsigned long long>(files_.load()), files_.load() / secs,
+                  bytes_.load() / 1048576.0 / secs);
     std::lock_guard<std::mutex> lock(mu_);
-    std::fprintf(stderr, "\r\033[K%llu files  %.1f files/s  %.2f MB/s",
-                 static_cast<unsigned long long>(files_.load()), files_.load() / secs,
-                 bytes_.load() / 1048576.0 / secs);
+    progressText_ = text;
+    std::fprintf(stderr, "\r\033[K%s", text);
     std::fflush(stderr);
 }
 
 void Report::summary() {
+    if (quiet_) return;  // no progress line either
     double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
     std::lock_guard<std::mutex> lock(mu_);
-    if (progress_) std::fputs("\r\033[K", stderr);
+    if (progress_ && !progressText_.empty()) std::fputs("\r\033[K", stderr);
+    progressText_.clear();
     if (json_) {
         std::printf("{\"summary\":{\"scanned\":%llu,\"found\":%llu,\"errors\":%llu,\"bytes\":%llu,"
                     "\"seconds\":%.3f}}\n",

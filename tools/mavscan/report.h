@@ -33,6 +33,7 @@ private:
 
     const bool json_, quiet_, progress_;
     std::mutex mu_;
+    std::string progressText_;  // the progress line as last drawn
     std::atomic<uint64_t> files_{0}, found_{0}, errors_{0}, bytes_{0};
     const std::chrono::steady_clock::time_point start_;
 };
