@@ -13,6 +13,8 @@
 #ifndef MAVXXJNI_H
 #define MAVXXJNI_H
 
+#include <cstring>
+
 #include <jni.h>
 
 #include <string>
@@ -117,8 +119,16 @@ void ListAdd(JNIEnv* env, jobject list, jmethodID add, jobject obj);
 }  // namespace mavjni
 
 // Trace shorthands of the bridge (level bit 0x4000).
+// The Java method name of a native (its JNI name without the class prefix),
+// as the entry and exit traces show it.
+inline const char* MavJniMethodName(const char* jniName) {
+    static const char kPrefix[] = "Java_kormo_security_core_server_mav_service_jni_Mavgate_";
+    return std::strncmp(jniName, kPrefix, sizeof kPrefix - 1) == 0 ? jniName + sizeof kPrefix - 1
+                                                                    : jniName;
+}
+#define MAVJNI_NAME MavJniMethodName(__func__)
 #define MAVJNI_TRC(...) MAV_TRC(MAV_TRC_JNI, __VA_ARGS__)
 #define MAVJNI_EXIT(rc) \
-    MAV_TRC(MAV_TRC_JNI, "<<  end  << %s(MAV_RC==%s) \n", __func__, MavErrorName(rc))
+    MAV_TRC(MAV_TRC_JNI, "<<  end  << %s(MAV_RC==%s) \n", MAVJNI_NAME, MavErrorName(rc))
 
 #endif

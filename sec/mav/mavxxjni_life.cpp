@@ -26,7 +26,7 @@ bool CanHoldHandle(JNIEnv* env, jclass cls) {
 
 MAVJNI_EXPORT jint JNICALL MAVGATE(initPEL)(JNIEnv* env, jobject self, jstring config,
                                             jobject holder) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%p)\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%p)\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(config), static_cast<void*>(holder));
     MAV_HANDLE hdl = nullptr;
     if (holder == nullptr) {
@@ -78,7 +78,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(initPEL)(JNIEnv* env, jobject self, jstring c
 }
 
 MAVJNI_EXPORT jint JNICALL MAVGATE(endPEL)(JNIEnv* env, jobject self, jobject holder) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p)\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p)\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(holder));
     if (holder == nullptr) return MAV_E_NULL_PARAM;
     LocalRef<jclass> cls(env, ClassOf(env, holder));
@@ -98,7 +98,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(endPEL)(JNIEnv* env, jobject self, jobject ho
 }
 
 MAVJNI_EXPORT jint JNICALL MAVGATE(reloadPEL)(JNIEnv* env, jobject self, jobject holder) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p)\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p)\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(holder));
     // A null holder means every adapter.
     LocalRef<jclass> cls(env, ClassOf(env, holder));
@@ -132,7 +132,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(reloadPEL)(JNIEnv* env, jobject self, jobject
 
 MAVJNI_EXPORT jint JNICALL MAVGATE(createInstance)(JNIEnv* env, jobject self, jobject cfgHolder,
                                                    jobject instHolder) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%p)\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%p)\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(cfgHolder),
                static_cast<void*>(instHolder));
     MAV_INST inst = nullptr;
@@ -162,7 +162,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(createInstance)(JNIEnv* env, jobject self, jo
 }
 
 MAVJNI_EXPORT jint JNICALL MAVGATE(freeInstance)(JNIEnv* env, jobject self, jobject holder) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p)\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p)\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(holder));
     if (holder == nullptr) return MAV_E_NULL_PARAM;
     LocalRef<jclass> cls(env, ClassOf(env, holder));
@@ -178,7 +178,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(freeInstance)(JNIEnv* env, jobject self, jobj
 }
 
 MAVJNI_EXPORT jint JNICALL MAVGATE(getPoolSize)(JNIEnv* env, jobject self, jobject holder) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p)\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p)\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(holder));
     MAV_HANDLE hdl = nullptr;
     if (holder != nullptr) {
@@ -186,13 +186,13 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(getPoolSize)(JNIEnv* env, jobject self, jobje
         hdl = ReadHandle(env, holder, cls.get());
     }
     jint size = static_cast<jint>(MavGetPoolSize(hdl));
-    MAVJNI_TRC("<<  end  << %s(MAV_RC==MAV_OK) \n", __func__);
+    MAVJNI_TRC("<<  end  << %s(MAV_RC==MAV_OK) \n", MAVJNI_NAME);
     return size;
 }
 
 MAVJNI_EXPORT jint JNICALL MAVGATE(setPoolSize)(JNIEnv* env, jobject self, jobject holder,
                                                 jint size) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%d)\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%d)\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(holder), size);
     if (holder == nullptr) return MAV_E_NULL_PARAM;
     LocalRef<jclass> cls(env, ClassOf(env, holder));
@@ -205,7 +205,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(setPoolSize)(JNIEnv* env, jobject self, jobje
 }
 
 MAVJNI_EXPORT jint JNICALL MAVGATE(freePool)(JNIEnv* env, jobject self, jobject holder) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p)\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p)\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(holder));
     if (holder == nullptr) return MAV_E_NULL_PARAM;
     LocalRef<jclass> cls(env, ClassOf(env, holder));
@@ -218,7 +218,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(freePool)(JNIEnv* env, jobject self, jobject 
 
 MAVJNI_EXPORT jint JNICALL MAVGATE(loadPool)(JNIEnv* env, jobject self, jobject holder, jint count,
                                              jboolean flag) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%d,%c)\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%d,%c)\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(holder), count, flag);
     if (holder == nullptr) return MAV_E_NULL_PARAM;
     LocalRef<jclass> cls(env, ClassOf(env, holder));
@@ -247,12 +247,12 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(loadPool)(JNIEnv* env, jobject self, jobject 
 
 MAVJNI_EXPORT jint JNICALL MAVGATE(getErrorInfo)(JNIEnv* env, jobject self, jobject holder,
                                                  jint rc) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%d)\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%d)\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(holder), rc);
     if (holder == nullptr) return MAV_E_NULL_PARAM;
     LocalRef<jclass> cls(env, ClassOf(env, holder));
     (void)ReadHandle(env, holder, cls.get());
     ReportRc(env, holder, cls.get(), rc);
-    MAVJNI_TRC("<<  end  << %s(MAV_RC==MAV_OK) \n", __func__);
+    MAVJNI_TRC("<<  end  << %s(MAV_RC==MAV_OK) \n", MAVJNI_NAME);
     return rc;
 }

@@ -67,7 +67,7 @@ struct ParamTexts {
 
 MAVJNI_EXPORT jint JNICALL MAVGATE(getParameters)(JNIEnv* env, jobject self, jobject holder,
                                                   jobject list) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%p)\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%p)\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(holder), static_cast<void*>(list));
     LocalRef<jclass> paramCls(env, FindClass(env, kParameterClass));
     if (holder == nullptr) return MAV_E_NULL_PARAM;
@@ -109,7 +109,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(getParameters)(JNIEnv* env, jobject self, job
 
 MAVJNI_EXPORT jint JNICALL MAVGATE(getParameter)(JNIEnv* env, jobject self, jobject holder,
                                                  jobject parameter) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%p)\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%p)\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(holder), static_cast<void*>(parameter));
     if (holder == nullptr) return MAV_E_NULL_PARAM;
     LocalRef<jclass> cls(env, ClassOf(env, holder));
@@ -152,7 +152,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(getParameter)(JNIEnv* env, jobject self, jobj
 
 MAVJNI_EXPORT jint JNICALL MAVGATE(setParameter)(JNIEnv* env, jobject self, jobject holder,
                                                  jobject parameter) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%p)\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%p)\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(holder), static_cast<void*>(parameter));
     if (holder == nullptr) return MAV_E_NULL_PARAM;
     LocalRef<jclass> cls(env, ClassOf(env, holder));
@@ -179,7 +179,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(setParameter)(JNIEnv* env, jobject self, jobj
 }
 
 MAVJNI_EXPORT jint JNICALL MAVGATE(setDefaultConfig)(JNIEnv* env, jobject self, jobject holder) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p)\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p)\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(holder));
     if (holder == nullptr) return MAV_E_NULL_PARAM;
     LocalRef<jclass> cls(env, ClassOf(env, holder));

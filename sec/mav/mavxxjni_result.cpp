@@ -97,7 +97,7 @@ MAV_RC FillList(JNIEnv* env, jobject list, const char* clsPath, const char* init
 
 MAVJNI_EXPORT jint JNICALL MAVGATE(getInstanceInfo)(JNIEnv* env, jobject self, jobject holder,
                                                     jint kind, jobject list) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%d,%p)\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%d,%p)\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(holder), kind,
                static_cast<void*>(list));
     if (holder == nullptr) return MAV_E_NULL_PARAM;
@@ -176,7 +176,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(getInstanceInfo)(JNIEnv* env, jobject self, j
 #define MAVJNI_INFO_NATIVE(method, kind)                                                   \
     MAVJNI_EXPORT jint JNICALL MAVGATE(method)(JNIEnv * env, jobject self, jobject holder, \
                                                jobject list) {                             \
-        MAVJNI_TRC(">> start >> %s(%p,%p,%p,%p)\n", __func__, static_cast<void*>(env),     \
+        MAVJNI_TRC(">> start >> %s(%p,%p,%p,%p)\n", MAVJNI_NAME, static_cast<void*>(env),     \
                    static_cast<void*>(self), static_cast<void*>(holder),                   \
                    static_cast<void*>(list));                                              \
         jint rc = MAVGATE(getInstanceInfo)(env, self, holder, kind, list);                 \
@@ -190,7 +190,7 @@ MAVJNI_INFO_NATIVE(getScanErrors, kKindScanErrors)
 MAVJNI_INFO_NATIVE(getContentInfos, kKindContent)
 
 MAVJNI_EXPORT jobject JNICALL MAVGATE(getEngine)(JNIEnv* env, jobject self, jobject holder) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p)\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p)\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(holder));
     LocalRef<jclass> engineCls(env, FindClass(env, kEngineClass));
     if (holder == nullptr) return nullptr;

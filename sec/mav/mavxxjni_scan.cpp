@@ -44,7 +44,7 @@ class PinnedBytes {
 MAVJNI_EXPORT jint JNICALL MAVGATE(pelScan)(JNIEnv* env, jobject self, jobject holder,
                                             jlong scanCode, jlong actionCode, jstring name,
                                             jbyteArray buffer, jlong length, jlong jobId) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%ld,%ld,%p,%p,%ld,%ld\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%ld,%ld,%p,%p,%ld,%ld\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(holder), static_cast<long>(scanCode),
                static_cast<long>(actionCode), static_cast<void*>(name), static_cast<void*>(buffer),
                static_cast<long>(length), static_cast<long>(jobId));

@@ -32,7 +32,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(setTraceLevel)(JNIEnv*, jobject, jint level) 
 }
 
 MAVJNI_EXPORT jint JNICALL MAVGATE(setTrace)(JNIEnv* env, jobject self, jstring path, jlong level) {
-    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%ld)\n", __func__, static_cast<void*>(env),
+    MAVJNI_TRC(">> start >> %s(%p,%p,%p,%ld)\n", MAVJNI_NAME, static_cast<void*>(env),
                static_cast<void*>(self), static_cast<void*>(path), static_cast<long>(level));
     if (path == nullptr) return MAV_E_NULL_PARAM;
     remove(kOldTrace);

@@ -13,7 +13,8 @@ import org.junit.jupiter.api.AfterEach;
 import org.junit.jupiter.api.Test;
 
 class TraceTest extends BridgeTestBase {
-    private static final String NATIVE = "Java_kormo_security_core_server_mav_service_jni_Mavgate_";
+    // Traces name the Java method.
+    private static final String NATIVE = "";
     private static final Path OLD = Paths.get("dev_MAV.old");
 
     @AfterEach
