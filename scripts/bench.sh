@@ -17,7 +17,8 @@ cmake --build "$build" -j"$(nproc)" --target bench_scan bench_scan_count benchpe
 # No trace while measuring.
 unset PEL_LIB
 echo "== Google Benchmark =="
-"$build/bench/bench_scan" --benchmark_min_time=1
+"$build/bench/bench_scan" --benchmark_min_time=0.5 --benchmark_repetitions=5 \
+  --benchmark_display_aggregates_only=true
 
 if ! command -v valgrind >/dev/null; then
   echo "valgrind not installed: no instruction count" >&2
