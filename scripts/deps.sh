@@ -6,7 +6,7 @@ KORMO_PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   default-jdk-headless junit5
   libclamav-dev clamav clamav-daemon clamdscan libmagic-dev zlib1g-dev
-  valgrind file
+  valgrind file python3
 )
 
 kormo_install_deps() {

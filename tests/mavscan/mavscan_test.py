@@ -1,0 +1,511 @@
+#!/usr/bin/env python3
+"""mavscan driven as a user runs it.
+
+Usage: mavscan_test.py [unittest arguments, e.g. ExitTest]
+Environment (set by CMakeLists.txt): MAVSCAN, KORMO_LIB, CLAMAV_ADAPTER,
+TESTPEL_ADAPTER, KORMO_SOURCE_DIR, KORMO_SANITIZED.
+
+The signatures come from scripts/make-testdb.sh; the EICAR test file is
+assembled here, in pieces, and never stored.
+"""
+import json
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+MAVSCAN = os.environ["MAVSCAN"]
+KORMO_LIB = os.environ["KORMO_LIB"]
+CLAMAV = os.environ["CLAMAV_ADAPTER"]
+TESTPEL = os.environ["TESTPEL_ADAPTER"]
+SOURCE = os.environ["KORMO_SOURCE_DIR"]
+SANITIZED = os.environ.get("KORMO_SANITIZED") == "1"
+
+EICAR = b"X5O!P%@AP[4\\PZX54(P^)7CC)7}" + b"$EICAR-STANDARD-ANTIVIRUS" + b"-TEST-FILE!$H+H*"
+EICAR_NAME = "Eicar-Test-Signature.UNOFFICIAL"
+HASH1_NAME = "Kormo.Test.Hash.1.UNOFFICIAL"
+MARKER_NAME = "Kormo.Test.Marker.UNOFFICIAL"
+
+W = None  # the shared work folder (setUpModule)
+
+
+def setUpModule():
+    global W
+    W = tempfile.mkdtemp(prefix="mavscan-test.")
+    os.chmod(W, 0o755)
+    subprocess.run([os.path.join(SOURCE, "scripts", "make-testdb.sh"), os.path.join(W, "db")],
+                   check=True, stdout=subprocess.DEVNULL)
+    os.makedirs(os.path.join(W, "empty-db"))
+    os.makedirs(os.path.join(W, "cwd"))
+    with open(os.path.join(W, "db", "marker.txt"), "rb") as f:
+        marker = f.read()
+    # clean/: three harmless files, one in a sub-folder.
+    put("clean/a.txt", b"nothing to see\n")
+    put("clean/b.html", b"<html><body>hello</body></html>\n")
+    put("clean/sub/c.bin", bytes(range(256)) * 64)
+    # mixed/: clean files and one of each kind of finding.
+    put("mixed/readme.txt", b"a plain text\n")
+    put("mixed/eicar.com", EICAR)
+    shutil.copy(os.path.join(W, "db", "samples", "hash1.bin"), path("mixed/hash1.bin"))
+    put("mixed/deep/notes.txt", b"some words, then " + marker + b" and more words\n")
+    put("mixed/deep/empty.dat", b"")
+
+
+def tearDownModule():
+    shutil.rmtree(W, ignore_errors=True)
+
+
+def path(rel):
+    return os.path.join(W, rel)
+
+
+def put(rel, data, mode=0o644):
+    p = path(rel)
+    os.makedirs(os.path.dirname(p), exist_ok=True)
+    with open(p, "wb") as f:
+        f.write(data)
+    os.chmod(p, mode)
+    return p
+
+
+def base_env(db=None, libdir=None):
+    env = dict(os.environ)
+    for k in ("PEL_LIB", "MAVSCAN", "KORMO_SANITIZED"):
+        env.pop(k, None)
+    env["KORMO_CLAMAV_DATABASE"] = db if db is not None else path("db")
+    if SANITIZED:
+        env["LD_LIBRARY_PATH"] = libdir or os.path.dirname(CLAMAV)
+    return env
+
+
+def run(args, db=None, stdin=b"", cwd=None, prefix=(), exe=None, libdir=None):
+    """Runs mavscan; returns (exit status, stdout text, stderr text)."""
+    p = subprocess.run(list(prefix) + [exe or MAVSCAN] + list(args), input=stdin,
+                       capture_output=True, cwd=cwd or path("cwd"),
+                       env=base_env(db, libdir), timeout=120)
+    return (p.returncode, p.stdout.decode("utf-8", "replace"),
+            p.stderr.decode("utf-8", "replace"))
+
+
+def object_lines(out):
+    """The per-object lines of the text form (the summary block cut off)."""
+    head = out.split("\n----------- SCAN SUMMARY -----------\n")[0]
+    return sorted(l for l in head.splitlines() if l)
+
+
+def summary(out):
+    block = out.split("----------- SCAN SUMMARY -----------\n")[1]
+    return dict(l.split(": ", 1) for l in block.splitlines() if ": " in l)
+
+
+def json_lines(out):
+    objs = [json.loads(l) for l in out.splitlines()]
+    return [o for o in objs if "summary" not in o], [o["summary"] for o in objs if "summary" in o]
+
+
+def properties(profiles, providers, default=None):
+    """A configuration: profiles {name: (linkage, [group, ...])},
+    providers {name: (group, adapter, {param: (type, value)})}."""
+    lines = []
+    if default:
+        lines.append("mav.defaults.profile=%s" % default)
+    for name, (linkage, groups) in profiles.items():
+        p = "mav.profile." + name
+        lines += ["%s=%s" % (p, name), p + ".Active=true", p + ".ProfileLinkage=%d" % linkage]
+        for i, g in enumerate(groups):
+            s = "%s.ProfileSteps.%d" % (p, i)
+            lines += ["%s=%d" % (s, i), s + ".ProfileEntryType=0", s + ".ProfileEntryValue=" + g]
+    for g in sorted({v[0] for v in providers.values()}):
+        lines.append("mav.group.%s=%s" % (g, g))
+    for name, (group, adapter, params) in providers.items():
+        p = "mav.provider.Pelmark.Adapters." + name
+        lines += ["%s=%s" % (p, name), p + ".Active=true", p + ".Group=" + group,
+                  p + ".PoolMaxInstances=4", p + ".AdapterPath=" + escape(adapter)]
+        for k, (t, v) in params.items():
+            lines += ["%s.Parameters.%s=%s" % (p, k, k), "%s.Parameters.%s.Type=%s" % (p, k, t),
+                      "%s.Parameters.%s.Value=%s" % (p, k, escape(v))]
+    return "\n".join(lines) + "\n"
+
+
+def escape(text):
+    """The configuration's \\u escapes for blanks, separators and bytes >= 0x80."""
+    out = ""
+    for b in text.encode():
+        out += "\\u%04X" % b if b >= 0x80 or chr(b) in " \t;=\\" else chr(b)
+    return out
+
+
+class ExitTest(unittest.TestCase):
+    """Exit status and the text form."""
+
+    def test_clean_folder(self):
+        rc, out, err = run([path("clean")])
+        self.assertEqual(0, rc, err)
+        self.assertEqual(sorted(path(p) + ": OK" for p in ("clean/a.txt", "clean/b.html",
+                                                            "clean/sub/c.bin")),
+                         object_lines(out))
+        s = summary(out)
+        self.assertEqual(("3", "0", "0"),
+                         (s["Scanned objects"], s["Infected objects"], s["Errors"]))
+
+    def test_findings(self):
+        rc, out, err = run([path("mixed")])
+        self.assertEqual(1, rc, err)
+        self.assertEqual(sorted([
+            path("mixed/deep/empty.dat") + ": OK",
+            path("mixed/deep/notes.txt") + ": " + MARKER_NAME + " FOUND",
+            path("mixed/eicar.com") + ": " + EICAR_NAME + " FOUND",
+            path("mixed/hash1.bin") + ": " + HASH1_NAME + " FOUND",
+            path("mixed/readme.txt") + ": OK",
+        ]), object_lines(out))
+        s = summary(out)
+        self.assertEqual(("5", "3", "0"),
+                         (s["Scanned objects"], s["Infected objects"], s["Errors"]))
+
+    def test_missing_file_is_an_error_and_others_go_on(self):
+        rc, out, _ = run([path("nothere"), path("clean/a.txt")])
+        self.assertEqual(2, rc)
+        self.assertEqual(sorted([path("clean/a.txt") + ": OK",
+                                 path("nothere") + ": ERROR No such file or directory"]),
+                         object_lines(out))
+        self.assertEqual("1", summary(out)["Errors"])
+
+    def test_an_error_outranks_a_finding(self):
+        rc, _, _ = run([path("mixed/eicar.com"), path("nothere")])
+        self.assertEqual(2, rc)
+
+    def test_quiet_prints_only_findings(self):
+        rc, out, _ = run(["-q", path("mixed")])
+        self.assertEqual(1, rc)
+        self.assertEqual(3, len(out.splitlines()))
+        self.assertTrue(all(l.endswith(" FOUND") for l in out.splitlines()), out)
+        rc, out, _ = run(["-q", path("clean")])
+        self.assertEqual((0, ""), (rc, out))
+
+
+class ConfigTest(unittest.TestCase):
+    """Where the configuration comes from, and scans that cannot be clean."""
+
+    def test_builtin_default_reads_the_database_variable(self):
+        rc, out, err = run(["--info"])
+        self.assertEqual(0, rc, err)
+        self.assertIn("Adapter:     clamav", out)
+        self.assertRegex(out, r"INITDRIVERDIRECTORY +CHAR +%s\n" % path("db"))
+        self.assertIn("4 signatures", out)
+
+    def test_no_database_scans_nothing(self):
+        rc, out, err = run([path("clean")], db=path("empty-db"))
+        self.assertEqual(2, rc)
+        self.assertEqual("", out)  # nothing reported clean
+        self.assertIn("the default profile has no usable adapter", err)
+        self.assertIn("freshclam", err)
+        self.assertIn(path("empty-db"), err)
+
+    def test_mav_properties_in_the_working_directory(self):
+        cwd = path("cwd-props")
+        os.makedirs(cwd, exist_ok=True)
+        with open(os.path.join(cwd, "mav.properties"), "w") as f:
+            f.write(properties({"LOCAL": (0, ["G"])},
+                               {"CLAM": ("G", CLAMAV,
+                                         {"INITDRIVERDIRECTORY": ("CHAR", path("db"))})}))
+        rc, out, err = run(["--profile", "LOCAL", path("mixed/eicar.com")], cwd=cwd,
+                           db=path("empty-db"))
+        self.assertEqual(1, rc, err)
+        self.assertIn(EICAR_NAME + " FOUND", out)
+        # Elsewhere the built-in default applies, which has no such profile.
+        rc, out, err = run(["--profile", "LOCAL", path("mixed/eicar.com")])
+        self.assertEqual(2, rc)
+        self.assertIn("profile LOCAL is not usable", err)
+        self.assertIn("MAV_E_PROFILE_NOT_FOUND", err)
+
+    def test_config_file(self):
+        cfg = put("conf/scan.properties", properties(
+            {"MAIN": (0, ["G"])},
+            {"CLAM": ("G", CLAMAV, {"INITDRIVERDIRECTORY": ("CHAR", path("db"))})},
+            default="MAIN").encode())
+        rc, out, err = run(["--config", cfg, path("mixed")], db=path("empty-db"))
+        self.assertEqual(1, rc, err)
+        self.assertEqual("3", summary(out)["Infected objects"])
+        rc, _, err = run(["--config", path("conf/none.properties"), path("clean")])
+        self.assertEqual(2, rc)
+        self.assertIn("cannot read configuration", err)
+
+    def test_adapter_and_typed_set(self):
+        # --set acts before the engine starts: the database comes from it.
+        rc, out, err = run(["--adapter", CLAMAV, "--set", "INITDRIVERDIRECTORY=" + path("db"),
+                            path("mixed")], db=path("empty-db"))
+        self.assertEqual(1, rc, err)
+        self.assertEqual("3", summary(out)["Infected objects"])
+        # A limit that every object exceeds: nothing is clean.
+        rc, out, _ = run(["--adapter", CLAMAV, "--set", "SCANLIMIT=10", path("clean")])
+        self.assertEqual(2, rc)
+        lines = object_lines(out)
+        self.assertEqual(3, len(lines))
+        for l in lines:
+            self.assertRegex(l, r": ERROR Not scanned: SCANLIMIT exceeded")
+
+    def test_set_on_profile_instances(self):
+        rc, out, _ = run(["--set", "SCANLIMIT=10", path("clean/a.txt")])
+        self.assertEqual(2, rc)
+        self.assertIn("ERROR Not scanned", out)
+        rc, out, err = run(["--set", "SCANLIMIT=123456", "--info"])
+        self.assertEqual(0, rc, err)
+        self.assertRegex(out, r"SCANLIMIT +SIZE_T +123456\n")
+
+    def test_set_refusals(self):
+        rc, _, err = run(["--set", "NOSUCHPARAM=1", path("clean")])
+        self.assertEqual(2, rc)
+        self.assertIn("NOSUCHPARAM is not offered", err)
+        rc, _, err = run(["--set", "SCANLIMIT=lots", path("clean")])
+        self.assertEqual(2, rc)
+        self.assertIn("cannot set SCANLIMIT=lots (SIZE_T)", err)
+        rc, _, err = run(["--set", "INITDRIVERDIRECTORY=/x", path("clean")])
+        self.assertEqual(2, rc)
+        self.assertIn("start parameter", err)
+
+    def test_missing_adapter(self):
+        rc, out, err = run(["--adapter", path("no-such-adapter.so"), path("clean")])
+        self.assertEqual((2, ""), (rc, out))
+        self.assertIn("cannot start adapter", err)
+        self.assertIn("MAV_E_PEL_LOAD_FAILED", err)
+
+
+class ProfilesTest(unittest.TestCase):
+    """Profiles of two steps: the test adapter (clean by default), then ClamAV."""
+
+    def config(self, linkage):
+        return put("conf/two-%d.properties" % linkage, properties(
+            {"TWO": (linkage, ["FIRST", "SECOND"])},
+            {"TEST": ("FIRST", TESTPEL, {}),
+             "CLAM": ("SECOND", CLAMAV, {"INITDRIVERDIRECTORY": ("CHAR", path("db"))})},
+            default="TWO").encode())
+
+    def test_all_steps_must_be_clean(self):
+        rc, out, err = run(["--config", self.config(0), "--json", path("mixed")])
+        self.assertEqual(1, rc, err)
+        objs, _ = json_lines(out)
+        found = {o["path"]: [i["name"] for i in o["infections"]] for o in objs
+                 if o["verdict"] == "FOUND"}
+        # The findings are the second step's, not the first (clean) one's.
+        self.assertEqual({path("mixed/eicar.com"): [EICAR_NAME],
+                          path("mixed/hash1.bin"): [HASH1_NAME],
+                          path("mixed/deep/notes.txt"): [MARKER_NAME]}, found)
+
+    def test_first_clean_step_decides(self):
+        rc, out, err = run(["--config", self.config(1), path("mixed")])
+        self.assertEqual(0, rc, err)
+        self.assertEqual("0", summary(out)["Infected objects"])
+
+    def test_info_describes_every_step(self):
+        rc, out, err = run(["--config", self.config(0), "--info"])
+        self.assertEqual(0, rc, err)
+        self.assertIn("Step 1:", out)
+        self.assertIn("Step 2:", out)
+        self.assertIn("Adapter:     clamav", out)
+
+
+class JsonTest(unittest.TestCase):
+    """--json: one object per line that parses, the same verdicts as the text form."""
+
+    def test_lines_parse_and_agree_with_text(self):
+        rc, out, err = run(["--json", path("mixed"), path("nothere")])
+        self.assertEqual(2, rc, err)
+        objs, summaries = json_lines(out)
+        self.assertEqual(1, len(summaries))
+        self.assertEqual((6, 3, 1), (summaries[0]["scanned"], summaries[0]["found"],
+                                     summaries[0]["errors"]))
+        by_path = {o["path"]: o for o in objs}
+        self.assertEqual(6, len(by_path))
+        for o in objs:
+            self.assertLessEqual({"path", "verdict", "code", "infections", "scan_errors", "size"},
+                                 set(o))
+        e = by_path[path("mixed/eicar.com")]
+        self.assertEqual(("FOUND", "MAV_E_VIRUS_FOUND", len(EICAR)),
+                         (e["verdict"], e["code"], e["size"]))
+        self.assertEqual([{"name": EICAR_NAME, "object": path("mixed/eicar.com")}],
+                         e["infections"])
+        self.assertEqual(("OK", "MAV_OK", []),
+                         (by_path[path("mixed/readme.txt")]["verdict"],
+                          by_path[path("mixed/readme.txt")]["code"],
+                          by_path[path("mixed/readme.txt")]["infections"]))
+        m = by_path[path("nothere")]
+        self.assertEqual(("ERROR", "MAV_E_INVALID_SCANOBJECT", "No such file or directory"),
+                         (m["verdict"], m["code"], m["error"]))
+        # The text form gives the same verdict for every path.
+        _, text, _ = run([path("mixed"), path("nothere")])
+        verdicts = {}
+        for l in object_lines(text):
+            p, rest = l.rsplit(": ", 1) if l.endswith(": OK") else l.split(": ", 1)
+            verdicts[p] = "OK" if rest == "OK" else "ERROR" if rest.startswith("ERROR") else "FOUND"
+        self.assertEqual({p: o["verdict"] for p, o in by_path.items()}, verdicts)
+
+    def test_scan_errors_are_listed(self):
+        rc, out, _ = run(["--json", "--set", "SCANLIMIT=10", path("clean/a.txt")])
+        self.assertEqual(2, rc)
+        (o,), _ = json_lines(out)
+        self.assertEqual(("ERROR", "MAV_E_NOT_SCANNED"), (o["verdict"], o["code"]))
+        self.assertEqual(1, len(o["scan_errors"]))
+        self.assertIn("SCANLIMIT", o["scan_errors"][0]["text"])
+        self.assertEqual(o["scan_errors"][0]["text"], o["error"])
+
+    def test_awkward_names_survive(self):
+        name = put('odd/qu"ote\\back\nline\tand\x01ctl \xe9.txt'.encode().decode(), b"fine\n")
+        raw = os.path.join(path("odd").encode(), b"bad\xffbyte.txt")
+        with open(raw, "wb") as f:
+            f.write(EICAR)
+        rc, out, err = run(["--json", path("odd")])
+        self.assertEqual(1, rc, err)
+        objs, _ = json_lines(out)
+        paths = {o["path"]: o["verdict"] for o in objs}
+        self.assertEqual("OK", paths[name])
+        # Bytes that are not UTF-8 come out as \u00XX, one per byte.
+        self.assertEqual("FOUND", paths[path("odd") + "/bad\u00ffbyte.txt"])
+
+    def test_quiet_json_lists_only_findings(self):
+        rc, out, _ = run(["--json", "-q", path("mixed")])
+        self.assertEqual(1, rc)
+        objs, summaries = json_lines(out)
+        self.assertEqual(([], 3), (summaries, len(objs)))
+        self.assertTrue(all(o["verdict"] == "FOUND" for o in objs))
+
+
+class ParallelTest(unittest.TestCase):
+    """Workers: the same verdicts whatever their number."""
+
+    def test_same_verdicts_with_1_and_4_workers(self):
+        with open(path("db/marker.txt"), "rb") as f:
+            marker = f.read()
+        with open(path("db/samples/hash2.bin"), "rb") as f:
+            hash2 = f.read()
+        for i in range(48):
+            kind = i % 6
+            data = (EICAR if kind == 0 else hash2 if kind == 1 else
+                    b"x" * i + marker if kind == 2 else ("clean file %d\n" % i).encode() * (i + 1))
+            put("many/d%d/f%02d.bin" % (i % 5, i), data)
+        results = {}
+        for jobs in ("1", "4"):
+            rc, out, err = run(["-j", jobs, "--json", path("many")])
+            self.assertEqual(1, rc, err)
+            objs, (s,) = json_lines(out)
+            results[jobs] = (sorted((o["path"], o["verdict"], tuple(i["name"] for i in o["infections"]))
+                                    for o in objs), s["scanned"], s["found"], s["errors"])
+        self.assertEqual(results["1"], results["4"])
+        self.assertEqual((48, 24, 0), results["4"][1:])
+
+
+class InputTest(unittest.TestCase):
+    """Standard input and symbolic links."""
+
+    def test_standard_input(self):
+        rc, out, _ = run(["-"], stdin=EICAR)
+        self.assertEqual(1, rc)
+        self.assertEqual(["stdin: " + EICAR_NAME + " FOUND"], object_lines(out))
+        rc, out, _ = run(["-"], stdin=b"just words\n")
+        self.assertEqual((0, ["stdin: OK"]), (rc, object_lines(out)))
+        rc, out, _ = run(["-"], stdin=b"")
+        self.assertEqual((0, ["stdin: OK"]), (rc, object_lines(out)))
+
+    def test_standard_input_beside_paths(self):
+        rc, out, _ = run(["--json", "-", path("clean")], stdin=EICAR)
+        self.assertEqual(1, rc)
+        objs, (s,) = json_lines(out)
+        self.assertEqual(4, s["scanned"])
+        stdin = [o for o in objs if o["path"] == "stdin"]
+        self.assertEqual((len(EICAR), "FOUND"), (stdin[0]["size"], stdin[0]["verdict"]))
+
+    def test_symbolic_links(self):
+        put("outside/eicar.com", EICAR)
+        put("linked/plain.txt", b"plain\n")
+        link = path("linked/to-eicar")
+        if not os.path.islink(link):
+            os.symlink(path("outside/eicar.com"), link)
+            os.symlink(path("linked"), path("linked/loop"))
+        rc, out, _ = run([path("linked")])
+        self.assertEqual(0, rc)
+        self.assertEqual([path("linked/plain.txt") + ": OK"], object_lines(out))
+        rc, out, _ = run(["-L", path("linked")])
+        self.assertEqual(1, rc)
+        self.assertIn(link + ": " + EICAR_NAME + " FOUND", object_lines(out))
+        self.assertEqual(2, len(object_lines(out)))  # the loop is entered once
+        # A link named on the command line is followed.
+        rc, out, _ = run([link])
+        self.assertEqual((1, [link + ": " + EICAR_NAME + " FOUND"]), (rc, object_lines(out)))
+
+
+class AccessTest(unittest.TestCase):
+    """Objects that cannot be read are errors, never clean. Run as an
+    unprivileged user (root reads everything) from a copy of the binaries that
+    the user can reach."""
+
+    def test_unreadable_file_and_directory(self):
+        put("locked/readable.txt", b"fine\n")
+        put("locked/secret.com", EICAR, mode=0o000)
+        put("locked/closed/inner.txt", b"fine\n")
+        os.chmod(path("locked/closed"), 0o000)
+        prefix = ()
+        exe, libdir = MAVSCAN, None
+        if os.geteuid() == 0:
+            prefix = ("setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups")
+            libdir = path("bin")
+            os.makedirs(libdir, exist_ok=True)
+            for f in (MAVSCAN, CLAMAV):
+                shutil.copy(f, libdir)
+            lib = os.path.realpath(KORMO_LIB)
+            soname = os.path.basename(lib).rsplit(".", 2)[0]  # libkormomav.so.1
+            shutil.copy(lib, os.path.join(libdir, soname))
+            for f in os.listdir(libdir):
+                os.chmod(os.path.join(libdir, f), 0o755)
+            exe = os.path.join(libdir, os.path.basename(MAVSCAN))
+        rc, out, err = run([path("locked")], prefix=prefix, exe=exe, libdir=libdir)
+        os.chmod(path("locked/closed"), 0o755)
+        self.assertEqual(2, rc, err)
+        self.assertEqual(sorted([
+            path("locked/closed") + ": ERROR Permission denied",
+            path("locked/readable.txt") + ": OK",
+            path("locked/secret.com") + ": ERROR Permission denied",
+        ]), object_lines(out))
+        self.assertEqual(("2", "0"), (summary(out)["Errors"], summary(out)["Infected objects"]))
+
+
+class UsageTest(unittest.TestCase):
+    """The command line itself."""
+
+    def test_usage_errors(self):
+        for args, text in ((["--bogus", "x"], "unknown option --bogus"),
+                           ([], "no path given"),
+                           (["-j", "0", "x"], "-j needs a number"),
+                           (["--trace-level", "4", "x"], "--trace-level needs"),
+                           (["--set", "NOVALUE", "x"], "--set needs NAME=VALUE"),
+                           (["--adapter", CLAMAV, "--profile", "P", "x"], "cannot be combined")):
+            rc, out, err = run(args)
+            self.assertEqual((2, ""), (rc, out), args)
+            self.assertIn(text, err)
+            self.assertIn("Usage: mavscan", err)
+
+    def test_version_and_help(self):
+        rc, out, _ = run(["--version"])
+        self.assertEqual(0, rc)
+        self.assertRegex(out, r"^mavscan \(libkormomav\) \d+\.\d+\.\d+\n$")
+        rc, out, _ = run(["--help"])
+        self.assertEqual(0, rc)
+        for opt in ("-j N", "--config", "--profile", "--adapter", "--set", "--clean", "--json",
+                    "--quiet", "--trace FILE", "--trace-level", "--info", "--version"):
+            self.assertIn(opt, out)
+
+    def test_trace_file(self):
+        trace = path("trace/scan.trc")
+        os.makedirs(os.path.dirname(trace), exist_ok=True)
+        rc, _, err = run(["--trace", trace, "--trace-level", "2", path("clean/a.txt")])
+        self.assertEqual(0, rc, err)
+        with open(trace) as f:
+            text = f.read()
+        self.assertIn("MavScanFile", text)
+        rc, _, err = run(["--trace", path("no/such/dir/x.trc"), path("clean/a.txt")])
+        self.assertEqual(2, rc)
+        self.assertIn("cannot write the trace file", err)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)
