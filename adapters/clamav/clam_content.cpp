@@ -9,6 +9,7 @@
 #include <magic.h>
 
 #include <algorithm>
+#include <cstring>
 
 namespace clampel {
 
@@ -63,6 +64,70 @@ const char* UsualExtension(const std::string& mime) {
 
 }  // namespace
 
+std::string UsualExtensionOf(const std::string& mimeType) {
+    const char* e = UsualExtension(mimeType);
+    return e != nullptr ? e : "";
+}
+
+std::string MimeOfEngineType(const std::string& t, std::string* charset) {
+    static const struct {
+        const char* type;
+        const char* mime;
+        const char* charset;
+    } kTable[] = {
+        {"CL_TYPE_TEXT_ASCII", "text/plain", "us-ascii"},
+        {"CL_TYPE_TEXT_UTF8", "text/plain", "utf-8"},
+        {"CL_TYPE_TEXT_UTF16LE", "text/plain", "utf-16le"},
+        {"CL_TYPE_TEXT_UTF16BE", "text/plain", "utf-16be"},
+        {"CL_TYPE_HTML_UTF16", "text/html", "utf-16le"},
+        {"CL_TYPE_HTML", "text/html", ""},
+        {"CL_TYPE_RTF", "text/rtf", ""},
+        {"CL_TYPE_MAIL", "message/rfc822", ""},
+        {"CL_TYPE_ZIPSFX", "application/x-dosexec", ""},
+        {"CL_TYPE_ZIP", "application/zip", ""},
+        {"CL_TYPE_RARSFX", "application/x-dosexec", ""},
+        {"CL_TYPE_RAR", "application/x-rar", ""},
+        {"CL_TYPE_7ZSFX", "application/x-dosexec", ""},
+        {"CL_TYPE_7Z", "application/x-7z-compressed", ""},
+        {"CL_TYPE_GZ", "application/gzip", ""},
+        {"CL_TYPE_BZ", "application/x-bzip2", ""},
+        {"CL_TYPE_XZ", "application/x-xz", ""},
+        {"CL_TYPE_POSIX_TAR", "application/x-tar", ""},
+        {"CL_TYPE_OLD_TAR", "application/x-tar", ""},
+        {"CL_TYPE_ARJ", "application/x-arj", ""},
+        {"CL_TYPE_MSCAB", "application/vnd.ms-cab-compressed", ""},
+        {"CL_TYPE_CPIO", "application/x-cpio", ""},
+        {"CL_TYPE_ISO9660", "application/x-iso9660-image", ""},
+        {"CL_TYPE_MSCHM", "application/vnd.ms-htmlhelp", ""},
+        {"CL_TYPE_MSEXE", "application/x-dosexec", ""},
+        {"CL_TYPE_ELF", "application/x-executable", ""},
+        {"CL_TYPE_MACHO", "application/x-mach-binary", ""},
+        {"CL_TYPE_JAVA", "application/x-java-applet", ""},
+        {"CL_TYPE_PDF", "application/pdf", ""},
+        {"CL_TYPE_SWF", "application/x-shockwave-flash", ""},
+        {"CL_TYPE_MSOLE2", "application/x-ole-storage", ""},
+        {"CL_TYPE_OOXML_WORD",
+         "application/vnd.openxmlformats-officedocument.wordprocessingml.document", ""},
+        {"CL_TYPE_OOXML_XL", "application/vnd.openxmlformats-officedocument.spreadsheetml.sheet",
+         ""},
+        {"CL_TYPE_OOXML_PPT",
+         "application/vnd.openxmlformats-officedocument.presentationml.presentation", ""},
+        {"CL_TYPE_GIF", "image/gif", ""},
+        {"CL_TYPE_PNG", "image/png", ""},
+        {"CL_TYPE_JPEG", "image/jpeg", ""},
+        {"CL_TYPE_TIFF", "image/tiff", ""},
+        {"CL_TYPE_BINARY_DATA", "application/octet-stream", ""},
+    };
+    for (const auto& e : kTable) {
+        if (t.compare(0, std::strlen(e.type), e.type) == 0) {
+            *charset = e.charset;
+            return e.mime;
+        }
+    }
+    charset->clear();
+    return t.empty() ? "" : "application/octet-stream";
+}
+
 std::string ContentType::Extension() const {
     if (extensions.empty() || nameExtension.empty()) {
         return extensions.empty() ? nameExtension : extensions.front();
@@ -94,7 +159,7 @@ void* MagicPool::Acquire(std::string* error) {
             return c;
         }
     }
-    magic_t c = magic_open(MAGIC_MIME_TYPE | MAGIC_ERROR);
+    magic_t c = magic_open(MAGIC_MIME | MAGIC_ERROR);
     if (c == nullptr) {
         *error = "libmagic: magic_open failed";
         return nullptr;
@@ -134,12 +199,20 @@ bool MagicPool::Detect(const unsigned char* data, size_t length, ContentType* ou
         }
         return r;
     };
-    out->mimeType = Lower(query(MAGIC_MIME_TYPE));
-    out->charset = ok ? Lower(query(MAGIC_MIME_ENCODING)) : std::string();
-    // Every match, not only the first: the first often knows no extension.
-    // The answer looks like "zip/cbz\n- ???".
-    std::string ext = ok ? Lower(query(MAGIC_EXTENSION | MAGIC_CONTINUE | MAGIC_RAW)) : std::string();
+    // One answer for both: "text/plain; charset=us-ascii".
+    std::string mime = Lower(query(MAGIC_MIME));
+    size_t semi = mime.find(';');
+    out->mimeType = mime.substr(0, semi);
+    out->charset.clear();
+    size_t cs = mime.find("charset=", semi == std::string::npos ? mime.size() : semi);
+    if (cs != std::string::npos) out->charset = mime.substr(cs + 8);
+    // The usual extension of a common type; else what libmagic's database
+    // knows (often nothing: "???"). Each libmagic query costs a full pass.
     out->extensions.clear();
+    const char* usual = UsualExtension(out->mimeType);
+    std::string ext = usual != nullptr ? usual
+                      : ok             ? Lower(query(MAGIC_EXTENSION | MAGIC_RAW))
+                                       : std::string();
     std::string one;
     auto take = [&]() {
         if (!one.empty() && one != "???" &&
@@ -157,9 +230,6 @@ bool MagicPool::Detect(const unsigned char* data, size_t length, ContentType* ou
         }
     }
     take();
-    if (out->extensions.empty()) {
-        if (const char* usual = UsualExtension(out->mimeType)) out->extensions.push_back(usual);
-    }
     Release(c);
     return ok;
 }

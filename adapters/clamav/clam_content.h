@@ -51,6 +51,13 @@ private:
     std::vector<void*> free_;
 };
 
+// The MIME type (and, for text, the character set) of libclamav's own type
+// of an object ("CL_TYPE_ZIP" -> "application/zip"); "" when unknown.
+std::string MimeOfEngineType(const std::string& engineType, std::string* charset);
+
+// The usual extension of a MIME type, or "".
+std::string UsualExtensionOf(const std::string& mimeType);
+
 // The reason an object is blocked, or "" when the policy lets it through.
 // MIME entries match exactly or as "type/*"; extensions match the name's
 // extension or any extension libmagic gives for the content.

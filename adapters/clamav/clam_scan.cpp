@@ -190,11 +190,16 @@ int Engine::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param,
         result->AddScanError(kScanFailed, openError);
     }
 
-    // Content type: for the results, and for the block policy.
+    // Content type. libmagic types the object before the scan when the block
+    // policy needs it or the caller asks for MIME checks (VS_A_CHECK_MIME);
+    // otherwise the results take the type libclamav found while scanning,
+    // which costs nothing extra (libmagic costs milliseconds per text object).
     ContentType type;
     type.nameExtension = NameExtension(name);
     const bool policy = !s.blockMime.empty() || !s.blockExt.empty();
-    if (rc == kOk && (out != nullptr || policy)) {
+    const bool magic = policy || (out != nullptr && (param->tActionCode & VS_A_CHECK_MIME) != 0);
+    bool typed = false;
+    if (rc == kOk && magic) {
         std::vector<unsigned char> head;
         const unsigned char* sniff = param->pbByte;
         size_t sniffLength = std::min(size, MagicPool::kSniffBytes);
@@ -211,6 +216,7 @@ int Engine::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param,
             result->AddScanError(kScanFailed, magicError);
         }
         result->SetContent(type.Extension(), type.mimeType, type.charset);
+        typed = true;
     }
 
     if (rc == kOk && policy) {
@@ -286,6 +292,16 @@ int Engine::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param,
         }
         if (infected) rc = cleanAsked ? kCleanFailed : kVirusFound;
         objects.swap(ctx.objects);
+        if (!typed && out != nullptr) {
+            type.mimeType = MimeOfEngineType(ctx.topType, &type.charset);
+            std::string usual = UsualExtensionOf(type.mimeType);
+            if (!usual.empty()) type.extensions.push_back(usual);
+            result->SetContent(type.Extension(), type.mimeType, type.charset);
+            typed = true;
+        }
+    }
+    if (!typed && out != nullptr && openError.empty()) {
+        result->SetContent(type.nameExtension, "", "");  // not scanned, not typed
     }
 
     result->Finish(rc);

@@ -149,6 +149,18 @@ TEST_F(ClamavAdapter, FindsSignaturesInMemoryAndFiles) {
     EXPECT_STREQ("us-ascii", c.pszCharSet);
     EXPECT_EQ(48u, c.lObjectSize);
 
+    // Content types: libclamav's own typing by default, libmagic's when the
+    // caller asks for MIME checks.
+    Bytes script = ToBytes("#!/bin/sh\necho hello\n");
+    EXPECT_EQ(0, s.Bytes(script, "run", nullptr, nullptr, VS_A_SCAN | VS_A_CHECK_MIME));
+    EXPECT_STREQ("text/x-shellscript", s.Info()->pContentInfo[0].pszContentType);
+    EXPECT_STREQ("sh", s.Info()->pContentInfo[0].pszExtension);
+    EXPECT_EQ(0, s.Bytes(script, "run"));
+    EXPECT_STREQ("text/plain", s.Info()->pContentInfo[0].pszContentType);
+    EXPECT_EQ(0, s.Bytes(StoredZip({{"a.txt", ToBytes("words")}}), "a"));
+    EXPECT_STREQ("application/zip", s.Info()->pContentInfo[0].pszContentType);
+    EXPECT_STREQ("zip", s.Info()->pContentInfo[0].pszExtension);
+
     // The EICAR signature is anchored at offset 0; inside an archive it is
     // found in the extracted member.
     EXPECT_EQ(-2, s.Bytes(StoredZip({{"eicar.com", ToBytes(Eicar())}}), "a.zip"));
