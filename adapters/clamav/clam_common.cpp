@@ -68,7 +68,8 @@ uint64_t Number(const PEL_PARAM* p, uint64_t fallback) {
 std::string ParamText(const PEL_PARAMS* params, int32_t code, const std::string& fallback) {
     const PEL_PARAM* p = Find(params, code);
     if (p == nullptr || (p->tType != VS_TYPE_CHAR && p->tType != VS_TYPE_OBJECT)) return fallback;
-    return p->pvValue != nullptr ? std::string(static_cast<const char*>(p->pvValue)) : std::string();
+    return p->pvValue != nullptr ? std::string(static_cast<const char*>(p->pvValue))
+                                 : std::string();
 }
 
 ScanSettings ReadScanSettings(const PEL_OPTPARAMS* params, const EngineDefaults& defaults) {

@@ -49,10 +49,10 @@ struct Limits {
 
 struct ScanSettings {
     Limits limits;
-    bool allEmbedded = true;              // SCANALLEMBEDDED
-    int32_t heuristicLevel = 1;           // SCANHEURISTICLEVEL, 0..3
-    std::vector<std::string> blockMime;   // BLOCKMIMETYPES, lower case
-    std::vector<std::string> blockExt;    // BLOCKEXTENSIONS, lower case, no dot
+    bool allEmbedded = true;             // SCANALLEMBEDDED
+    int32_t heuristicLevel = 1;          // SCANHEURISTICLEVEL, 0..3
+    std::vector<std::string> blockMime;  // BLOCKMIMETYPES, lower case
+    std::vector<std::string> blockExt;   // BLOCKEXTENSIONS, lower case, no dot
 };
 
 // Engine defaults, taken from a fresh libclamav engine at start-up; they are

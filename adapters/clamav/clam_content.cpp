@@ -243,7 +243,8 @@ std::string BlockReason(const ScanSettings& s, const ContentType& t) {
         } else {
             hit = t.mimeType == m;
         }
-        if (hit) return "Blocked by policy: MIME type " + t.mimeType + " is listed in BLOCKMIMETYPES";
+        if (hit)
+            return "Blocked by policy: MIME type " + t.mimeType + " is listed in BLOCKMIMETYPES";
     }
     for (const std::string& e : s.blockExt) {
         if (e == t.nameExtension) {

@@ -31,7 +31,7 @@ std::string NameExtension(const std::string& name);
 
 // libmagic cookies are not thread safe: a pool hands one to each scan.
 class MagicPool {
-public:
+  public:
     MagicPool() = default;
     ~MagicPool();
     MagicPool(const MagicPool&) = delete;
@@ -43,7 +43,7 @@ public:
 
     static constexpr size_t kSniffBytes = 64 * 1024;
 
-private:
+  private:
     void* Acquire(std::string* error);
     void Release(void* cookie);
 

@@ -36,22 +36,22 @@ void OnMessage(enum cl_msg severity, const char* /*fullmsg*/, const char* msg, v
 
 // Collects libclamav's messages on this thread for the lifetime of the object.
 class MessageCapture {
-public:
+  public:
     MessageCapture() : previous_(tlsMessages) { tlsMessages = &text_; }
     ~MessageCapture() { tlsMessages = previous_; }
     const std::string& Text() const { return text_; }
 
-private:
+  private:
     std::string* previous_;
     std::string text_;
 };
 
 bool IsDatabaseFile(const std::string& name) {
-    static const char* const kExt[] = {
-        ".cvd", ".cld", ".cud", ".db",  ".hdb", ".hdu", ".hsb", ".hsu", ".mdb",  ".mdu",
-        ".msb", ".msu", ".ndb", ".ndu", ".ldb", ".ldu", ".cdb", ".idb", ".fp",   ".sfp",
-        ".ign", ".ign2", ".pdb", ".gdb", ".wdb", ".ftm", ".cfg", ".crb", ".cat", ".yar",
-        ".yara", ".pwdb", ".cbc", ".info", ".imp"};
+    static const char* const kExt[] = {".cvd",  ".cld", ".cud",  ".db",   ".hdb", ".hdu",  ".hsb",
+                                       ".hsu",  ".mdb", ".mdu",  ".msb",  ".msu", ".ndb",  ".ndu",
+                                       ".ldb",  ".ldu", ".cdb",  ".idb",  ".fp",  ".sfp",  ".ign",
+                                       ".ign2", ".pdb", ".gdb",  ".wdb",  ".ftm", ".cfg",  ".crb",
+                                       ".cat",  ".yar", ".yara", ".pwdb", ".cbc", ".info", ".imp"};
     for (const char* e : kExt) {
         size_t n = std::strlen(e);
         if (name.size() > n && name.compare(name.size() - n, n, e) == 0) return true;
@@ -66,7 +66,9 @@ bool EndsWith(const std::string& s, const char* tail) {
 
 }  // namespace
 
-void InstallMessageHandler() { cl_set_clcb_msg(OnMessage); }
+void InstallMessageHandler() {
+    cl_set_clcb_msg(OnMessage);
+}
 
 std::string* SwapMessageSink(std::string* sink) {
     std::string* previous = tlsMessages;
@@ -89,10 +91,8 @@ void LimitsGate::Enter(cl_engine* engine, const Limits& want) {
     }
     if (!applied_ || current_ != want) {
         // active_ is 0 here: no scan runs on the engine.
-        cl_engine_set_num(engine, CL_ENGINE_MAX_FILESIZE,
-                          static_cast<long long>(want.maxFileSize));
-        cl_engine_set_num(engine, CL_ENGINE_MAX_SCANSIZE,
-                          static_cast<long long>(want.maxScanSize));
+        cl_engine_set_num(engine, CL_ENGINE_MAX_FILESIZE, static_cast<long long>(want.maxFileSize));
+        cl_engine_set_num(engine, CL_ENGINE_MAX_SCANSIZE, static_cast<long long>(want.maxScanSize));
         cl_engine_set_num(engine, CL_ENGINE_MAX_RECURSION, want.maxDepth);
         cl_engine_set_num(engine, CL_ENGINE_MAX_SCANTIME, want.maxTimeMs);
         current_ = want;
@@ -163,7 +163,8 @@ void Engine::ListDrivers(const std::string& dir) {
         di.pszName = driverNames_.back().c_str();
         if (EndsWith(n, ".cvd") || EndsWith(n, ".cld") || EndsWith(n, ".cud")) {
             if (cl_cvd* head = cl_cvdhead(path.c_str())) {
-                di.usDrMajVersion = static_cast<uint16_t>(head->version > 0xffff ? 0xffff : head->version);
+                di.usDrMajVersion =
+                    static_cast<uint16_t>(head->version > 0xffff ? 0xffff : head->version);
                 di.utcDate = head->stime;
                 di.uiViruses = head->sigs;
                 cl_cvdfree(head);
@@ -213,8 +214,8 @@ int Engine::Load(const PEL_INITPARAMS* params) {
     MessageCapture log;
     cl_error_t rc = cl_load(dir.c_str(), engine_, &sigs, CL_DB_STDOPT);
     if (rc != CL_SUCCESS) {
-        std::string text = "Loading the ClamAV signature databases from " + dir +
-                           " failed: " + cl_strerror(rc);
+        std::string text =
+            "Loading the ClamAV signature databases from " + dir + " failed: " + cl_strerror(rc);
         if (!log.Text().empty()) text += " (" + log.Text() + ")";
         return Fail(kDriverFailed, rc, text + "." + hint);
     }
@@ -234,7 +235,8 @@ int Engine::Load(const PEL_INITPARAMS* params) {
     in.hEngine = engine_;
     in.uiViruses = sigs;
     in.uiSignatures = sigs;
-    in.uiIntRevision = static_cast<uint32_t>(cl_engine_get_num(engine_, CL_ENGINE_DB_VERSION, nullptr));
+    in.uiIntRevision =
+        static_cast<uint32_t>(cl_engine_get_num(engine_, CL_ENGINE_DB_VERSION, nullptr));
     in.usDrivers = static_cast<uint16_t>(std::min<size_t>(drivers_.size(), 0xffff));
     in.pDriver = drivers_.data();
     unsigned major = 0, minor = 0;

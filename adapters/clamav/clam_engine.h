@@ -28,11 +28,11 @@ namespace clampel {
 // until the engine is idle, sets them and runs. Waiters are served in arrival
 // order, so neither set of limits can starve the other.
 class LimitsGate {
-public:
+  public:
     void Enter(cl_engine* engine, const Limits& want);
     void Leave();
 
-private:
+  private:
     std::mutex lock_;
     std::condition_variable changed_;
     Limits current_;
@@ -52,12 +52,11 @@ struct InitBlock {
 };
 
 class Engine {
-public:
+  public:
     // Loads and compiles the databases named by the init parameters. Always
     // returns an engine; when the result is not kOk it carries the reason in
     // its PEL_INIT (iErrorRC, pszErrorText) and can only be deleted.
-    static int Create(const PEL_INITPARAMS* params, const EngineDefaults& defaults,
-                      Engine** out);
+    static int Create(const PEL_INITPARAMS* params, const EngineDefaults& defaults, Engine** out);
     ~Engine();
     Engine(const Engine&) = delete;
     Engine& operator=(const Engine&) = delete;
@@ -66,10 +65,10 @@ public:
     static Engine* FromInit(PEL_INIT* init);
 
     // PelScan for one object.
-    int Scan(const PEL_CALLBACK* callback, const PEL_SCANPARAM* param,
-             const PEL_OPTPARAMS* options, PEL_SCANINFO** result);
+    int Scan(const PEL_CALLBACK* callback, const PEL_SCANPARAM* param, const PEL_OPTPARAMS* options,
+             PEL_SCANINFO** result);
 
-private:
+  private:
     Engine();
     int Load(const PEL_INITPARAMS* params);
     int Fail(int rc, int vendorRc, const std::string& text);

@@ -22,7 +22,9 @@ static_assert(std::is_standard_layout<ScanResult>::value,
 
 ScanResult::ScanResult(uint32_t jobId, const std::string& objectName, size_t objectSize,
                        uint32_t objectType)
-    : mark_(kResultMark), objectType_(objectType), objectName_(objectName),
+    : mark_(kResultMark),
+      objectType_(objectType),
+      objectName_(objectName),
       objectSize_(objectSize) {
     std::memset(&info_, 0, sizeof info_);
     info_.struct_size = sizeof(PEL_SCANINFO);

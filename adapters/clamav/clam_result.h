@@ -24,7 +24,7 @@ enum : uint32_t { kObjectFile = 1, kObjectMemory = 2 };
 // library is the first member, so the pointer converts back in PelReleaseScan.
 // Strings live in a deque (stable addresses) and may be edited in place.
 class ScanResult {
-public:
+  public:
     ScanResult(uint32_t jobId, const std::string& objectName, size_t objectSize,
                uint32_t objectType);
 
@@ -46,7 +46,7 @@ public:
     bool Report(const PEL_CALLBACK* callback, void* adapterData,
                 const std::vector<std::string>& objects, const std::string& engineError);
 
-private:
+  private:
     char* Keep(const std::string& s);
 
     PEL_SCANINFO info_;  // must stay the first member

@@ -97,16 +97,16 @@ std::string LimitText(const std::string& hit) {
 // Types whose contents only the archive and document parsers reach.
 bool IsContainer(const std::string& type) {
     static const char* const kTypes[] = {
-        "CL_TYPE_ZIP",    "CL_TYPE_RAR",      "CL_TYPE_7Z",      "CL_TYPE_GZ",
-        "CL_TYPE_BZ",     "CL_TYPE_XZ",       "CL_TYPE_POSIX_TAR", "CL_TYPE_OLD_TAR",
-        "CL_TYPE_ARJ",    "CL_TYPE_MSCAB",    "CL_TYPE_CAB",     "CL_TYPE_CPIO",
-        "CL_TYPE_ISO9660", "CL_TYPE_DMG",     "CL_TYPE_XAR",     "CL_TYPE_EGG",
-        "CL_TYPE_MSOLE2", "CL_TYPE_OOXML",    "CL_TYPE_XML_",    "CL_TYPE_MAIL",
-        "CL_TYPE_MHTML",  "CL_TYPE_TNEF",     "CL_TYPE_PDF",     "CL_TYPE_SWF",
-        "CL_TYPE_HWP",    "CL_TYPE_ONENOTE",  "CL_TYPE_SIS",     "CL_TYPE_NULSFT",
-        "CL_TYPE_AUTOIT", "CL_TYPE_ISHIELD",  "CL_TYPE_MSCHM",   "CL_TYPE_UDF",
-        "CL_TYPE_LHA",    "CL_TYPE_UUENCODED", "CL_TYPE_BINHEX", "CL_TYPE_SCRENC",
-        "CL_TYPE_ARJSFX", "CL_TYPE_RARSFX",   "CL_TYPE_ZIPSFX",  "CL_TYPE_7ZSFX"};
+        "CL_TYPE_ZIP",     "CL_TYPE_RAR",       "CL_TYPE_7Z",        "CL_TYPE_GZ",
+        "CL_TYPE_BZ",      "CL_TYPE_XZ",        "CL_TYPE_POSIX_TAR", "CL_TYPE_OLD_TAR",
+        "CL_TYPE_ARJ",     "CL_TYPE_MSCAB",     "CL_TYPE_CAB",       "CL_TYPE_CPIO",
+        "CL_TYPE_ISO9660", "CL_TYPE_DMG",       "CL_TYPE_XAR",       "CL_TYPE_EGG",
+        "CL_TYPE_MSOLE2",  "CL_TYPE_OOXML",     "CL_TYPE_XML_",      "CL_TYPE_MAIL",
+        "CL_TYPE_MHTML",   "CL_TYPE_TNEF",      "CL_TYPE_PDF",       "CL_TYPE_SWF",
+        "CL_TYPE_HWP",     "CL_TYPE_ONENOTE",   "CL_TYPE_SIS",       "CL_TYPE_NULSFT",
+        "CL_TYPE_AUTOIT",  "CL_TYPE_ISHIELD",   "CL_TYPE_MSCHM",     "CL_TYPE_UDF",
+        "CL_TYPE_LHA",     "CL_TYPE_UUENCODED", "CL_TYPE_BINHEX",    "CL_TYPE_SCRENC",
+        "CL_TYPE_ARJSFX",  "CL_TYPE_RARSFX",    "CL_TYPE_ZIPSFX",    "CL_TYPE_7ZSFX"};
     for (const char* t : kTypes) {
         if (type.compare(0, std::strlen(t), t) == 0) return true;
     }
@@ -119,16 +119,15 @@ cl_scan_options Options(const ScanSettings& s) {
     o.general = CL_SCAN_GENERAL_ALLMATCHES;
     if (s.heuristicLevel >= 1) o.general |= CL_SCAN_GENERAL_HEURISTICS;
     if (s.heuristicLevel >= 3) o.general |= CL_SCAN_GENERAL_HEURISTIC_PRECEDENCE;
-    o.parse = s.allEmbedded ? ~0u
-                            : CL_SCAN_PARSE_ELF | CL_SCAN_PARSE_PE | CL_SCAN_PARSE_HTML |
-                                  CL_SCAN_PARSE_IMAGE;
+    o.parse = s.allEmbedded
+                  ? ~0u
+                  : CL_SCAN_PARSE_ELF | CL_SCAN_PARSE_PE | CL_SCAN_PARSE_HTML | CL_SCAN_PARSE_IMAGE;
     o.heuristic = CL_SCAN_HEURISTIC_EXCEEDS_MAX;  // always: the fail-closed rule needs it
     if (s.heuristicLevel >= 2) {
         o.heuristic |= CL_SCAN_HEURISTIC_BROKEN | CL_SCAN_HEURISTIC_MACROS |
-                       CL_SCAN_HEURISTIC_PHISHING_SSL_MISMATCH |
-                       CL_SCAN_HEURISTIC_PHISHING_CLOAK | CL_SCAN_HEURISTIC_ENCRYPTED_ARCHIVE |
-                       CL_SCAN_HEURISTIC_ENCRYPTED_DOC | CL_SCAN_HEURISTIC_PARTITION_INTXN |
-                       CL_SCAN_HEURISTIC_BROKEN_MEDIA;
+                       CL_SCAN_HEURISTIC_PHISHING_SSL_MISMATCH | CL_SCAN_HEURISTIC_PHISHING_CLOAK |
+                       CL_SCAN_HEURISTIC_ENCRYPTED_ARCHIVE | CL_SCAN_HEURISTIC_ENCRYPTED_DOC |
+                       CL_SCAN_HEURISTIC_PARTITION_INTXN | CL_SCAN_HEURISTIC_BROKEN_MEDIA;
     }
     return o;
 }
@@ -149,8 +148,8 @@ void InstallScanCallbacks(cl_engine* engine) {
     cl_engine_set_clcb_meta(engine, OnArchiveMember);
 }
 
-int Engine::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param,
-                 const PEL_OPTPARAMS* options, PEL_SCANINFO** out) {
+int Engine::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, const PEL_OPTPARAMS* options,
+                 PEL_SCANINFO** out) {
     if (out != nullptr) *out = nullptr;
     if (param == nullptr) return kNullParam;
     const bool memory = param->tScanCode == VS_SC_BYTES;

@@ -85,8 +85,10 @@ int Start() {
     cl_engine* probe = cl_engine_new();
     if (probe == nullptr) return kNoSpace;
     Limits& d = g.defaults.limits;
-    d.maxFileSize = static_cast<uint64_t>(cl_engine_get_num(probe, CL_ENGINE_MAX_FILESIZE, nullptr));
-    d.maxScanSize = static_cast<uint64_t>(cl_engine_get_num(probe, CL_ENGINE_MAX_SCANSIZE, nullptr));
+    d.maxFileSize =
+        static_cast<uint64_t>(cl_engine_get_num(probe, CL_ENGINE_MAX_FILESIZE, nullptr));
+    d.maxScanSize =
+        static_cast<uint64_t>(cl_engine_get_num(probe, CL_ENGINE_MAX_SCANSIZE, nullptr));
     d.maxDepth = static_cast<uint32_t>(cl_engine_get_num(probe, CL_ENGINE_MAX_RECURSION, nullptr));
     d.maxTimeMs = static_cast<uint32_t>(cl_engine_get_num(probe, CL_ENGINE_MAX_SCANTIME, nullptr));
     cl_engine_free(probe);

@@ -42,7 +42,9 @@ Clock::time_point Deadline(uint32_t timeoutMs) {
     return Clock::now() + std::chrono::milliseconds(timeoutMs);
 }
 
-std::string Errno(const char* what) { return std::string(what) + ": " + std::strerror(errno); }
+std::string Errno(const char* what) {
+    return std::string(what) + ": " + std::strerror(errno);
+}
 
 // Waits for events on fd; false on timeout (error set) or poll failure.
 bool Wait(int fd, short events, Clock::time_point deadline, bool limited, short* revents,
@@ -107,8 +109,8 @@ bool ParseServers(const std::string& list, std::vector<ServerAddress>* out, std:
     size_t start = 0;
     while (start <= list.size()) {
         size_t comma = list.find(',', start);
-        std::string item = Trim(list.substr(start, comma == std::string::npos ? std::string::npos
-                                                                               : comma - start));
+        std::string item = Trim(
+            list.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
         start = comma == std::string::npos ? list.size() + 1 : comma + 1;
         if (item.empty()) continue;
         ServerAddress a;
@@ -139,8 +141,9 @@ bool ParseServers(const std::string& list, std::vector<ServerAddress>* out, std:
         out->push_back(a);
     }
     if (out->empty()) {
-        *error = "INITSERVERS is empty: give a comma-separated list of clamd servers "
-                 "(unix:/path/to/clamd.sock or host:port)";
+        *error =
+            "INITSERVERS is empty: give a comma-separated list of clamd servers "
+            "(unix:/path/to/clamd.sock or host:port)";
         return false;
     }
     return true;
@@ -262,10 +265,12 @@ bool Connection::Alive() {
     return n == 0;
 }
 
-bool Connection::HaveReply() const { return pending_.find('\0') != std::string::npos; }
+bool Connection::HaveReply() const {
+    return pending_.find('\0') != std::string::npos;
+}
 
-bool Connection::SendAll(const void* data, size_t length, Clock::time_point deadline,
-                         bool limited, bool* replied, std::string* error) {
+bool Connection::SendAll(const void* data, size_t length, Clock::time_point deadline, bool limited,
+                         bool* replied, std::string* error) {
     const char* p = static_cast<const char*>(data);
     while (length > 0) {
         short revents = 0;
@@ -357,8 +362,8 @@ Connection::Outcome Connection::Finish(uint32_t id, Clock::time_point deadline, 
     }
 }
 
-Connection::Outcome Connection::Command(const char* command, uint32_t timeoutMs,
-                                        std::string* reply, std::string* error) {
+Connection::Outcome Connection::Command(const char* command, uint32_t timeoutMs, std::string* reply,
+                                        std::string* error) {
     if (fd_ < 0) {
         *error = "not connected";
         return kFailed;
@@ -404,8 +409,7 @@ Connection::Outcome Connection::Stream(const Source& src, uint32_t timeoutMs, st
         }
         unsigned char head[4] = {static_cast<unsigned char>(n >> 24),
                                  static_cast<unsigned char>(n >> 16),
-                                 static_cast<unsigned char>(n >> 8),
-                                 static_cast<unsigned char>(n)};
+                                 static_cast<unsigned char>(n >> 8), static_cast<unsigned char>(n)};
         if (src.bytes == nullptr) {
             std::memcpy(buffer.data(), head, 4);
             if (!SendAll(buffer.data(), n + 4, deadline, limited, &replied, error)) return kFailed;

@@ -31,7 +31,7 @@ bool ParseServers(const std::string& list, std::vector<ServerAddress>* out, std:
 
 // Process-wide record of failed servers, by address text.
 class FailureBook {
-public:
+  public:
     static void MarkFailed(const std::string& server, uint32_t reconnectSeconds);
     static void MarkGood(const std::string& server);
     // True when the server may be tried now; else the seconds left.
@@ -50,7 +50,7 @@ struct Source {
 };
 
 class Connection {
-public:
+  public:
     // kFailed: the server or the connection failed; kSourceFailed: the
     // object could not be read (not the server's fault).
     enum Outcome { kReply, kFailed, kSourceFailed };
@@ -63,8 +63,7 @@ public:
     bool IsOpen() const { return fd_ >= 0; }
     size_t Server() const { return server_; }
     // Connects and starts the session; timeoutMs 0 waits without limit.
-    bool Open(const ServerAddress& address, size_t index, uint32_t timeoutMs,
-              std::string* error);
+    bool Open(const ServerAddress& address, size_t index, uint32_t timeoutMs, std::string* error);
     // Ends the session (best effort) and closes.
     void Close();
     // False when the server has closed the idle session.
@@ -77,7 +76,7 @@ public:
     Outcome Stream(const Source& source, uint32_t timeoutMs, std::string* reply,
                    std::string* error);
 
-private:
+  private:
     bool SendAll(const void* data, size_t length, Clock::time_point deadline, bool limited,
                  bool* replied, std::string* error);
     bool ReadReply(Clock::time_point deadline, bool limited, std::string* reply,

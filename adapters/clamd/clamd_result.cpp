@@ -17,7 +17,9 @@ static_assert(std::is_standard_layout<ScanResult>::value,
 
 ScanResult::ScanResult(uint32_t jobId, const std::string& objectName, size_t objectSize,
                        uint32_t objectType)
-    : mark_(kResultMark), objectType_(objectType), objectName_(objectName),
+    : mark_(kResultMark),
+      objectType_(objectType),
+      objectName_(objectName),
       objectSize_(objectSize) {
     std::memset(&info_, 0, sizeof info_);
     info_.struct_size = sizeof(PEL_SCANINFO);
@@ -86,8 +88,7 @@ ScanResult* ScanResult::FromInfo(PEL_SCANINFO* info) {
     return r != nullptr && r->mark_ == kResultMark ? r : nullptr;
 }
 
-bool ScanResult::Report(const PEL_CALLBACK* cb, void* adapterData,
-                        const std::string& engineError) {
+bool ScanResult::Report(const PEL_CALLBACK* cb, void* adapterData, const std::string& engineError) {
     if (cb == nullptr || cb->pfnCallback == nullptr) return true;
     auto send = [&](uint32_t message, void* data) {
         if ((cb->uiMessageMask & message) == 0) return true;

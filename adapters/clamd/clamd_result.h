@@ -36,7 +36,7 @@ enum : uint32_t { kObjectFile = 1, kObjectMemory = 2 };
 // Owns one PEL_SCANINFO and all it points to; the record is the first member,
 // so the pointer handed out converts back in PelReleaseScan.
 class ScanResult {
-public:
+  public:
     ScanResult(uint32_t jobId, const std::string& objectName, size_t objectSize,
                uint32_t objectType);
 
@@ -53,7 +53,7 @@ public:
     // false when a handler asked to stop.
     bool Report(const PEL_CALLBACK* callback, void* adapterData, const std::string& engineError);
 
-private:
+  private:
     char* Keep(const std::string& s);
 
     PEL_SCANINFO info_;  // must stay the first member

@@ -85,7 +85,7 @@ bool EndsWith(const std::string& s, const char* tail) {
 }
 
 class Instance {
-public:
+  public:
     Instance() {
         std::memset(&block_, 0, sizeof block_);
         block_.init.struct_size = sizeof(PEL_INIT);
@@ -103,7 +103,7 @@ public:
     int Start(const PEL_INITPARAMS* params);
     int Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, PEL_SCANINFO** out);
 
-private:
+  private:
     int Fail(int rc, const std::string& text) {
         errorText_ = text;
         block_.init.iErrorRC = rc;
@@ -132,8 +132,8 @@ bool Instance::Ensure(size_t i, bool* fresh, std::string* error) {
     const ServerAddress& a = servers_[i];
     uint32_t left = 0;
     if (!FailureBook::Usable(a.text, &left)) {
-        *error = "failed recently, tried again in " + std::to_string(left) +
-                 " s (INITRECONNECTTIME)";
+        *error =
+            "failed recently, tried again in " + std::to_string(left) + " s (INITRECONNECTTIME)";
         return false;
     }
     if (!conn_.Open(a, i, timeoutMs_, error)) {
@@ -254,7 +254,8 @@ int Instance::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, PEL_SCANI
                 if (o == Connection::kFailed && !fresh) {
                     // The kept session may have gone stale: one fresh try.
                     conn_.Close();
-                    if (Ensure(i, &fresh, &error)) o = conn_.Stream(src, timeoutMs_, &reply, &error);
+                    if (Ensure(i, &fresh, &error))
+                        o = conn_.Stream(src, timeoutMs_, &reply, &error);
                 }
             }
             if (o == Connection::kReply) {

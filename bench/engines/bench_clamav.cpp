@@ -134,8 +134,8 @@ int main(int argc, char** argv) {
         const char* virname = nullptr;
         unsigned long scanned = 0;
         cl_scan_options opt = options;
-        cl_error_t r = cl_scanmap_callback(map, o.name.c_str(), &virname, &scanned, engine, &opt,
-                                           nullptr);
+        cl_error_t r =
+            cl_scanmap_callback(map, o.name.c_str(), &virname, &scanned, engine, &opt, nullptr);
         cl_fmap_close(map);
         return r == CL_CLEAN;
     };

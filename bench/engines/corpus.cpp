@@ -23,10 +23,11 @@ struct Rng {
 };
 
 std::vector<unsigned char> Text(Rng& r, size_t size) {
-    static const char* const kWords[] = {
-        "the", "scan", "engine", "archive", "report", "server", "request", "content", "policy",
-        "limit", "object", "memory", "thread", "signature", "database", "handle", "instance",
-        "profile", "group", "provider", "invoice", "customer", "order", "shipping", "total"};
+    static const char* const kWords[] = {"the",     "scan",     "engine",  "archive",   "report",
+                                         "server",  "request",  "content", "policy",    "limit",
+                                         "object",  "memory",   "thread",  "signature", "database",
+                                         "handle",  "instance", "profile", "group",     "provider",
+                                         "invoice", "customer", "order",   "shipping",  "total"};
     std::vector<unsigned char> out;
     out.reserve(size + 16);
     while (out.size() < size) {
@@ -148,7 +149,8 @@ std::vector<std::string> WriteCorpus(const std::vector<Object>& corpus, const st
     for (const Object& o : corpus) {
         std::string p = dir + "/" + o.name;
         std::ofstream f(p, std::ios::binary | std::ios::trunc);
-        f.write(reinterpret_cast<const char*>(o.bytes.data()), static_cast<std::streamsize>(o.bytes.size()));
+        f.write(reinterpret_cast<const char*>(o.bytes.data()),
+                static_cast<std::streamsize>(o.bytes.size()));
         paths.push_back(p);
     }
     return paths;

@@ -22,7 +22,9 @@
 
 namespace engines {
 
-std::string TestDb() { return KORMO_TESTDB_DIR; }
+std::string TestDb() {
+    return KORMO_TESTDB_DIR;
+}
 
 std::string Eicar() {
     // Never one string in the sources.
@@ -37,7 +39,9 @@ std::string Marker() {
     return std::string(b.begin(), b.end());
 }
 
-Bytes ToBytes(const std::string& s) { return Bytes(s.begin(), s.end()); }
+Bytes ToBytes(const std::string& s) {
+    return Bytes(s.begin(), s.end());
+}
 
 Bytes ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -46,7 +50,8 @@ Bytes ReadFile(const std::string& path) {
 
 void WriteFile(const std::string& path, const Bytes& data) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+    out.write(reinterpret_cast<const char*>(data.data()),
+              static_cast<std::streamsize>(data.size()));
 }
 
 namespace {
@@ -232,7 +237,9 @@ Clamd::Clamd(const std::string& streamMaxLength) {
          << "LogTime yes\n";
 }
 
-Clamd::~Clamd() { Stop(); }
+Clamd::~Clamd() {
+    Stop();
+}
 
 bool Clamd::Start(std::string* error) {
     if (pid_ > 0) return true;
@@ -422,14 +429,16 @@ int Scanner::File(const std::string& path, PEL_OPTPARAMS* options, PEL_CALLBACK*
 std::vector<std::string> Scanner::Infections() const {
     std::vector<std::string> v;
     if (info_ == nullptr) return v;
-    for (uint32_t i = 0; i < info_->uiInfections; ++i) v.push_back(info_->pVirusInfo[i].pszVirusName);
+    for (uint32_t i = 0; i < info_->uiInfections; ++i)
+        v.push_back(info_->pVirusInfo[i].pszVirusName);
     return v;
 }
 
 std::vector<std::string> Scanner::ScanErrors() const {
     std::vector<std::string> v;
     if (info_ == nullptr) return v;
-    for (uint32_t i = 0; i < info_->uiScanErrors; ++i) v.push_back(info_->pScanError[i].pszErrorText);
+    for (uint32_t i = 0; i < info_->uiScanErrors; ++i)
+        v.push_back(info_->pScanError[i].pszErrorText);
     return v;
 }
 

@@ -37,7 +37,7 @@ Bytes NestedZip(const Bytes& content, int levels);
 
 // A fresh directory, removed with its contents.
 class TempDir {
-public:
+  public:
     TempDir();
     ~TempDir();
     TempDir(const TempDir&) = delete;
@@ -45,7 +45,7 @@ public:
     const std::string& Path() const { return path_; }
     std::string File(const std::string& name) const { return path_ + "/" + name; }
 
-private:
+  private:
     std::string path_;
 };
 
@@ -56,7 +56,7 @@ int FreePort();
 // directory, a TCP socket on a free loopback port, the test database; archive
 // depth 3 and alerts for limits reached (AlertExceedsMax).
 class Clamd {
-public:
+  public:
     // streamMaxLength: clamd's StreamMaxLength, e.g. "1M".
     explicit Clamd(const std::string& streamMaxLength = "2M");
     ~Clamd();
@@ -71,7 +71,7 @@ public:
     std::string TcpAddress() const { return "127.0.0.1:" + std::to_string(port_); }
     const std::string& SocketPath() const { return socket_; }
 
-private:
+  private:
     TempDir dir_;
     std::string socket_;
     int port_ = 0;
@@ -85,7 +85,7 @@ std::string ClamdCommand(const std::string& socketPath, const std::string& comma
 // Parameter lists as the library hands them to an adapter: a copy of the
 // adapter's defaults with some values replaced.
 class ParamList {
-public:
+  public:
     explicit ParamList(const PEL_PARAMS* defaults);
     ParamList(const ParamList&) = delete;
     ParamList& operator=(const ParamList&) = delete;
@@ -93,7 +93,7 @@ public:
     void SetNumber(int32_t code, uint64_t value);
     PEL_PARAMS* Get() { return &list_; }
 
-private:
+  private:
     PEL_PARAM* Find(int32_t code);
     std::vector<PEL_PARAM> params_;
     std::vector<std::string> texts_;  // reserved up front: stable c_str()
@@ -102,7 +102,7 @@ private:
 
 // An adapter file opened with dlopen, its entry points resolved.
 class Adapter {
-public:
+  public:
     explicit Adapter(const std::string& path);
     ~Adapter();
     bool Loaded() const { return handle_ != nullptr; }
@@ -116,7 +116,7 @@ public:
     PEL_END_FN End = nullptr;
     PEL_CLEANUP_FN Cleanup = nullptr;
 
-private:
+  private:
     void* handle_ = nullptr;
     std::string error_;
 };
@@ -128,7 +128,7 @@ struct Events {
     std::vector<std::string> errors;      // VS_M_ERROR texts
     std::vector<std::string> objects;     // VS_M_OBJECTFOUND names
     int clean = 0;
-    int stopAfterViruses = -1;            // answer stop at this VS_M_VIRUS count
+    int stopAfterViruses = -1;  // answer stop at this VS_M_VIRUS count
 };
 
 // A PEL_CALLBACK that records into events.
@@ -136,7 +136,7 @@ PEL_CALLBACK Recorder(Events* events, uint32_t mask = VS_M_ALL);
 
 // PelScan of a memory object or a file, results kept until the next scan.
 class Scanner {
-public:
+  public:
     Scanner(Adapter& adapter, PEL_INIT* init) : adapter_(adapter), init_(init) {}
     ~Scanner() { Release(); }
     int Bytes(const engines::Bytes& data, const std::string& name, PEL_OPTPARAMS* options = nullptr,
@@ -148,7 +148,7 @@ public:
     std::vector<std::string> ScanErrors() const;
     void Release();
 
-private:
+  private:
     Adapter& adapter_;
     PEL_INIT* init_;
     PEL_SCANINFO* info_ = nullptr;

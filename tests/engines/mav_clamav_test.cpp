@@ -26,7 +26,8 @@ TEST(MavClamav, ScansAndReportsThroughTheCInterface) {
     std::memset(&si, 0, sizeof si);
     si.struct_size = 32;
     Bytes eicar = ToBytes(Eicar());
-    EXPECT_EQ(MAV_E_VIRUS_FOUND, MavScanBytes(inst, "eicar.com", eicar.data(), eicar.size(), 5, &si));
+    EXPECT_EQ(MAV_E_VIRUS_FOUND,
+              MavScanBytes(inst, "eicar.com", eicar.data(), eicar.size(), 5, &si));
     EXPECT_EQ(1u, si.uiInfections);
     EXPECT_EQ(5u, si.uiJobID);
     EXPECT_EQ("Eicar-Test-Signature.UNOFFICIAL", InfectionName(inst, 0));
@@ -47,8 +48,8 @@ TEST(MavClamav, ScansAndReportsThroughTheCInterface) {
     char version[128];
     size_t versionLength = sizeof version;
     uint16_t drivers = 0;
-    EXPECT_EQ(MAV_OK, MavGetEngineInfo(inst, nullptr, version, &versionLength, nullptr, nullptr,
-                                       &drivers));
+    EXPECT_EQ(MAV_OK,
+              MavGetEngineInfo(inst, nullptr, version, &versionLength, nullptr, nullptr, &drivers));
     EXPECT_EQ(0, std::strncmp("ClamAV ", version, 7));
     EXPECT_EQ(2, drivers);
 
@@ -122,7 +123,8 @@ TEST(MavClamav, MissingDatabaseTellsWhatToDo) {
     HandleGuard g;
     MAV_HANDLE& h = g.h;
     ASSERT_EQ(MAV_OK, MavInit(KORMO_CLAMAV_ADAPTER, &h));
-    ASSERT_EQ(MAV_OK, MavSetParameter(h, "INITDRIVERDIRECTORY", VS_TYPE_CHAR, empty.Path().c_str()));
+    ASSERT_EQ(MAV_OK,
+              MavSetParameter(h, "INITDRIVERDIRECTORY", VS_TYPE_CHAR, empty.Path().c_str()));
     MAV_INST inst = nullptr;
     EXPECT_EQ(MAV_E_DRIVER_FAILED, MavCreateInstance(h, &inst));
     std::string text = AdapterError(h);
@@ -139,8 +141,8 @@ TEST(MavClamav, DefaultAdapterIsFoundBesideTheLibrary) {
     char name[64];
     size_t nameLength = sizeof name;
     uint32_t events = 0;
-    ASSERT_EQ(MAV_OK, MavGetPelInfo(h, nullptr, nullptr, &events, name, &nameLength, nullptr,
-                                    nullptr));
+    ASSERT_EQ(MAV_OK,
+              MavGetPelInfo(h, nullptr, nullptr, &events, name, &nameLength, nullptr, nullptr));
     EXPECT_STREQ("clamav", name);
     EXPECT_NE(0u, events & VS_M_VIRUS);
     EXPECT_EQ(MAV_OK, MavEnd(&h));
@@ -148,9 +150,9 @@ TEST(MavClamav, DefaultAdapterIsFoundBesideTheLibrary) {
 
 TEST(MavClamav, ProfileNamesTheAdapterAndItsDatabase) {
     MAV_SCANINFO si = Summary();
-    std::string cfg = Profile("CLAMP", "CLAMG") +
-                      Provider("CLAMPROV", "CLAMG", KORMO_CLAMAV_ADAPTER, 2,
-                               {{"INITDRIVERDIRECTORY", "CHAR", TestDb()}});
+    std::string cfg =
+        Profile("CLAMP", "CLAMG") + Provider("CLAMPROV", "CLAMG", KORMO_CLAMAV_ADAPTER, 2,
+                                             {{"INITDRIVERDIRECTORY", "CHAR", TestDb()}});
     ASSERT_EQ(MAV_OK, MavStartRuntime(cfg.c_str(), cfg.size()));
     MAV_INST pi = nullptr;
     ASSERT_EQ(MAV_OK, MavGetProfileInstance("CLAMP", &pi));
@@ -175,7 +177,8 @@ TEST(MavClamav, BuiltInDefaultProfileUsesTheDefaultAdapter) {
                       "mav.provider.Pelmark.Adapters.PEL_DEFAULT.Parameters.INITDRIVERDIRECTORY."
                       "Type=CHAR\n"
                       "mav.provider.Pelmark.Adapters.PEL_DEFAULT.Parameters.INITDRIVERDIRECTORY."
-                      "Value=" + Escape(TestDb()) + "\n";
+                      "Value=" +
+                      Escape(TestDb()) + "\n";
     ASSERT_EQ(MAV_OK, MavStartRuntime(cfg.c_str(), cfg.size()));
     MAV_INST pi = nullptr;
     ASSERT_EQ(MAV_OK, MavGetProfileInstance(nullptr, &pi));

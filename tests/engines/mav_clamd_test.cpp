@@ -14,7 +14,7 @@ using namespace engines;
 namespace {
 
 class MavClamd : public ::testing::Test {
-protected:
+  protected:
     static void SetUpTestSuite() {
         live_ = new Clamd();
         std::string error;

@@ -22,8 +22,8 @@ std::string AdapterError(MAV_HANDLE h) {
 std::string InfectionName(void* inst, uint32_t index) {
     char name[512];
     size_t length = sizeof name;
-    if (MavEnumInfections(inst, index, nullptr, nullptr, name, &length, nullptr, nullptr,
-                          nullptr, nullptr, nullptr) != MAV_OK) {
+    if (MavEnumInfections(inst, index, nullptr, nullptr, name, &length, nullptr, nullptr, nullptr,
+                          nullptr, nullptr) != MAV_OK) {
         return "(none)";
     }
     return std::string(name, length);

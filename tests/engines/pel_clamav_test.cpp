@@ -28,7 +28,7 @@ const PEL_PARAM* FindParam(const PEL_PARAMS* list, int32_t code) {
 }
 
 class ClamavAdapter : public ::testing::Test {
-protected:
+  protected:
     static void SetUpTestSuite() {
         adapter_ = new Adapter(KORMO_CLAMAV_ADAPTER);
         ASSERT_TRUE(adapter_->Loaded()) << adapter_->Error();
@@ -72,10 +72,11 @@ TEST_F(ClamavAdapter, ReportsSharedEngineMemoryScansAndItsParameters) {
     struct {
         int32_t code;
         int32_t type;
-    } const expected[] = {{VS_P_SCANLIMIT, VS_TYPE_SIZE_T},        {VS_P_SCANEXTRACT_SIZE, VS_TYPE_SIZE_T},
-                          {VS_P_SCANEXTRACT_DEPTH, VS_TYPE_INT},   {VS_P_SCANEXTRACT_TIME, VS_TYPE_INT},
-                          {VS_P_SCANALLEMBEDDED, VS_TYPE_BOOL},    {VS_P_SCANHEURISTICLEVEL, VS_TYPE_INT},
-                          {VS_P_BLOCKMIMETYPES, VS_TYPE_CHAR},     {VS_P_BLOCKEXTENSIONS, VS_TYPE_CHAR}};
+    } const expected[] = {
+        {VS_P_SCANLIMIT, VS_TYPE_SIZE_T},      {VS_P_SCANEXTRACT_SIZE, VS_TYPE_SIZE_T},
+        {VS_P_SCANEXTRACT_DEPTH, VS_TYPE_INT}, {VS_P_SCANEXTRACT_TIME, VS_TYPE_INT},
+        {VS_P_SCANALLEMBEDDED, VS_TYPE_BOOL},  {VS_P_SCANHEURISTICLEVEL, VS_TYPE_INT},
+        {VS_P_BLOCKMIMETYPES, VS_TYPE_CHAR},   {VS_P_BLOCKEXTENSIONS, VS_TYPE_CHAR}};
     for (const auto& e : expected) {
         const PEL_PARAM* p = FindParam(config_->pOptParams, e.code);
         ASSERT_NE(nullptr, p) << e.code;
@@ -83,8 +84,10 @@ TEST_F(ClamavAdapter, ReportsSharedEngineMemoryScansAndItsParameters) {
         EXPECT_EQ(sizeof(PEL_PARAM), p->struct_size);
     }
     // libclamav's own defaults are the reported ones.
-    EXPECT_EQ(104857600u, reinterpret_cast<uintptr_t>(FindParam(config_->pOptParams, VS_P_SCANLIMIT)->pvValue));
-    EXPECT_EQ(17u, reinterpret_cast<uintptr_t>(FindParam(config_->pOptParams, VS_P_SCANEXTRACT_DEPTH)->pvValue));
+    EXPECT_EQ(104857600u,
+              reinterpret_cast<uintptr_t>(FindParam(config_->pOptParams, VS_P_SCANLIMIT)->pvValue));
+    EXPECT_EQ(17u, reinterpret_cast<uintptr_t>(
+                       FindParam(config_->pOptParams, VS_P_SCANEXTRACT_DEPTH)->pvValue));
 }
 
 TEST_F(ClamavAdapter, EngineDescribesTheLoadedDatabases) {

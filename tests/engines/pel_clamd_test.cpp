@@ -21,7 +21,7 @@ bool Contains(const std::vector<std::string>& v, const std::string& part) {
 }
 
 class ClamdAdapter : public ::testing::Test {
-protected:
+  protected:
     static void SetUpTestSuite() {
         adapter_ = new Adapter(KORMO_CLAMD_ADAPTER);
         ASSERT_TRUE(adapter_->Loaded()) << adapter_->Error();
@@ -91,7 +91,8 @@ TEST_F(ClamdAdapter, ScansOverUnixAndTcpSockets) {
         EXPECT_STREQ("txt", s.Info()->pContentInfo[0].pszExtension);
         EXPECT_EQ(0, s.Bytes(Bytes(), "empty"));
         // Many requests over the kept session.
-        for (int i = 0; i < 50; ++i) ASSERT_EQ(i % 2 ? 0 : -2, s.Bytes(ToBytes(i % 2 ? "ok" : Eicar()), "o"));
+        for (int i = 0; i < 50; ++i)
+            ASSERT_EQ(i % 2 ? 0 : -2, s.Bytes(ToBytes(i % 2 ? "ok" : Eicar()), "o"));
         s.Release();
         Close(&in);
     }
