@@ -23,15 +23,19 @@ int32_t shortNumber(const std::string& text, size_t maxLen, int32_t fallback) {
     return static_cast<int32_t>(std::strtol(text.c_str(), nullptr, 10));
 }
 
+// A decoded copy, released through the free hook also when an exception
+// passes.
+struct HookFree {
+    void operator()(char* p) const { MavIFree(p); }
+};
+using HookText = std::unique_ptr<char, HookFree>;
+
 // Sets one group parameter on a handle; the decoded copies are released.
 void setGroupParameter(MAV_HANDLE handle, const std::string& prefix, const std::string& param) {
-    char* name = convertFromHexString(param);
-    char* typeName = convertFromHexString(prop(prefix + "." + param + ".Type"));
-    char* value = convertFromHexString(prop(prefix + "." + param + ".Value"));
-    if (name != nullptr) MavSetParameter(handle, name, MavParamType(typeName), value);
-    MavIFree(name);
-    MavIFree(typeName);
-    MavIFree(value);
+    HookText name(convertFromHexString(param));
+    HookText typeName(convertFromHexString(prop(prefix + "." + param + ".Type")));
+    HookText value(convertFromHexString(prop(prefix + "." + param + ".Value")));
+    if (name) MavSetParameter(handle, name.get(), MavParamType(typeName.get()), value.get());
 }
 
 void deleteParameters(std::vector<mav::MavParameter*>& params) {
@@ -94,12 +98,21 @@ MavProvider::MavProvider(const std::string& name_)
       handle(nullptr),
       adapterPath(nullptr),
       cname(convertFromHexString(name_)) {
-    const std::string p = kProviderPrefix + name;
-    adapterPath = convertFromHexPath(prop(p + ".AdapterPath"));
-    group = prop(p + ".Group");
-    bool on = prop(p + ".Active") == "true";
-    poolMaxInstances = shortNumber(prop(p + ".PoolMaxInstances"), 2, 1);
-    setActive(on);
+    try {
+        const std::string p = kProviderPrefix + name;
+        adapterPath = convertFromHexPath(prop(p + ".AdapterPath"));
+        group = prop(p + ".Group");
+        bool on = prop(p + ".Active") == "true";
+        poolMaxInstances = shortNumber(prop(p + ".PoolMaxInstances"), 2, 1);
+        setActive(on);
+    } catch (...) {
+        // No destructor runs for a half-made provider: its handle is ended here.
+        if (handle != nullptr) MavEnd(&handle);
+        deleteParameters(parameters);
+        MavIFree(adapterPath);
+        MavIFree(cname);
+        throw;
+    }
 }
 
 MavProvider::~MavProvider() {
@@ -136,9 +149,11 @@ void MavProvider::setActive(bool on) {
     deleteParameters(parameters);
     const std::string ownPrefix = kProviderPrefix + name + ".Parameters";
     for (const std::string& param : mav_properties.getKeys(ownPrefix)) {
-        MavParameter* mp = new MavParameter(param, prop(ownPrefix + "." + param + ".Type"),
-                                            prop(ownPrefix + "." + param + ".Value"));
-        parameters.push_back(mp);
+        std::unique_ptr<MavParameter> owned(
+            new MavParameter(param, prop(ownPrefix + "." + param + ".Type"),
+                             prop(ownPrefix + "." + param + ".Value")));
+        parameters.push_back(owned.get());
+        MavParameter* mp = owned.release();
         if (mp->getName() != nullptr) {
             MavSetParameter(handle, mp->getName(), mp->getType(), mp->getValue());
         }
@@ -162,7 +177,12 @@ MAV_HANDLE MavProvider::getMavHandle() {
 void MavProvider::getInstance(MavInstance& inst) {
     MAV_INST ci = nullptr;
     if (MavCreateInstance(handle, &ci) != MAV_OK || ci == nullptr) return;
-    inst.add(ci);
+    try {
+        inst.add(ci);
+    } catch (...) {
+        MavFreeInstance(&ci);  // else handed out for good: the handle could never end
+        throw;
+    }
     MavIXApplyParameters(ci, parameters);
 }
 
@@ -198,12 +218,23 @@ void MavGroup::getInstance(MavInstance& inst) {
 // ---- MavProfile ---------------------------------------------------------------------
 
 MavProfile::MavProfile(const std::string& name_)
-    : cname(convertFromHexString(name_)),
+    : cname(nullptr),
       name(name_),
       handle(nullptr),
       linkage(0),
       active(false),
       failed(false) {
+    // No destructor runs for a half-made profile: what it owns so far is
+    // released when the body throws.
+    struct Release {
+        MavProfile* self;
+        ~Release() {
+            if (self == nullptr) return;
+            deleteParameters(self->parameters);
+            MavIFree(self->cname);
+        }
+    } release{this};
+    cname = convertFromHexString(name_);  // here: the copy of name_ may throw first
     const std::string p = "mav.profile." + name;
     active = prop(p + ".Active") == "true";
     description = prop(p + ".Description");
@@ -232,10 +263,14 @@ MavProfile::MavProfile(const std::string& name_)
         }
     }
     for (const std::string& param : params) {
-        parameters.push_back(new MavParameter(param, prop(p + ".Parameters." + param + ".Type"),
-                                              prop(p + ".Parameters." + param + ".Value")));
+        std::unique_ptr<MavParameter> owned(
+            new MavParameter(param, prop(p + ".Parameters." + param + ".Type"),
+                             prop(p + ".Parameters." + param + ".Value")));
+        parameters.push_back(owned.get());
+        owned.release();
     }
     linkage = shortNumber(prop(p + ".ProfileLinkage"), 1, 0);
+    release.self = nullptr;
 }
 
 MavProfile::~MavProfile() {

@@ -71,6 +71,10 @@ PropertyReader::PropertyReader(const std::string& fileName) {
 PropertyReader::~PropertyReader() = default;
 
 bool PropertyReader::readstream(std::istream& in) {
+    // A stream swallows exceptions (std::bad_alloc in getline included) and
+    // just stops: rethrown instead, so that a configuration is never taken
+    // half read.
+    in.exceptions(std::ios::badbit);
     std::string section;
     std::string line;
     while (std::getline(in, line, '\n')) {

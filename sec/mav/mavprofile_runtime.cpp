@@ -90,20 +90,23 @@ void buildRuntimeObjects() {
     for (const std::string& name : groups) {
         if (mav_groups.count(name) != 0) continue;
         std::unique_ptr<MavGroup> g(new MavGroup(name));
-        mav_groups[name] = g.release();
+        auto slot = mav_groups.emplace(name, nullptr).first;  // may throw: g still owns
+        slot->second = g.release();
     }
     for (const std::string& name : providers) {
         if (mav_providers.count(name) != 0) continue;
         std::unique_ptr<MavProvider> p(new MavProvider(name));
         MavProvider* provider = p.get();
-        mav_providers[name] = p.release();
+        auto slot = mav_providers.emplace(name, nullptr).first;  // may throw: p still owns
+        slot->second = p.release();
         auto g = mav_groups.find(provider->getGroup());
         if (g != mav_groups.end()) g->second->addProvider(name);
     }
     for (const std::string& name : profiles) {
         if (mav_profiles.count(name) != 0) continue;
         std::unique_ptr<MavProfile> p(new MavProfile(name));
-        mav_profiles[name] = p.release();
+        auto slot = mav_profiles.emplace(name, nullptr).first;  // may throw: p still owns
+        slot->second = p.release();
     }
 }
 
