@@ -1,0 +1,278 @@
+// counting_hooks.h - memory hooks for robustness tests: they count, track and
+// fail allocations on request.
+//
+//   CountingHooks::Install();          // once, before the library allocates
+//   CountingHooks::FailFrom(k, false); // fail only the k-th allocation from now
+//   ... run a scenario ...
+//   CountingHooks::Disarm();
+//   CountingHooks::Leaks(since)        // what is still live, records excluded
+//
+// With KORMO_HOOK_BACKTRACE=1 in the environment every live block keeps the
+// call stack that allocated it, and Describe() prints it.
+//
+// Allocate and reallocate count as allocation points; free does not. Live
+// pointers are kept XOR-masked so that LeakSanitizer does not see the table as
+// a reference: a block the library loses is still reported at exit.
+//
+// Handle and instance records are never handed back to the hooks: a released
+// record stays on the library's free list with its marks wiped and is taken
+// again by the next handle or instance. Leaks() recognises such blocks by
+// their shape and reports them apart (RecycledRecords()).
+#ifndef KORMO_TESTS_ROBUST_COUNTING_HOOKS_H
+#define KORMO_TESTS_ROBUST_COUNTING_HOOKS_H
+
+#include <execinfo.h>
+
+#include <array>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "mavxxi.h"
+
+namespace robust {
+
+class CountingHooks {
+    // Shared state first: the inline members below deduce types from it.
+    static constexpr uintptr_t kMask = 0xA5A5A5A5A5A5A5A5ull;
+
+    static constexpr int kFrames = 12;
+    struct Info {
+        size_t size;
+        uint64_t serial;
+        std::array<void*, kFrames> frames;  // with KORMO_HOOK_BACKTRACE=1
+        int depth;
+    };
+    struct State {
+        std::mutex lock;
+        bool installed = false;
+        uint64_t points = 0, failAt = 0, failed = 0, serial = 1, foreign = 0, badTags = 0;
+        bool persistent = false;
+        bool backtraces = std::getenv("KORMO_HOOK_BACKTRACE") != nullptr;
+        bool log = std::getenv("KORMO_HOOK_LOG") != nullptr;
+        std::unordered_map<uintptr_t, Info> live;
+    };
+    static State& state() {
+        static State* s = new State;  // outlives every static destructor
+        return *s;
+    }
+    template <typename F>
+    static auto locked(F f) {
+        State& s = state();
+        std::lock_guard<std::mutex> g(s.lock);
+        return f(s);
+    }
+
+  public:
+    struct Block {
+        void* ptr;
+        size_t size;
+        uint64_t serial;  // allocation point that made it
+        std::vector<void*> frames;
+    };
+
+    // Replaces the library's hooks with these (idempotent).
+    static void Install() {
+        State& s = state();
+        std::lock_guard<std::mutex> g(s.lock);
+        if (s.installed) return;
+        s.installed = MavRegisterMmCallbacks(Alloc, Realloc, Free) == MAV_OK;
+    }
+    static bool Installed() { return state().installed; }
+    // True on a thread while it runs inside one of these hooks.
+    static bool& InHook() {
+        static thread_local bool inHook = false;
+        return inHook;
+    }
+
+    // Counting starts again at 0; the k-th allocation point from now (1-based)
+    // fails, and with persistent every later one too. k = 0 fails nothing.
+    static void FailFrom(uint64_t k, bool persistent) {
+        State& s = state();
+        std::lock_guard<std::mutex> g(s.lock);
+        s.points = 0;
+        s.failAt = k;
+        s.persistent = persistent;
+        s.failed = 0;
+    }
+    static void Disarm() { FailFrom(0, false); }
+
+    // Allocation points since the last FailFrom/Disarm.
+    static uint64_t Points() {
+        return locked([](State& s) { return s.points; });
+    }
+    // Allocations refused since the last FailFrom/Disarm.
+    static uint64_t Refused() {
+        return locked([](State& s) { return s.failed; });
+    }
+    // Serial number of the next allocation (never reset): a mark for Leaks().
+    static uint64_t Mark() {
+        return locked([](State& s) { return s.serial; });
+    }
+    // Frees of pointers these hooks never handed out (double frees, memory of
+    // another allocator passed to the free hook); and wrong tags.
+    static uint64_t ForeignFrees() {
+        return locked([](State& s) { return s.foreign; });
+    }
+    static uint64_t BadTags() {
+        return locked([](State& s) { return s.badTags; });
+    }
+    static size_t LiveCount() {
+        return locked([](State& s) { return s.live.size(); });
+    }
+
+    // Live blocks allocated at or after mark that are not recycled records.
+    static std::vector<Block> Leaks(uint64_t mark) {
+        std::vector<Block> out;
+        for (const Block& b : LiveSince(mark)) {
+            if (!IsRecycledRecord(b)) out.push_back(b);
+        }
+        return out;
+    }
+    // Recycled record blocks currently held (whenever allocated).
+    static size_t RecycledRecords() {
+        size_t n = 0;
+        for (const Block& b : LiveSince(0)) n += IsRecycledRecord(b) ? 1 : 0;
+        return n;
+    }
+
+    static std::string Describe(const std::vector<Block>& blocks) {
+        std::string s;
+        for (const Block& b : blocks) {
+            s += "  block of " + std::to_string(b.size) + " bytes from allocation #" +
+                 std::to_string(b.serial) + ": \"" + Printable(b) + "\"\n";
+            if (!b.frames.empty()) {
+                char** names =
+                    backtrace_symbols(b.frames.data(), static_cast<int>(b.frames.size()));
+                for (size_t i = 0; names != nullptr && i < b.frames.size(); ++i)
+                    s += std::string("      ") + names[i] + "\n";
+                std::free(names);
+            }
+        }
+        return s;
+    }
+
+  private:
+    // With the lock held: true when this allocation point is to fail.
+    static bool Refuse(State& s, const char* tag) {
+        if (tag == nullptr || std::strcmp(tag, "mav") != 0) ++s.badTags;
+        ++s.points;
+        bool refuse =
+            s.failAt != 0 && (s.points == s.failAt || (s.persistent && s.points > s.failAt));
+        if (refuse) ++s.failed;
+        return refuse;
+    }
+    // Marks this thread as inside a hook while it updates the table (a test
+    // that makes operator new fail leaves these allocations alone).
+    struct InHookScope {
+        InHookScope() { InHook() = true; }
+        ~InHookScope() { InHook() = false; }
+    };
+    static void Track(State& s, void* p, size_t size) {
+        InHookScope scope;
+        if (s.log)
+            std::fprintf(stderr, "hook: %p = #%llu (%zu bytes)\n", p,
+                         static_cast<unsigned long long>(s.serial), size);
+        Info info{size, s.serial++, {}, 0};
+        if (s.backtraces) info.depth = backtrace(info.frames.data(), kFrames);
+        s.live[reinterpret_cast<uintptr_t>(p) ^ kMask] = info;
+    }
+    static bool Untrack(State& s, void* p) {
+        return s.live.erase(reinterpret_cast<uintptr_t>(p) ^ kMask) != 0;
+    }
+
+    static void* Alloc(size_t size, int clean, const char* tag) {
+        State& s = state();
+        std::lock_guard<std::mutex> g(s.lock);
+        if (Refuse(s, tag)) return nullptr;
+        void* p = (clean & 0xFF) != 0 ? std::calloc(1, size != 0 ? size : 1)
+                                      : std::malloc(size != 0 ? size : 1);
+        if (p != nullptr) Track(s, p, size);
+        return p;
+    }
+    static void* Realloc(void* ptr, size_t size, const char* tag) {
+        State& s = state();
+        std::lock_guard<std::mutex> g(s.lock);
+        if (Refuse(s, tag)) return nullptr;
+        const uintptr_t oldKey = reinterpret_cast<uintptr_t>(ptr) ^ kMask;
+        if (s.log) std::fprintf(stderr, "hook: realloc %p\n", ptr);
+        void* p = std::realloc(ptr, size != 0 ? size : 1);
+        if (p == nullptr) return nullptr;
+        if (ptr != nullptr && s.live.erase(oldKey) == 0) ++s.foreign;
+        Track(s, p, size);
+        return p;
+    }
+    static void Free(void* ptr) {
+        if (ptr == nullptr) return;
+        State& s = state();
+        {
+            std::lock_guard<std::mutex> g(s.lock);
+            if (s.log) std::fprintf(stderr, "hook: free %p\n", ptr);
+            if (!Untrack(s, ptr)) {
+                // Not ours: counted and left alone (freeing it could corrupt
+                // the heap of whoever owns it).
+                ++s.foreign;
+                return;
+            }
+        }
+        std::free(ptr);
+    }
+
+    static std::vector<Block> LiveSince(uint64_t mark) {
+        std::vector<Block> out;
+        locked([&](State& s) {
+            for (const auto& e : s.live) {
+                if (e.second.serial >= mark)
+                    out.push_back(Block{
+                        reinterpret_cast<void*>(e.first ^ kMask), e.second.size, e.second.serial,
+                        std::vector<void*>(e.second.frames.begin(),
+                                           e.second.frames.begin() + e.second.depth)});
+            }
+            return 0;
+        });
+        return out;
+    }
+
+    // A record block: cache-line aligned inside the allocation, size word and
+    // marks wiped, and its self-pointer in place (a handle block's critical
+    // section pointer, an instance block's PEL_SCANPARAM pointer).
+    static bool IsRecycledRecord(const Block& b) {
+        uintptr_t start = reinterpret_cast<uintptr_t>(b.ptr);
+        uintptr_t rec = (start + 63) & ~uintptr_t(63);
+        const uintptr_t end = start + b.size;
+        const bool roomHdl = rec + sizeof(MAV_HDL_REC) <= end;
+        const bool roomInst = rec + sizeof(MAV_INST_REC) + sizeof(PEL_SCANPARAM) <= end;
+        if (!roomHdl && !roomInst) return false;
+        if (*reinterpret_cast<const size_t*>(rec) != 0) return false;
+        if (roomHdl) {
+            const MAV_HDL_REC* h = reinterpret_cast<const MAV_HDL_REC*>(rec);
+            if (h->uiHeadMark == 0 && h->uiTailMark == 0 &&
+                reinterpret_cast<uintptr_t>(h->pCS) == rec + 256)
+                return true;
+        }
+        if (roomInst) {
+            const MAV_INST_REC* i = reinterpret_cast<const MAV_INST_REC*>(rec);
+            if (i->uiHeadMark == 0 && i->uiTailMark == 0 &&
+                reinterpret_cast<uintptr_t>(i->pScanParam) == rec + sizeof(MAV_INST_REC))
+                return true;
+        }
+        return false;
+    }
+
+    static std::string Printable(const Block& b) {
+        std::string s;
+        const unsigned char* p = static_cast<const unsigned char*>(b.ptr);
+        for (size_t i = 0; i < b.size && i < 48; ++i)
+            s += (p[i] >= 0x20 && p[i] < 0x7f) ? static_cast<char>(p[i]) : '.';
+        return s;
+    }
+};
+
+}  // namespace robust
+
+#endif
