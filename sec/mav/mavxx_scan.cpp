@@ -39,10 +39,17 @@ inline bool CodePageIsUtf8() {
     return cp[0] == '1' && cp[1] == '2' && cp[2] == '0' && cp[3] == '8' && cp[4] == '\0';
 }
 
-// The object name in UTF-8: the text itself when no conversion is needed,
-// else a converted copy in *owned. Null when the conversion fails.
+// The object name of a bytes scan in UTF-8: the text itself when it is valid
+// UTF-8 already (checked without a copy), else a converted copy in *owned.
+// Null when the conversion fails or gives nothing (an empty name).
 const char* Utf8Name(const KORMO_CHAR* name, char** owned) {
-    if (*name == '\0' || CodePageIsUtf8()) return name;
+    if (CodePageIsUtf8()) {
+        // A one-byte output holds no character: a valid, non-empty text gives
+        // "too small", an invalid one "invalid input", an empty one length 0.
+        char none[1];
+        size_t n = static_cast<size_t>(-1);
+        return UcsToUtf8s(none, sizeof none, &n, name) == CP_RC_BUFFER_TOO_SMALL ? name : nullptr;
+    }
     if (MavIKORMOToChar(owned, name) == 0) return nullptr;
     return *owned;
 }
@@ -168,7 +175,7 @@ __attribute__((noinline)) MAV_RC PrepareTempFile(MAV_INST_REC* inst, const char*
     const char* src = "mavlib.bin";
     if (nameUtf8 != nullptr && *nameUtf8 != '\0') {
         src = nameUtf8;
-    } else if (name != nullptr && *name != '\0') {
+    } else if (name != nullptr) {
         src = Utf8Name(name, &scratch->converted);
         if (src == nullptr) return MAV_E_CONVERSION_FAILED;
     }
@@ -376,12 +383,13 @@ MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
                 }
             }
         } else if (scanCode == VS_SC_FILE) {
+            // A file name is handed on as it stands (the file system's bytes),
+            // not converted.
             rc = MAV_OK;
             if (hasUtf8) {
                 sp->pszObjectName = objectNameUtf8;
             } else if (objectName != nullptr) {
-                sp->pszObjectName = Utf8Name(objectName, &scratch.converted);
-                if (sp->pszObjectName == nullptr) rc = MAV_E_CONVERSION_FAILED;
+                sp->pszObjectName = objectName;
             } else {
                 MAV_TRC_E("No file name supplied to scan file method.\n");
                 rc = MAV_E_NULL_PARAM;

@@ -116,20 +116,31 @@ TEST_F(Scan, BytesInMemoryGoStraightToTheAdapter) {
               MavScanClean(inst, VS_SC_BYTES, 0, nullptr, "x", buf, nullptr, 3, nullptr));
 }
 
-TEST_F(Scan, NamesInAnotherCodePageAreConvertedForTheAdapter) {
+TEST_F(Scan, ObjectNamesAreConvertedFileNamesHandedOnAsTheyStand) {
     Start();
     ASSERT_EQ(1, MavSetProcessCodePage("0819"));
     unsigned char buf[4] = {1, 2, 3, 4};
     MAV_RC rc = MavScanBytes(inst, "\xe4.bin", buf, sizeof buf, 1, nullptr);
+    std::string objectName = pel.lastScan().szObjectName;
     MAV_RC frc = MavScanFile(inst, "/tmp/\xe4", 1, nullptr);
     std::string fileName = pel.lastScan().szObjectName;
     MavSetProcessCodePage("1208");
     EXPECT_EQ(MAV_OK, rc);
+    EXPECT_EQ("\xc3\xa4.bin", objectName);
+    // A file name is the file system's bytes: copied, not converted.
     EXPECT_EQ(MAV_OK, frc);
-    EXPECT_EQ("/tmp/\xc3\xa4", fileName);
+    EXPECT_EQ("/tmp/\xe4", fileName);
     ASSERT_EQ(MAV_OK, MavScanBytes(inst, "\xc3\xa4.bin", buf, sizeof buf, 1, nullptr));
     EXPECT_STREQ("\xc3\xa4.bin", pel.lastScan().szObjectName);
-    // Invalid UTF-8 in a UTF-8 process is handed on as it is (no conversion).
+
+    // An object name that does not convert, or converts to nothing, fails the
+    // bytes scan before the adapter is called; a file name is not converted.
+    uint32_t scans = pel.calls(TPEL_SCAN);
+    EXPECT_EQ(MAV_E_CONVERSION_FAILED, MavScanBytes(inst, "\xe4.bin", buf, sizeof buf, 1, nullptr));
+    EXPECT_EQ(MAV_E_CONVERSION_FAILED, MavScanBytes(inst, "", buf, sizeof buf, 1, nullptr));
+    EXPECT_EQ(scans, pel.calls(TPEL_SCAN));
+    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/tmp/\xe4", 1, nullptr));
+    EXPECT_STREQ("/tmp/\xe4", pel.lastScan().szObjectName);
 }
 
 TEST_F(Scan, CleanCallsAddTheCleanBitToTheDefaultAction) {
