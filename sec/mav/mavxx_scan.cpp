@@ -364,9 +364,7 @@ MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
         sp->lLength = 0;
 
         bool hasUtf8 = objectNameUtf8 != nullptr && *objectNameUtf8 != '\0';
-        if (scanInfo != nullptr && scanInfo->struct_size != kSummarySize) {
-            rc = MAV_E_INVALID_HANDLE;
-        } else if (scanCode == VS_SC_BYTES) {
+        if (scanCode == VS_SC_BYTES) {
             if (length == nullptr || (bytes == nullptr && *length != 0)) {
                 rc = MAV_E_NULL_PARAM;
             } else if ((pelCfg->uiPelScanFlag & PEL_SCANFLAG_MEMORY) == 0) {

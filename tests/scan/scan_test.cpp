@@ -359,6 +359,15 @@ TEST_F(Scan, SummaryMustBe32BytesAndIsCheckedBeforeAnyAdapterCall) {
     EXPECT_TRUE(DirEntries(dir_).empty());
     // The summary is left as it was.
     EXPECT_EQ(1u, si.uiJobID);
+
+    // The scan code and the names are checked first.
+    si.struct_size = 31;
+    EXPECT_EQ(MAV_E_SCANPAR_UNSUPPORTED,
+              MavScanClean(inst, 3, 0, "x", nullptr, nullptr, nullptr, 1, &si));
+    EXPECT_EQ(MAV_E_NULL_PARAM, MavScanFile(inst, nullptr, 1, &si));
+    EXPECT_EQ(MAV_E_CONVERSION_FAILED, MavScanBytes(inst, "\xff", buf, sizeof buf, 1, &si));
+    EXPECT_EQ(scans, pel.calls(TPEL_SCAN));
+    EXPECT_EQ(releases, pel.calls(TPEL_RELEASESCAN));
 }
 
 TEST_F(Scan, WithoutSummaryNoResultRecordIsKept) {
