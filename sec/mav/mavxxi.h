@@ -196,7 +196,8 @@ enum MAV_REC_KIND { MAV_REC_NONE = 0, MAV_REC_HANDLE, MAV_REC_INSTANCE, MAV_REC_
 // recycled block - and never deleted); null when memory runs out.
 MAV_LOCAL MAV_HDL_REC* MavIXAllocHdlRec(void);
 // A zeroed instance record with size and marks (profile: the profile marks)
-// set and pScanParam pointing to its zeroed PEL_SCANPARAM (struct_size 48).
+// set and pScanParam pointing to its zeroed PEL_SCANPARAM (struct_size 48;
+// a profile record keeps pScanParam null).
 MAV_LOCAL MAV_INST_REC* MavIXAllocInstRec(bool profile);
 // Wipes the marks and recycles the block.
 MAV_LOCAL void MavIXFreeRec(void* rec);

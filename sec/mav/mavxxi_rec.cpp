@@ -106,8 +106,12 @@ MAV_INST_REC* MavIXAllocInstRec(bool profile) {
     MAV_INST_REC* inst = static_cast<MAV_INST_REC*>(block);
     Zero(block, kHeadOff + 4, kInstTailOff);
     Zero(block, kInstTailOff + 4, kInstLinkOff);
-    inst->pScanParam = reinterpret_cast<PEL_SCANPARAM*>(At(block, kInstSpOff));
-    inst->pScanParam->struct_size = sizeof(PEL_SCANPARAM);
+    // A profile instance record holds only its marks, thread and MavInstance:
+    // every other field stays zero.
+    if (!profile) {
+        inst->pScanParam = reinterpret_cast<PEL_SCANPARAM*>(At(block, kInstSpOff));
+        inst->pScanParam->struct_size = sizeof(PEL_SCANPARAM);
+    }
     StoreU32(block, kInstTailOff, profile ? MAV_PINST_TAIL : MAV_INST_TAIL);
     StoreU32(block, kHeadOff, profile ? MAV_PINST_HEAD : MAV_INST_HEAD);
     StoreSize(block, MAV_INST_SIZE);

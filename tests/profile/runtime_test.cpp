@@ -2,6 +2,8 @@
 // fail-over, profile lookup codes and the cycle guard.
 #include <fcntl.h>
 
+#include <cstring>
+
 #include "profile_fixture.h"
 
 using profiletest::Config;
@@ -241,6 +243,36 @@ TEST_F(RuntimeTest, LookupCodesInOrder) {
     EXPECT_EQ(MavGetProfileInstance("ON", &inst), MAV_E_PROFILE_NOT_VALID);
     EXPECT_EQ(MavGetProfileInstancePointer("ON"), nullptr);
     EXPECT_FALSE(mav::MavInstance::createInstance("ON"));
+}
+
+TEST_F(RuntimeTest, ProfileInstanceHandleHoldsOnlyMarksThreadAndInstance) {
+    ASSERT_EQ(start(simple(pel.path()).text), MAV_OK);
+    MAV_INST inst = nullptr;
+    ASSERT_EQ(MavGetProfileInstance("P", &inst), MAV_OK);
+    ASSERT_NE(inst, nullptr);
+    const unsigned char* b = static_cast<const unsigned char*>(inst);
+    auto u32 = [b](size_t off) {
+        uint32_t v;
+        memcpy(&v, b + off, sizeof v);
+        return v;
+    };
+    size_t size;
+    memcpy(&size, b, sizeof size);
+    void* link;
+    memcpy(&link, b + 120, sizeof link);
+    EXPECT_EQ(size, 136u);
+    EXPECT_EQ(u32(8), 0xABCDABCDu);
+    EXPECT_EQ(u32(16), ThrGetCurrentId());
+    EXPECT_NE(link, nullptr);
+    EXPECT_EQ(u32(128), 0xDCBADCBAu);
+    for (size_t off = 12; off < 136; ++off) {
+        bool field = off >= 16 && off < 20;
+        field = field || (off >= 120 && off < 132);
+        if (!field) {
+            EXPECT_EQ(b[off], 0) << "byte " << off;
+        }
+    }
+    EXPECT_EQ(MavFreeInstance(&inst), MAV_OK);
 }
 
 std::vector<std::string> gErrors;
