@@ -280,8 +280,9 @@ MAV_RC MavIXAssignHdlToCFG(void* hdlOrInst, MAV_CFG** pcfg) {
     if (pcfg == nullptr) return MAV_E_NULL_PARAM;
     MAV_REC_KIND kind = MavIXRecKind(hdlOrInst);
     if (kind == MAV_REC_HANDLE) {
+        // A handle whose start-up failed has no configuration to change.
         *pcfg = static_cast<MAV_HDL_REC*>(hdlOrInst)->pCfg;
-        return MAV_OK;
+        return *pcfg != nullptr ? MAV_OK : MAV_E_NOT_INITIALISED;
     }
     MAV_INST_REC* inst = nullptr;
     if (kind == MAV_REC_INSTANCE) {
