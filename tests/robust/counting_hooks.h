@@ -84,6 +84,8 @@ class CountingHooks {
         s.installed = MavRegisterMmCallbacks(Alloc, Realloc, Free) == MAV_OK;
     }
     static bool Installed() { return state().installed; }
+    // Frees memory the library handed to the caller (through these hooks).
+    static void Release(void* p) { Free(p); }
     // True on a thread while it runs inside one of these hooks.
     static bool& InHook() {
         static thread_local bool inHook = false;
