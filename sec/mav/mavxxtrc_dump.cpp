@@ -168,7 +168,7 @@ MAV_LOCAL MAV_RC MavIXTracePELScanInfo(void* hdl) {
     MAV_INST_REC* inst = MavIGetInst(hdl);
     const PEL_SCANINFO* si = inst != nullptr ? inst->pScanInfo : nullptr;
     if (si == nullptr) {
-        MAV_TRC_FN(MAV_TRC_PEL, kEngineFn, "PEL_SCANINFO structure is initial\n");
+        MAV_DUMP(kEngineFn, "PEL_SCANINFO structure is initial\n");
         return MAV_E_INVALID_HANDLE;
     }
     const char* fn = kEngineFn;
@@ -204,7 +204,7 @@ MAV_LOCAL MAV_RC MavIXTracePELEngine(void* hdl) {
     const PEL_INIT* init = MavIDumpInit(hdl);
     const char* fn = kEngineFn;
     if (init == nullptr) {
-        MAV_TRC_FN(MAV_TRC_PEL, fn, "PEL_INIT structure is initial\n");
+        MAV_DUMP(fn, "PEL_INIT structure is initial\n");
         return MAV_E_INVALID_HANDLE;
     }
     MAV_DUMP(fn, "PEL_INIT---------------------------------------------------------------\n");
@@ -235,7 +235,7 @@ MAV_LOCAL MAV_RC MavIXTracePELConfig(void* hdl) {
     const PEL_CONFIG* cfg = rec != nullptr ? rec->pPelConfig : nullptr;
     const char* fn = kConfigFn;
     if (cfg == nullptr) {
-        MAV_TRC_FN(MAV_TRC_PEL, fn, "PEL_CONFIG structure is initial\n");
+        MAV_DUMP(fn, "PEL_CONFIG structure is initial\n");
         return MAV_E_INVALID_HANDLE;
     }
     MAV_DUMP(fn, "PEL_CONFIG-------------------------------------------------------------\n");

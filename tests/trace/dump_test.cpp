@@ -109,6 +109,17 @@ TEST_F(Dump, MissingRecords) {
     ASSERT_EQ(3u, lines.size());
     EXPECT_EQ("PEL_SCANINFO structure is initial\n", lines[0].text);
     EXPECT_EQ("PEL_INIT structure is initial\n", lines[1].text);
+
+    // Switched on by the kernel level alone, the notice is written like the dump.
+    lines.clear();
+    MavSetTraceLevel(0);
+    CTrcSetTraceLevelFct(2);
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXTracePELScanInfo(inst_));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXTracePELEngine(hdl_));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXTracePELConfig(hdl_));
+    ASSERT_EQ(3u, lines.size());
+    EXPECT_EQ("PEL_CONFIG structure is initial\n", lines[2].text);
+    EXPECT_EQ(MAV_TRC_PEL, lines[2].level);
 }
 
 TEST_F(Dump, ScanInfoBlocks) {
