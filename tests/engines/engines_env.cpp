@@ -217,10 +217,12 @@ std::string ClamdCommand(const std::string& socketPath, const std::string& comma
 
 // ---- Clamd ---------------------------------------------------------------------------------
 
-Clamd::Clamd(const std::string& streamMaxLength) {
+Clamd::Clamd(const std::string& streamMaxLength) : streamMax_(streamMaxLength) {
     socket_ = dir_.File("clamd.sock");
-    port_ = FreePort();
-    std::ofstream conf(dir_.File("clamd.conf"));
+}
+
+void Clamd::WriteConfig() {
+    std::ofstream conf(dir_.File("clamd.conf"), std::ios::trunc);
     conf << "Foreground yes\n"
          << "LocalSocket " << socket_ << "\n"
          << "TCPSocket " << port_ << "\n"
@@ -228,7 +230,7 @@ Clamd::Clamd(const std::string& streamMaxLength) {
          << "DatabaseDirectory " << TestDb() << "\n"
          << "TemporaryDirectory " << dir_.Path() << "\n"
          << "LogFile " << dir_.File("clamd.log") << "\n"
-         << "StreamMaxLength " << streamMaxLength << "\n"
+         << "StreamMaxLength " << streamMax_ << "\n"
          << "MaxRecursion 3\n"
          << "AlertExceedsMax yes\n"
          << "MaxThreads 4\n"
@@ -242,7 +244,19 @@ Clamd::~Clamd() {
 }
 
 bool Clamd::Start(std::string* error) {
+    // The TCP port is free when picked; another test process may take it
+    // before clamd binds it: then try another one. A restart keeps the port.
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        if (StartOnce(error)) return true;
+        port_ = 0;
+    }
+    return false;
+}
+
+bool Clamd::StartOnce(std::string* error) {
     if (pid_ > 0) return true;
+    if (port_ == 0) port_ = FreePort();
+    WriteConfig();
     std::string conf = dir_.File("clamd.conf");
     pid_t pid = fork();
     if (pid < 0) {

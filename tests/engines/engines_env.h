@@ -72,9 +72,13 @@ class Clamd {
     const std::string& SocketPath() const { return socket_; }
 
   private:
+    bool StartOnce(std::string* error);
+    void WriteConfig();
+
     TempDir dir_;
+    std::string streamMax_;
     std::string socket_;
-    int port_ = 0;
+    int port_ = 0;  // picked at the first start, kept across restarts
     pid_t pid_ = -1;
 };
 
