@@ -340,13 +340,12 @@ MAV_RC MavIXAssignHdlToCFG(void* hdlOrInst, MAV_CFG** pcfg) {
 // ---- Public instance calls ----------------------------------------------------------------
 
 MAV_RC MavCreateInstance(MAV_HANDLE hdlArg, MAV_INST* pinst) {
-    MAV_TRC_ENTRY(">> start >> %s(%p,%p)\n", __func__, hdlArg, static_cast<void*>(pinst));
     MAV_HDL_REC* hdl = static_cast<MAV_HDL_REC*>(hdlArg);
     if (hdl == nullptr || pinst == nullptr) {
         MAV_TRC_E("Invalid NULL parameter for handle\n");
-        MAV_TRC_EXIT(MAV_E_INVALID_HANDLE);
         return MAV_E_INVALID_HANDLE;
     }
+    MAV_TRC_ENTRY(">> start >> %s(%p,%p)\n", __func__, hdlArg, static_cast<void*>(pinst));
     if (MavIXRecKind(hdl) != MAV_REC_HANDLE || !MavILockHdl(hdl)) {
         MAV_TRC_EXIT(MAV_E_INVALID_HANDLE);
         return MAV_E_INVALID_HANDLE;
@@ -407,19 +406,14 @@ MAV_INST MavGetInstance(MAV_HANDLE hdlArg) {
 }
 
 MAV_RC MavFreeInstance(MAV_INST* pinst) {
-    MAV_TRC_ENTRY(">> start >> %s(%p)\n", __func__, static_cast<void*>(pinst));
-    MAV_RC rc = MAV_OK;
     if (pinst == nullptr) {
         MAV_TRC_E("Invalid NULL parameter for handle\n");
-        rc = MAV_E_INVALID_HANDLE;
-        MAV_TRC_EXIT(rc);
-        return rc;
+        return MAV_E_INVALID_HANDLE;
     }
     MAV_INST_REC* inst = static_cast<MAV_INST_REC*>(*pinst);
-    if (inst == nullptr) {
-        MAV_TRC_EXIT(rc);
-        return rc;
-    }
+    if (inst == nullptr) return MAV_OK;  // already freed
+    MAV_TRC_ENTRY(">> start >> %s(%p)\n", __func__, static_cast<void*>(pinst));
+    MAV_RC rc = MAV_OK;
     MAV_REC_KIND kind = MavIXRecKindByMarks(inst);
     if (kind == MAV_REC_PROFILE) {
         MavIXFreeInst(reinterpret_cast<MAV_INST_REC**>(pinst));
@@ -477,12 +471,9 @@ MAV_RC MavFreeInstancePointer(MAV_INST inst) {
 // ---- Pools --------------------------------------------------------------------------------
 
 MAV_RC MavSetPoolSize(MAV_HANDLE hdlArg, size_t size) {
-    MAV_TRC_ENTRY(">> start >> %s(%p,%zu)\n", __func__, hdlArg, size);
     MAV_HDL_REC* hdl = static_cast<MAV_HDL_REC*>(hdlArg);
-    if (hdl == nullptr) {
-        MAV_TRC_EXIT(MAV_E_INVALID_HANDLE);
-        return MAV_E_INVALID_HANDLE;
-    }
+    if (hdl == nullptr) return MAV_E_INVALID_HANDLE;
+    MAV_TRC_ENTRY(">> start >> %s(%p,%zu)\n", __func__, hdlArg, size);
     if (MavIXRecKind(hdl) != MAV_REC_HANDLE || !MavILockHdl(hdl)) {
         MAV_TRC_EXIT(MAV_OK);  // not a handle: nothing done
         return MAV_OK;
@@ -528,15 +519,18 @@ size_t MavGetPoolSize(MAV_HANDLE hdlArg) {
 }
 
 MAV_RC MavLoadPool(MAV_HANDLE hdlArg, size_t size, uint32_t setDefaults) {
-    MAV_TRC_ENTRY(">> start >> %s(%p,%zu,%u)\n", __func__, hdlArg, size, setDefaults);
     MAV_HDL_REC* hdl = static_cast<MAV_HDL_REC*>(hdlArg);
+    if (hdl == nullptr) return MAV_E_INVALID_HANDLE;
+    MAV_TRC_ENTRY(">> start >> %s(%p,%zu,%u)\n", __func__, hdlArg, size, setDefaults);
     MAV_RC rc = MAV_OK;
-    if (MavIXRecKind(hdl) != MAV_REC_HANDLE) {
-        rc = MAV_E_INVALID_HANDLE;
-    } else if (!MavILockHdl(hdl)) {
+    // The size is checked before the handle is looked at.
+    if (size == 0) {
+        MAV_TRC_E("Invalid size (%ld) for load of pool provided\n", static_cast<long>(size));
+        rc = MAV_E_INVALID_PARAM;
+    } else if (MavIXRecKind(hdl) != MAV_REC_HANDLE || !MavILockHdl(hdl)) {
         rc = MAV_E_INVALID_HANDLE;
     } else {
-        if (size == 0 || size < hdl->uiPoolSize) {
+        if (size < hdl->uiPoolSize) {
             MAV_TRC_E("Invalid size (%ld) for load of pool provided\n", static_cast<long>(size));
             rc = MAV_E_INVALID_PARAM;
         } else {
@@ -550,13 +544,10 @@ MAV_RC MavLoadPool(MAV_HANDLE hdlArg, size_t size, uint32_t setDefaults) {
 }
 
 MAV_RC MavFreePool(MAV_HANDLE hdlArg) {
-    MAV_TRC_ENTRY(">> start >> %s(%p)\n", __func__, hdlArg);
     MAV_HDL_REC* hdl = static_cast<MAV_HDL_REC*>(hdlArg);
+    if (hdl == nullptr) return MAV_OK;
+    MAV_TRC_ENTRY(">> start >> %s(%p)\n", __func__, hdlArg);
     MAV_RC rc = MAV_OK;
-    if (hdl == nullptr) {
-        MAV_TRC_EXIT(rc);
-        return rc;
-    }
     if (MavIXRecKind(hdl) != MAV_REC_HANDLE || !MavILockHdl(hdl)) {
         MAV_TRC_EXIT(MAV_E_INVALID_HANDLE);
         return MAV_E_INVALID_HANDLE;

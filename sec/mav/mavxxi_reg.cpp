@@ -217,13 +217,14 @@ void MavIXForEachHdl(bool (*fn)(MAV_HDL_REC* hdl, void* ctx), void* ctx) {
 // ---- Handle names ------------------------------------------------------------------
 
 MAV_RC MavSetHandleName(MAV_HANDLE hdlArg, const KORMO_CHAR* name, size_t length) {
-    MAV_TRC_ENTRY(">> start >> %s(%p,%p,%zu)\n", __func__, hdlArg, (const void*)name, length);
-    MAV_RC rc = MAV_OK;
     MAV_HDL_REC* hdl = static_cast<MAV_HDL_REC*>(hdlArg);
     if (hdl == nullptr) {
         MAV_TRC_E("Invalid NULL parameter for handle\n");
-        rc = MAV_E_NULL_PARAM;
-    } else if (name == nullptr && length != 0) {
+        return MAV_E_NULL_PARAM;
+    }
+    MAV_TRC_ENTRY(">> start >> %s(%p,%p,%zu)\n", __func__, hdlArg, (const void*)name, length);
+    MAV_RC rc = MAV_OK;
+    if (name == nullptr && length != 0) {
         MAV_TRC_E("Invalid NULL parameter for handle name\n");
         rc = MAV_E_NULL_PARAM;
     } else if (!MavILockRegistry()) {
