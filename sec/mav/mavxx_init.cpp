@@ -268,67 +268,58 @@ MAV_RC MavInit(const KORMO_CHAR* adapterPath, MAV_HANDLE* phdl) {
 // ---- Shutdown -------------------------------------------------------------------------------
 
 MAV_RC MavEnd(MAV_HANDLE* phdl) {
-    MAV_TRC_ENTRY(">> start >> %s(%p)\n", __func__, static_cast<void*>(phdl));
+    // Arguments first; a null handle is already ended.
     if (phdl == nullptr) {
         MAV_TRC_E("Invalid NULL parameter for handle \n");
-        MAV_TRC_EXIT(MAV_E_INVALID_HANDLE);
         return MAV_E_INVALID_HANDLE;
     }
     MAV_HDL_REC* hdl = static_cast<MAV_HDL_REC*>(*phdl);
-    if (hdl == nullptr) {
-        MAV_TRC_EXIT(MAV_OK);
-        return MAV_OK;
-    }
-    if (MavIXRecKind(hdl) != MAV_REC_HANDLE) {
-        MAV_TRC_EXIT(MAV_E_INVALID_HANDLE);
-        return MAV_E_INVALID_HANDLE;
-    }
-    if (!MavILockRegistry()) {
-        MAV_TRC_EXIT(MAV_E_NO_SPACE);
-        return MAV_E_NO_SPACE;
-    }
-    if (!MavILockHdl(hdl)) {
-        // Ended by another thread meanwhile, or the lock failed.
-        MAV_RC rc =
-            MavIXRecKindByMarks(hdl) == MAV_REC_HANDLE ? MAV_E_NO_SPACE : MAV_E_INVALID_HANDLE;
-        MavIUnlockRegistry();
-        MAV_TRC_EXIT(rc);
-        return rc;
-    }
-    THR_CRIT_SEC* cs = hdl->pCS;
+    if (hdl == nullptr) return MAV_OK;
+    MAV_TRC_ENTRY(">> start >> %s(%p)\n", __func__, static_cast<void*>(phdl));
     MAV_RC rc = MAV_OK;
     bool freed = false;
-    if (hdl->pInstList != nullptr || hdl->uiPooled != hdl->uiPoolFree) {
-        rc = MAV_E_IN_PROGRESS;
+    if (MavIXRecKind(hdl) != MAV_REC_HANDLE) {
+        rc = MAV_E_INVALID_HANDLE;
+    } else if (!MavILockRegistry()) {
+        rc = MAV_E_NO_SPACE;
+    } else if (!MavILockHdl(hdl)) {
+        // Ended by another thread meanwhile, or the lock failed.
+        rc = MavIXRecKindByMarks(hdl) == MAV_REC_HANDLE ? MAV_E_NO_SPACE : MAV_E_INVALID_HANDLE;
+        MavIUnlockRegistry();
     } else {
-        rc = MavIXEndPooled(hdl, false);
-        if (rc == MAV_OK && hdl->uiInstances != 0) rc = MAV_E_IN_PROGRESS;
-    }
-    if (rc == MAV_OK) {
-        const bool registered = MavIXIsRegistered(hdl);
-        PEL_FUNCTIONS* fns = hdl->pFunctions;
-        if (registered && fns != nullptr && fns->pfnEnd != nullptr) {
-            rc = EndAdapter(hdl);
-            if (rc == MAV_OK) rc = MavIXCleanupPel(hdl);
-            if (rc == MAV_OK) {
-                rc = MavIUnLoadLib(&hdl->iDlHandle, fns);
-                hdl->pFunctions = nullptr;  // freed whatever the result
-            }
-            if (rc == MAV_OK) rc = MavIXRemoveHdl(hdl);
-        } else if (registered) {
-            // No adapter table left (an earlier end failed after freeing it).
-            if (hdl->iDlHandle != -1) MavIUnLoadLib(&hdl->iDlHandle, nullptr);
-            rc = MavIXRemoveHdl(hdl);
+        THR_CRIT_SEC* cs = hdl->pCS;
+        if (hdl->pInstList != nullptr || hdl->uiPooled != hdl->uiPoolFree) {
+            rc = MAV_E_IN_PROGRESS;
         } else {
-            TearDownFailedStart(hdl);
+            rc = MavIXEndPooled(hdl, false);
+            if (rc == MAV_OK && hdl->uiInstances != 0) rc = MAV_E_IN_PROGRESS;
         }
         if (rc == MAV_OK) {
-            FreeHandle(hdl);
-            freed = true;
+            const bool registered = MavIXIsRegistered(hdl);
+            PEL_FUNCTIONS* fns = hdl->pFunctions;
+            if (registered && fns != nullptr && fns->pfnEnd != nullptr) {
+                rc = EndAdapter(hdl);
+                if (rc == MAV_OK) rc = MavIXCleanupPel(hdl);
+                if (rc == MAV_OK) {
+                    rc = MavIUnLoadLib(&hdl->iDlHandle, fns);
+                    hdl->pFunctions = nullptr;  // freed whatever the result
+                }
+                if (rc == MAV_OK) rc = MavIXRemoveHdl(hdl);
+            } else if (registered) {
+                // No adapter table left (an earlier end failed after freeing it).
+                if (hdl->iDlHandle != -1) MavIUnLoadLib(&hdl->iDlHandle, nullptr);
+                rc = MavIXRemoveHdl(hdl);
+            } else {
+                TearDownFailedStart(hdl);
+            }
+            if (rc == MAV_OK) {
+                FreeHandle(hdl);
+                freed = true;
+            }
         }
+        ThrCSUnlock(cs);
+        MavIUnlockRegistry();
     }
-    ThrCSUnlock(cs);
-    MavIUnlockRegistry();
     if (freed) *phdl = nullptr;
     MAV_TRC(MAV_TRC_FUNCTION, "<<  end  << %s(mav_hdl=%p)(MAV_RC=%s) \n", __func__,
             static_cast<void*>(hdl), MavErrorName(rc));

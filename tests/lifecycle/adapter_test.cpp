@@ -274,6 +274,45 @@ TEST_F(AdapterTrace, NoDumpsWhenTheLevelDoesNotAsk) {
     EXPECT_EQ(MAV_OK, MavEnd(&h));
 }
 
+TEST_F(AdapterTrace, ArgumentChecksComeBeforeTheEntryLine) {
+    TraceCapture trace(MAV_TRC_ERROR | MAV_TRC_FUNCTION);
+    MAV_HANDLE none = nullptr;
+    MAV_INST noInst = nullptr;
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavEnd(nullptr));
+    EXPECT_EQ(MAV_OK, MavEnd(&none));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavCreateInstance(nullptr, &noInst));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavFreeInstance(nullptr));
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&noInst));
+    EXPECT_EQ(MAV_E_NULL_PARAM, MavSetHandleName(nullptr, "x", 1));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavSetPoolSize(nullptr, 1));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavLoadPool(nullptr, 1, 0));
+    EXPECT_EQ(MAV_OK, MavFreePool(nullptr));
+    EXPECT_EQ(0, TraceCapture::Count(">> start >> "));
+    EXPECT_EQ(0, TraceCapture::Count("<<  end  << "));
+    EXPECT_TRUE(TraceCapture::Has("MavEnd", "Invalid NULL parameter for handle \n"));
+    EXPECT_TRUE(TraceCapture::Has("MavCreateInstance", "Invalid NULL parameter for handle\n"));
+    EXPECT_TRUE(TraceCapture::Has("MavFreeInstance", "Invalid NULL parameter for handle\n"));
+    EXPECT_TRUE(TraceCapture::Has("MavSetHandleName", "Invalid NULL parameter for handle\n"));
+
+    // The size is looked at before the handle.
+    MAV_HANDLE h = Start();
+    MAV_INST i = nullptr;
+    ASSERT_EQ(MAV_OK, MavCreateInstance(h, &i));
+    EXPECT_EQ(MAV_E_INVALID_PARAM, MavLoadPool(i, 0, 0));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavLoadPool(i, 1, 0));
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&i));
+
+    // Once entered, MavEnd leaves with its own exit line on every path.
+    MAV_HANDLE stale = h;
+    ASSERT_EQ(MAV_OK, MavEnd(&h));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavEnd(&stale));
+    char exit[96];
+    snprintf(exit, sizeof exit, "<<  end  << MavEnd(mav_hdl=%p)(MAV_RC=MAV_E_INVALID_HANDLE) \n",
+             stale);
+    EXPECT_TRUE(TraceCapture::Has("MavEnd", exit));
+    EXPECT_EQ(0, TraceCapture::Count("<<  end  << MavEnd(MAV_RC=="));
+}
+
 TEST_F(AdapterTrace, InitWithNullAddressTraces) {
     TraceCapture trace(MAV_TRC_ERROR);
     EXPECT_EQ(MAV_E_NULL_PARAM, MavInit(nullptr, nullptr));
