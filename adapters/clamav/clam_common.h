@@ -38,7 +38,7 @@ enum Rc : int {
 struct Limits {
     uint64_t maxFileSize = 0;  // SCANLIMIT, bytes; 0: no limit
     uint64_t maxScanSize = 0;  // SCANEXTRACT_SIZE, bytes; 0: no limit
-    uint32_t maxDepth = 0;     // SCANEXTRACT_DEPTH, archive levels
+    uint32_t maxDepth = 0;     // SCANEXTRACT_DEPTH, archive levels; 0: no limit
     uint32_t maxTimeMs = 0;    // SCANEXTRACT_TIME, milliseconds; 0: no limit
     bool operator==(const Limits& o) const {
         return maxFileSize == o.maxFileSize && maxScanSize == o.maxScanSize &&

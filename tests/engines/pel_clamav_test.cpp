@@ -209,6 +209,14 @@ TEST_F(ClamavAdapter, LimitsApplyPerScanAndFailClosed) {
     // The next scan without the option is back to the defaults.
     EXPECT_EQ(-2, s.Bytes(nested, "nested.zip"));
 
+    // 0 switches a limit off.
+    auto none = Options();
+    none->SetNumber(VS_P_SCANLIMIT, 0);
+    none->SetNumber(VS_P_SCANEXTRACT_SIZE, 0);
+    none->SetNumber(VS_P_SCANEXTRACT_TIME, 0);
+    none->SetNumber(VS_P_SCANEXTRACT_DEPTH, 0);
+    EXPECT_EQ(-2, s.Bytes(nested, "nested.zip", none->Get()));
+
     Bytes big(3 * 1024 * 1024, 'A');
     auto size = Options();
     size->SetNumber(VS_P_SCANLIMIT, 1024 * 1024);
