@@ -135,9 +135,10 @@ MAV_API MAV_RC MavAdapterErrorText(void* hdl, KORMO_CHAR** textBuffer, size_t* t
     }
     MAV_TRC_ENTRY(">> start >> %s(%p,%p,%p)\n", __func__, hdl, static_cast<void*>(textBuffer),
                   static_cast<void*>(textLength));
-    if (textLength == nullptr) return MAV_OK;
-    MAV_RC rc;
-    if (const PEL_INIT* init = MavIErrInit(hdl)) {
+    MAV_RC rc = MAV_OK;
+    if (textLength == nullptr) {
+        // Nothing asked for.
+    } else if (const PEL_INIT* init = MavIErrInit(hdl)) {
         rc = MavIErrTextFromInit(init, textBuffer, textLength);
     } else if (MAV_HDL_REC* rec = MavIGetHandle(hdl)) {
         bool locked = MavIErrLock(rec);

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "mavxxi.h"
 
@@ -86,6 +87,29 @@ TEST_F(ErrorList, LatestTextIsReturned) {
 
     EXPECT_EQ(MAV_OK, MavAdapterErrorText(hdl_, &buf, nullptr));  // nothing asked
     EXPECT_EQ(MAV_E_NULL_PARAM, MavAdapterErrorText(nullptr, &buf, &len));
+}
+
+std::vector<std::string> traced;
+int CaptureTrace(const char*, const char*, int, uint32_t, const char* text) {
+    traced.push_back(text);
+    return 0;
+}
+
+TEST_F(ErrorList, EveryEntryLineHasItsExitLine) {
+    traced.clear();
+    MavSetTraceHandler(CaptureTrace);
+    MavSetTraceLevel(MAV_TRC_ERROR | MAV_TRC_FUNCTION);
+    char* buf = nullptr;
+    size_t len = 0;
+    EXPECT_EQ(MAV_E_NULL_PARAM, MavAdapterErrorText(nullptr, &buf, &len));
+    EXPECT_EQ(MAV_OK, MavAdapterErrorText(hdl_, &buf, nullptr));  // nothing asked
+    MavSetTraceLevel(0);
+    MavSetTraceHandler(nullptr);
+    // The null handle is refused before the entry line.
+    ASSERT_EQ(3u, traced.size());
+    EXPECT_EQ("Invalid NULL parameter for handle\n", traced[0]);
+    EXPECT_EQ(0u, traced[1].rfind(">> start >> MavAdapterErrorText(", 0)) << traced[1];
+    EXPECT_EQ("<<  end  << MavAdapterErrorText(MAV_RC==MAV_OK) \n", traced[2]);
 }
 
 TEST_F(ErrorList, SmallBufferIsReplacedByANewOne) {
