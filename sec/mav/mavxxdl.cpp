@@ -1,5 +1,8 @@
 // mavxxdl.cpp - choosing, opening and closing the adapter file, resolving its
 // seven entry points, and the adapter's global start and cleanup.
+#include <dlfcn.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,6 +36,22 @@ bool Open(const char* fileName, MAV_HDL_REC* hdl, int* rc) {
     return *rc == 0;
 }
 
+// Opens a default adapter name: first the file of that name beside this
+// library (the installed pair; also found when the loader's caller is not this
+// library, as under sanitizers), else through the loader's search path.
+bool OpenDefault(const char* name, MAV_HDL_REC* hdl, int* rc) {
+    Dl_info info;
+    if (dladdr(reinterpret_cast<void*>(&MavILoadLib), &info) != 0 && info.dli_fname != nullptr) {
+        std::string dir = info.dli_fname;
+        size_t slash = dir.rfind('/');
+        if (slash != std::string::npos) {
+            std::string beside = dir.substr(0, slash + 1) + name;
+            if (access(beside.c_str(), F_OK) == 0 && Open(beside.c_str(), hdl, rc)) return true;
+        }
+    }
+    return Open(name, hdl, rc);
+}
+
 }  // namespace
 
 extern "C" {
@@ -54,8 +73,8 @@ MAV_RC MavILoadLib(const KORMO_CHAR* path, MAV_HDL_REC* hdl) {
             if (Open(env, hdl, &rc)) return MAV_OK;
         } else {
             // The default names only when neither a path nor the variable is given.
-            if (Open(kDefaultLib1, hdl, &rc)) return MAV_OK;
-            if (Open(kDefaultLib2, hdl, &rc)) return MAV_OK;
+            if (OpenDefault(kDefaultLib1, hdl, &rc)) return MAV_OK;
+            if (OpenDefault(kDefaultLib2, hdl, &rc)) return MAV_OK;
             MavPAddError(hdl,
                          "Could not load any library. Neither the adapter path nor an "
                          "environment variable was set.",
