@@ -36,14 +36,47 @@ inline bool IsProfileInstance(const MAV_INST_REC* r) {
 // True when KORMO_CHAR text is UTF-8 already (the usual process code page).
 inline bool CodePageIsUtf8() {
     const char* cp = GetProcessCodePageU();
-    return cp[0] == '1' && cp[1] == '2' && cp[2] == '0' && cp[3] == '8' && cp[4] == '\0';
+    uint32_t word;
+    memcpy(&word, cp, sizeof word);
+    uint32_t utf8;
+    memcpy(&utf8, "1208", sizeof utf8);
+    return word == utf8 && cp[4] == '\0';
 }
 
-// The object name of a bytes scan in UTF-8: the text itself when it is valid
-// UTF-8 already (checked without a copy), else a converted copy in *owned.
-// Null when the conversion fails or gives nothing (an empty name).
-const char* Utf8Name(const KORMO_CHAR* name, char** owned) {
-    if (CodePageIsUtf8()) {
+// 1 when text is non-empty ASCII, 0 when it is empty, -1 when it holds a
+// byte above 0x7f. Reads eight bytes at a time without crossing a page end
+// (never beyond the page that holds the terminator), so a typical object name
+// costs a few instructions.
+__attribute__((no_sanitize("address", "thread"))) inline int AsciiState(const char* text) {
+    constexpr uint64_t kOnes = 0x0101010101010101ull;
+    constexpr uint64_t kHigh = 0x8080808080808080ull;
+    constexpr uintptr_t kPage = 4096;
+    const char* p = text;
+    for (;;) {
+        if ((reinterpret_cast<uintptr_t>(p) & (kPage - 1)) > kPage - sizeof(uint64_t)) {
+            unsigned char c = static_cast<unsigned char>(*p);
+            if (c == 0) return p == text ? 0 : 1;
+            if ((c & 0x80) != 0) return -1;
+            ++p;
+            continue;
+        }
+        uint64_t w;
+        memcpy(&w, p, sizeof w);
+        uint64_t zero = (w - kOnes) & ~w & kHigh;  // lowest bit: the first NUL
+        if (zero != 0) {
+            uint64_t before = (zero & (0 - zero)) - 1;  // the bytes before it
+            if ((w & kHigh & before) != 0) return -1;
+            return (p == text && (zero & 0x80) != 0) ? 0 : 1;
+        }
+        if ((w & kHigh) != 0) return -1;
+        p += sizeof w;
+    }
+}
+
+// Utf8Name for everything but an ASCII name in a UTF-8 process.
+__attribute__((noinline)) const char* Utf8NameSlow(const KORMO_CHAR* name, char** owned,
+                                                   bool utf8) {
+    if (utf8) {
         // A one-byte output holds no character: a valid, non-empty text gives
         // "too small", an invalid one "invalid input", an empty one length 0.
         char none[1];
@@ -52,6 +85,18 @@ const char* Utf8Name(const KORMO_CHAR* name, char** owned) {
     }
     if (MavIKORMOToChar(owned, name) == 0) return nullptr;
     return *owned;
+}
+
+// The object name of a bytes scan in UTF-8: the text itself when it is valid
+// UTF-8 already (checked without a copy), else a converted copy in *owned.
+// Null when the conversion fails or gives nothing (an empty name).
+inline const char* Utf8Name(const KORMO_CHAR* name, char** owned) {
+    bool utf8 = CodePageIsUtf8();
+    if (utf8) {
+        int ascii = AsciiState(name);
+        if (ascii != -1) return ascii == 1 ? name : nullptr;
+    }
+    return Utf8NameSlow(name, owned, utf8);
 }
 
 void Neutralise(char* s) {
@@ -262,10 +307,13 @@ __attribute__((noinline, cold)) void TraceAfterScan(MAV_INST_REC* inst, PEL_OPTP
 }
 
 // The adapter call of one scan (MavIXScan); inlined into the scan call.
+// adapterChecked: the caller has made sure of the handle and its PelScan.
 __attribute__((always_inline)) inline MAV_RC ScanInstance(MAV_INST_REC* inst,
-                                                          MAV_SCANINFO* scanInfo) {
+                                                          MAV_SCANINFO* scanInfo,
+                                                          bool adapterChecked) {
     MAV_HDL_REC* hdl = inst->pHdl;
-    if (hdl == nullptr || hdl->pFunctions == nullptr || hdl->pFunctions->pfnScan == nullptr)
+    if (!adapterChecked &&
+        (hdl == nullptr || hdl->pFunctions == nullptr || hdl->pFunctions->pfnScan == nullptr))
         return MAV_E_NOT_INITIALISED;
     if (scanInfo != nullptr && scanInfo->struct_size != kSummarySize) return MAV_E_INVALID_HANDLE;
     const PEL_FUNCTIONS* fns = hdl->pFunctions;
@@ -314,7 +362,7 @@ __attribute__((always_inline)) inline MAV_RC ScanInstance(MAV_INST_REC* inst,
 extern "C" {
 
 MAV_RC MavIXScan(MAV_INST_REC* inst, MAV_SCANINFO* scanInfo) {
-    return ScanInstance(inst, scanInfo);
+    return ScanInstance(inst, scanInfo, false);
 }
 
 MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
@@ -336,7 +384,8 @@ MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
         return MAV_E_INVALID_HANDLE;
     }
     MAV_HDL_REC* h = inst->pHdl;
-    if (h == nullptr || h->pFunctions == nullptr || h->pPelConfig == nullptr) {
+    if (h == nullptr || h->pFunctions == nullptr || h->pFunctions->pfnScan == nullptr ||
+        h->pPelConfig == nullptr) {
         MAV_TRC_E("%s: NULL parameter for MAV handle, not initialized\n", __func__);
         return MAV_E_NOT_INITIALISED;
     }
@@ -400,7 +449,7 @@ MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
         }
 
         if (rc == MAV_OK) {
-            rc = ScanInstance(inst, scanInfo);
+            rc = ScanInstance(inst, scanInfo, true);
             if (rc == MAV_E_CLEAN_OK && scanCode == VS_SC_BYTES)
                 AfterCleanBytes(inst, pelCfg, scratch.tmpPath, bytes, length);
         }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -141,6 +142,54 @@ TEST_F(Scan, ObjectNamesAreConvertedFileNamesHandedOnAsTheyStand) {
     EXPECT_EQ(scans, pel.calls(TPEL_SCAN));
     ASSERT_EQ(MAV_OK, MavScanFile(inst, "/tmp/\xe4", 1, nullptr));
     EXPECT_STREQ("/tmp/\xe4", pel.lastScan().szObjectName);
+}
+
+// Names of every length up to 40, in exactly sized heap blocks, with a
+// non-ASCII or invalid byte at every position: valid ones reach the adapter
+// unchanged, invalid ones fail the scan.
+TEST_F(Scan, ObjectNamesOfEveryLengthAreCheckedExactly) {
+    Start();
+    unsigned char buf[4] = {};
+    for (size_t len = 1; len <= 40; ++len) {
+        std::vector<char> name(len + 1, 'n');
+        name[len] = '\0';
+        ASSERT_EQ(MAV_OK, MavScanBytes(inst, name.data(), buf, sizeof buf, 1, nullptr)) << len;
+        EXPECT_EQ(std::string(name.data()), pel.lastScan().szObjectName);
+        for (size_t pos = 0; pos < len; ++pos) {
+            std::vector<char> bad(name);
+            bad[pos] = '\xff';
+            EXPECT_EQ(MAV_E_CONVERSION_FAILED,
+                      MavScanBytes(inst, bad.data(), buf, sizeof buf, 1, nullptr))
+                << len << " " << pos;
+            if (pos + 1 < len) {
+                std::vector<char> good(name);
+                good[pos] = '\xc3';
+                good[pos + 1] = '\xa4';
+                ASSERT_EQ(MAV_OK, MavScanBytes(inst, good.data(), buf, sizeof buf, 1, nullptr))
+                    << len << " " << pos;
+                EXPECT_EQ(std::string(good.data()), pel.lastScan().szObjectName);
+            }
+        }
+    }
+}
+
+// A name that ends right before an unmapped page is read without touching it.
+TEST_F(Scan, ObjectNameAtAPageEndIsReadWithinItsPage) {
+    Start();
+    long page = sysconf(_SC_PAGESIZE);
+    char* map = static_cast<char*>(
+        mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(MAP_FAILED, map);
+    ASSERT_EQ(0, mprotect(map + page, page, PROT_NONE));
+    unsigned char buf[4] = {};
+    for (int len = 0; len < 12; ++len) {
+        char* name = map + page - len - 1;
+        memset(name, 'p', len);
+        name[len] = '\0';
+        MAV_RC expected = len == 0 ? MAV_E_CONVERSION_FAILED : MAV_OK;
+        EXPECT_EQ(expected, MavScanBytes(inst, name, buf, sizeof buf, 1, nullptr)) << len;
+    }
+    munmap(map, 2 * page);
 }
 
 TEST_F(Scan, CleanCallsAddTheCleanBitToTheDefaultAction) {
