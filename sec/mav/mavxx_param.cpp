@@ -82,11 +82,16 @@ MAV_API MAV_RC MavGetParameter(void* hdl, const KORMO_CHAR* name, int32_t* type,
                   static_cast<void*>(valueLength));
     MAV_RC rc = MAV_E_NULL_PARAM;
     PEL_PARAM* entry = nullptr;
+    // Read under the handle's lock: a change on another thread may replace
+    // the value's text meanwhile.
+    MAV_HDL_REC* owner = MavIGetHandle(hdl);
+    int locked = owner != nullptr ? MavILockHdl(owner) : 0;
     if (name != nullptr) rc = MavIGetPelParameter(hdl, name, 0, &entry);
     if (rc == MAV_OK) {
         if (type != nullptr) *type = entry->tType;
         rc = MavIGetConfigValue(entry, value, valueLength);
     }
+    if (locked) MavIUnlockHdl(owner);
     MAV_TRC_EXIT(rc);
     return rc;
 }
@@ -125,6 +130,8 @@ MAV_API MAV_RC MavEnumParameters(void* hdl, uint32_t index, KORMO_CHAR* name, si
                   static_cast<void*>(type), static_cast<void*>(value),
                   static_cast<void*>(valueLength));
     PEL_PARAM* entry = nullptr;
+    MAV_HDL_REC* owner = MavIGetHandle(hdl);  // read under its lock, as above
+    int locked = owner != nullptr ? MavILockHdl(owner) : 0;
     MAV_RC rc = MavIGetPelParameterByIndex(hdl, index, &entry);
     if (rc == MAV_OK) {
         if (nameLength != nullptr) {
@@ -149,6 +156,7 @@ MAV_API MAV_RC MavEnumParameters(void* hdl, uint32_t index, KORMO_CHAR* name, si
             if (rc == MAV_OK) rc = vrc;
         }
     }
+    if (locked) MavIUnlockHdl(owner);
     MAV_TRC_EXIT(rc);
     return rc;
 }
