@@ -43,6 +43,14 @@ void deleteParameters(std::vector<mav::MavParameter*>& params) {
     params.clear();
 }
 
+// Instance builds run on many threads at once and note what they meet in the
+// shared group and profile objects: a field is written only when its value
+// changes, so that builds over an unchanged runtime only read them.
+template <typename T>
+void Note(T& field, T value) {
+    if (field != value) field = value;
+}
+
 // The last profile build of this thread met a profile referring to itself.
 thread_local bool tlsLastBuildCyclic = false;
 
@@ -205,7 +213,7 @@ void MavGroup::getInstance(MavInstance& inst) {
         auto it = mav_providers.find(pname);
         if (it == mav_providers.end()) continue;
         MavProvider* provider = it->second;
-        failed = provider->isFailed();
+        Note(failed, provider->isFailed());
         if (provider->isActive() && !provider->isFailed()) {
             provider->getInstance(inst);
             inst.setParameters(parameters);
@@ -218,12 +226,7 @@ void MavGroup::getInstance(MavInstance& inst) {
 // ---- MavProfile ---------------------------------------------------------------------
 
 MavProfile::MavProfile(const std::string& name_)
-    : cname(nullptr),
-      name(name_),
-      handle(nullptr),
-      linkage(0),
-      active(false),
-      failed(false) {
+    : cname(nullptr), name(name_), handle(nullptr), linkage(0), active(false), failed(false) {
     // No destructor runs for a half-made profile: what it owns so far is
     // released when the body throws.
     struct Release {
@@ -287,7 +290,7 @@ void MavProfile::walk(MavInstance& inst, bool top, std::vector<const MavProfile*
             auto g = mav_groups.find(entry);
             if (g != mav_groups.end()) {
                 g->second->getInstance(inst);
-                failed = g->second->isFailed();
+                Note(failed, g->second->isFailed());
                 continue;
             }
         }
@@ -305,11 +308,11 @@ void MavProfile::walk(MavInstance& inst, bool top, std::vector<const MavProfile*
         sub->walk(inst, false, path, cycle);
         path.pop_back();
         if (top) {
-            handle = inst.getMavHandle();
+            Note(handle, inst.getMavHandle());
         } else {
             inst.setParameters(parameters);
         }
-        failed = sub->active ? sub->failed : true;
+        Note(failed, sub->active ? sub->failed : true);
     }
 }
 
@@ -317,7 +320,7 @@ void MavProfile::getInstance(MavInstance& inst) {
     std::vector<const MavProfile*> path(1, this);
     bool cycle = false;
     walk(inst, false, path, cycle);
-    if (cycle) failed = true;
+    if (cycle) Note(failed, true);
 }
 
 MavInstance* MavProfile::getInstance() {
@@ -329,7 +332,7 @@ MavInstance* MavProfile::getInstance() {
     walk(*inst, true, path, cycle);
     if (cycle) {
         MAV_TRC_E("Profile >%s< is not valid: it refers to itself\n", name.c_str());
-        failed = true;
+        Note(failed, true);
         tlsLastBuildCyclic = true;
         return nullptr;
     }
