@@ -174,6 +174,7 @@ MAV_RC MavIXFreeCFG(MAV_CFG** pcfg) {
     if (pcfg == nullptr) return MAV_E_NULL_PARAM;
     MAV_CFG* cfg = *pcfg;
     if (cfg == nullptr) return MAV_OK;
+    MavIXFreeRetired(cfg);
     FreeParams(&cfg->pInitParams);
     FreeParams(&cfg->pOptParams);
     MavIFree(cfg->pCallback);

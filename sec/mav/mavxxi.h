@@ -344,8 +344,12 @@ MAV_LOCAL MAV_RC MavIXParseOptParams(const KORMO_CHAR* name, int32_t* code);
 MAV_LOCAL MAV_RC MavIGetConfig(const PEL_CONFIG* pelCfg, MAV_CFG** cfg);
 MAV_LOCAL MAV_RC MavIXSetDefaultConfig(const PEL_CONFIG* pelCfg, MAV_CFG* cfg);
 MAV_LOCAL MAV_RC MavISetDefaultConfig(void* hdlOrInst);
+// Copies one adapter entry over dest. A text dest replaces is kept on
+// retireTo's retired list (freed with it) when retireTo is given, else freed.
 MAV_LOCAL MAV_RC MavIXCopyParameter(PEL_PARAM* dest, int32_t code, const PEL_PARAM* src,
-                                    bool initList);
+                                    bool initList, MAV_CFG* retireTo);
+// Frees the texts retired from cfg's parameter lists.
+MAV_LOCAL void MavIXFreeRetired(MAV_CFG* cfg);
 MAV_LOCAL MAV_RC MavIGetConfigValue(const PEL_PARAM* param, KORMO_CHAR* buf, size_t* length);
 MAV_LOCAL MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param,
                                     const KORMO_CHAR* text);

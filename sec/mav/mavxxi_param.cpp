@@ -85,10 +85,36 @@ void TraceUnknownName(const char* name) {
               name != nullptr ? name : "(null)");
 }
 
+// Texts replaced in a live configuration are not freed at once: an adapter
+// may be reading them inside PelScan on another instance of the handle. They
+// are kept on the configuration's retired list (first reserved word) until
+// MavIXFreeCFG.
+struct RetiredText {
+    RetiredText* pNext;
+    void* pvText;
+};
+
+// A buffer of size bytes for a text that replaces *old in cfg (null cfg: the
+// configuration is not yet shared, so the old buffer is simply reused).
+char* NewTextBuffer(MAV_CFG* cfg, void* old, size_t size) {
+    if (cfg == nullptr || old == nullptr) return static_cast<char*>(MavIRealloc(old, size));
+    RetiredText* node = static_cast<RetiredText*>(MavIAlloc(sizeof(RetiredText), true));
+    if (node == nullptr) return nullptr;
+    char* buf = static_cast<char*>(MavIAlloc(size, false));
+    if (buf == nullptr) {
+        MavIFree(node);
+        return nullptr;
+    }
+    node->pvText = old;
+    node->pNext = reinterpret_cast<RetiredText*>(cfg->aReserved[0]);
+    cfg->aReserved[0] = reinterpret_cast<size_t>(node);
+    return buf;
+}
+
 // Replaces an entry's value with a copy of len bytes of text (owned).
-MAV_RC StoreText(PEL_PARAM* dest, const char* text, size_t len) {
+MAV_RC StoreText(MAV_CFG* cfg, PEL_PARAM* dest, const char* text, size_t len) {
     void* old = IsTextType(dest->tType) ? dest->pvValue : nullptr;
-    char* buf = static_cast<char*>(MavIRealloc(old, len + 1));
+    char* buf = NewTextBuffer(cfg, old, len + 1);
     if (buf == nullptr) return MAV_E_NO_SPACE;
     if (len > 0) memcpy(buf, text, len);
     buf[len] = '\0';
@@ -227,7 +253,8 @@ MAV_LOCAL int MavIXParamIndex(const MAV_CFG* cfg, int32_t code, bool* initList) 
 
 // ---- Building a MAV_CFG --------------------------------------------------------------
 
-MAV_RC MavIXCopyParameter(PEL_PARAM* dest, int32_t code, const PEL_PARAM* src, bool initList) {
+MAV_RC MavIXCopyParameter(PEL_PARAM* dest, int32_t code, const PEL_PARAM* src, bool initList,
+                          MAV_CFG* retireTo) {
     if (dest == nullptr || src == nullptr) return MAV_E_NULL_PARAM;
     if (src->tType < VS_TYPE_BOOL || src->tType > VS_TYPE_OBJECT) {
         if (initList)
@@ -242,14 +269,28 @@ MAV_RC MavIXCopyParameter(PEL_PARAM* dest, int32_t code, const PEL_PARAM* src, b
         const char* text = static_cast<const char*>(src->pvValue);
         size_t len = text != nullptr ? strnlen(text, src->lLength) : 0;
         void* old = IsTextType(dest->tType) ? dest->pvValue : nullptr;
-        char* buf = static_cast<char*>(MavIRealloc(old, src->lLength + 1));
+        char* buf = NewTextBuffer(retireTo, old, src->lLength + 1);
         if (buf == nullptr) return MAV_E_NO_SPACE;
         if (len > 0) memcpy(buf, text, len);
         memset(buf + len, 0, src->lLength + 1 - len);
         dest->pvValue = buf;
     } else {
-        if (IsTextType(dest->tType) && dest->pvValue != nullptr) MavIFree(dest->pvValue);
+        void* old = IsTextType(dest->tType) ? dest->pvValue : nullptr;
         dest->pvValue = src->pvValue;
+        if (old != nullptr) {
+            if (retireTo == nullptr) {
+                MavIFree(old);
+            } else {
+                RetiredText* node = static_cast<RetiredText*>(MavIAlloc(sizeof(RetiredText), true));
+                if (node == nullptr) {
+                    dest->pvValue = old;
+                    return MAV_E_NO_SPACE;
+                }
+                node->pvText = old;
+                node->pNext = reinterpret_cast<RetiredText*>(retireTo->aReserved[0]);
+                retireTo->aReserved[0] = reinterpret_cast<size_t>(node);
+            }
+        }
     }
     dest->struct_size = sizeof(PEL_PARAM);
     dest->tCode = code;
@@ -271,7 +312,7 @@ MAV_RC MavIXSetDefaultConfig(const PEL_CONFIG* pelCfg, MAV_CFG* cfg) {
         uint16_t n = src->usNumParams < dst->usNumParams ? src->usNumParams : dst->usNumParams;
         for (uint16_t i = 0; i < n; ++i) {
             const PEL_PARAM* p = &src->pParams[i];
-            MAV_RC rc = MavIXCopyParameter(&dst->pParams[i], p->tCode, p, true);
+            MAV_RC rc = MavIXCopyParameter(&dst->pParams[i], p->tCode, p, true, cfg);
             if (rc != MAV_OK) {
                 MAV_TRC_E("Error rc = %s in MavIXSetDefaultConfig\n", MavErrorName(rc));
                 return rc;
@@ -289,7 +330,7 @@ MAV_RC MavIXSetDefaultConfig(const PEL_CONFIG* pelCfg, MAV_CFG* cfg) {
         uint16_t n = src->usNumParams < dst->usNumParams ? src->usNumParams : dst->usNumParams;
         for (uint16_t i = 0; i < n; ++i) {
             const PEL_PARAM* p = &src->pParams[i];
-            MAV_RC rc = MavIXCopyParameter(&dst->pParams[i], p->tCode, p, false);
+            MAV_RC rc = MavIXCopyParameter(&dst->pParams[i], p->tCode, p, false, cfg);
             if (rc != MAV_OK) {
                 MAV_TRC_E("Error rc = %s in MavIXSetDefaultConfig\n", MavErrorName(rc));
                 return rc;
@@ -564,7 +605,7 @@ MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORM
         } else {
             PEL_PARAM* entry = &list->pParams[widx];
             if (IsTextType(pelType)) {
-                rc = StoreText(entry, utf8 != nullptr ? utf8 : "", utf8Len);
+                rc = StoreText(cfg, entry, utf8 != nullptr ? utf8 : "", utf8Len);
                 if (rc == MAV_OK) entry->lLength = utf8Len;
             } else {
                 entry->pvValue = slot;
@@ -626,9 +667,21 @@ MAV_RC MavISetDefaultValue(void* hdlOrInst, const MAV_PARAM_ID* param) {
         MAV_TRC_E("Parameter %s is not supported by this PEL\n", name);
         return MAV_E_PARAM_UNSUPPORTED;
     }
-    rc = MavIXCopyParameter(&dst->pParams[idx], code, &src->pParams[idx], initList);
+    rc = MavIXCopyParameter(&dst->pParams[idx], code, &src->pParams[idx], initList, cfg);
     if (locked) MavIUnlockHdl(hdl);
     return rc;
+}
+
+void MavIXFreeRetired(MAV_CFG* cfg) {
+    if (cfg == nullptr) return;
+    RetiredText* node = reinterpret_cast<RetiredText*>(cfg->aReserved[0]);
+    while (node != nullptr) {
+        RetiredText* next = node->pNext;
+        MavIFree(node->pvText);
+        MavIFree(node);
+        node = next;
+    }
+    cfg->aReserved[0] = 0;
 }
 
 // ---- Lookups on a handle or instance ---------------------------------------------------

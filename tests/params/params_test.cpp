@@ -482,18 +482,36 @@ TEST(ParamConfig, CopyParameterSwitchesBetweenTextAndNumberSlots) {
     PEL_PARAM dest = {};
     PEL_PARAM text = {sizeof(PEL_PARAM), 104, VS_TYPE_CHAR, 3, const_cast<char*>("abc")};
     PEL_PARAM number = {sizeof(PEL_PARAM), 105, VS_TYPE_INT, 4, reinterpret_cast<void*>(42)};
-    ASSERT_EQ(MAV_OK, MavIXCopyParameter(&dest, 104, &text, false));
+    ASSERT_EQ(MAV_OK, MavIXCopyParameter(&dest, 104, &text, false, nullptr));
     EXPECT_STREQ("abc", static_cast<char*>(dest.pvValue));
     // Text to number frees the copy; number to text never treats the number
     // as a buffer.
-    ASSERT_EQ(MAV_OK, MavIXCopyParameter(&dest, 105, &number, false));
+    ASSERT_EQ(MAV_OK, MavIXCopyParameter(&dest, 105, &number, false, nullptr));
     EXPECT_EQ(reinterpret_cast<void*>(42), dest.pvValue);
     EXPECT_EQ(105, dest.tCode);
-    ASSERT_EQ(MAV_OK, MavIXCopyParameter(&dest, 104, &text, false));
+    ASSERT_EQ(MAV_OK, MavIXCopyParameter(&dest, 104, &text, false, nullptr));
     EXPECT_STREQ("abc", static_cast<char*>(dest.pvValue));
     MavIFree(dest.pvValue);
     number.tType = -1;
-    EXPECT_EQ(MAV_E_INVALID_PARAM_TYPE, MavIXCopyParameter(&dest, 105, &number, true));
+    EXPECT_EQ(MAV_E_INVALID_PARAM_TYPE, MavIXCopyParameter(&dest, 105, &number, true, nullptr));
 }
 
 }  // namespace
+
+// An adapter may still read a handle's text values inside PelScan on another
+// instance while the handle's parameter changes: replaced texts stay readable
+// until the configuration is freed (ASan reports a read of a freed one).
+TEST_F(Params, ReplacedTextsStayReadableUntilTheConfigurationEnds) {
+    SetUpParams();
+    PEL_PARAM* entry = nullptr;
+    ASSERT_EQ(MAV_OK, MavIGetPelParameter(hdl, "BLOCKEXTENSIONS", 0, &entry));
+    const char* before = static_cast<const char*>(entry->pvValue);
+    ASSERT_STREQ("exe", before);
+    ASSERT_EQ(MAV_OK, MavSetParameter(hdl, "BLOCKEXTENSIONS", VS_TYPE_CHAR, "zip"));
+    const char* set = static_cast<const char*>(entry->pvValue);
+    ASSERT_EQ(MAV_OK, MavSetParameter(hdl, "BLOCKEXTENSIONS", VS_TYPE_CHAR, nullptr));
+    ASSERT_EQ(MAV_OK, MavSetDefaultConfig(hdl));
+    EXPECT_STREQ("exe", before);
+    EXPECT_STREQ("zip", set);
+    EXPECT_EQ("exe", Get(hdl, "BLOCKEXTENSIONS"));
+}
