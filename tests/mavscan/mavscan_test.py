@@ -176,6 +176,13 @@ class ExitTest(unittest.TestCase):
         rc, _, _ = run([path("mixed/eicar.com"), path("nothere")])
         self.assertEqual(2, rc)
 
+    def test_clean_request_the_engine_cannot_honour(self):
+        rc, out, _ = run(["--clean", path("mixed/eicar.com"), path("clean/a.txt")])
+        self.assertEqual(1, rc)
+        self.assertEqual(sorted([path("clean/a.txt") + ": OK",
+                                 path("mixed/eicar.com") + ": " + EICAR_NAME + " FOUND",
+                                 path("mixed/eicar.com") + ": not cleaned"]), object_lines(out))
+
     def test_quiet_prints_only_findings(self):
         rc, out, _ = run(["-q", path("mixed")])
         self.assertEqual(1, rc)

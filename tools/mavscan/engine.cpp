@@ -70,8 +70,8 @@ void collect(MAV_INST inst, MAV_RC rc, Result* r) {
         Infection f;
         MAV_RC e = MAV_OK;
         f.name = fetchText([&](KORMO_CHAR* b, size_t* l) {
-            return e = MavEnumInfections(inst, i, nullptr, nullptr, b, l, nullptr, nullptr,
-                                         nullptr, nullptr, nullptr);
+            return e = MavEnumInfections(inst, i, nullptr, nullptr, b, l, nullptr, nullptr, nullptr,
+                                         nullptr, nullptr);
         });
         if (e != MAV_OK) break;
         f.object = fetchText([&](KORMO_CHAR* b, size_t* l) {
@@ -95,8 +95,8 @@ void collect(MAV_INST inst, MAV_RC rc, Result* r) {
         r->errors.push_back(std::move(s));
     }
     if (rc > 0) {
-        r->message = !r->errors.empty() && !r->errors[0].text.empty() ? r->errors[0].text
-                                                                      : describeRc(rc);
+        r->message =
+            !r->errors.empty() && !r->errors[0].text.empty() ? r->errors[0].text : describeRc(rc);
     }
 }
 
@@ -181,13 +181,10 @@ MAV_RC Scanner::scanOne(MAV_INST inst, const std::string& name, std::vector<unsi
         return clean_ ? MavCleanFile(inst, name.c_str(), jobId, &info)
                       : MavScanFile(inst, name.c_str(), jobId, &info);
     }
+    // Bytes in memory are only scanned: a cleaned copy would go nowhere.
     static unsigned char none[1] = {0};
     unsigned char* bytes = data->empty() ? none : data->data();
-    if (!clean_) return MavScanBytes(inst, name.c_str(), bytes, data->size(), jobId, &info);
-    size_t len = data->size();
-    MAV_RC rc = MavCleanBytes(inst, name.c_str(), bytes, &len, jobId, &info);
-    if (rc == MAV_E_CLEAN_OK && len < data->size()) data->resize(len);
-    return rc;
+    return MavScanBytes(inst, name.c_str(), bytes, data->size(), jobId, &info);
 }
 
 // The profile's linkage rule over the C instances: with 0 the first instance
@@ -233,7 +230,7 @@ Result Scanner::scanFile(const std::string& path, uint32_t jobId) {
 }
 
 Result Scanner::scanBytes(const std::string& name, std::vector<unsigned char>& data,
-                         uint32_t jobId) {
+                          uint32_t jobId) {
     uint64_t size = data.size();
     Result r = walk(name, &data, jobId);
     r.size = size;
@@ -342,8 +339,8 @@ bool Engine::applySets(const std::vector<void*>& targets, std::string* error) {
             MAV_RC rc = MavSetParameter(t, s.first.c_str(), type, s.second.c_str());
             if (rc != MAV_OK) {
                 const char* tname = MavParamTypeName(type);
-                *error = "cannot set " + s.first + "=" + s.second + " (" +
-                         (tname ? tname : "?") + "): " + describeRc(rc);
+                *error = "cannot set " + s.first + "=" + s.second + " (" + (tname ? tname : "?") +
+                         "): " + describeRc(rc);
                 return false;
             }
         }
@@ -375,18 +372,16 @@ std::unique_ptr<Scanner> Engine::acquire(std::string* error) {
     if (!mi) {
         // The C lookup tells why.
         MAV_INST probe = nullptr;
-        MAV_RC rc = MavGetProfileInstance(opt_.profile.empty() ? nullptr : opt_.profile.c_str(),
-                                          &probe);
+        MAV_RC rc =
+            MavGetProfileInstance(opt_.profile.empty() ? nullptr : opt_.profile.c_str(), &probe);
         if (probe != nullptr) MavFreeInstance(&probe);
-        *error = pname + " is not usable" +
-                 (rc != MAV_OK ? ": " + describeRc(rc) : std::string());
+        *error = pname + " is not usable" + (rc != MAV_OK ? ": " + describeRc(rc) : std::string());
         return nullptr;
     }
     if (mi->getCInstances().empty()) {
         // An empty instance scans everything as clean: refuse it.
         std::string why = adapterErrorText(mi->getMavHandle());
-        *error = pname + " has no usable adapter" +
-                 (why.empty() ? traceErrors() : ": " + why);
+        *error = pname + " has no usable adapter" + (why.empty() ? traceErrors() : ": " + why);
         return nullptr;
     }
     std::unique_ptr<Scanner> s(new Scanner(opt_.clean, mi->getLinkage()));

@@ -38,18 +38,18 @@ struct Result {
 // The C instances one worker scans with: a profile's instances in step order,
 // or one instance of the adapter handle. Used by one thread at a time.
 class Scanner {
-public:
+  public:
     Scanner(const Scanner&) = delete;
     Scanner& operator=(const Scanner&) = delete;
     ~Scanner();
 
     Result scanFile(const std::string& path, uint32_t jobId);
-    // Scans data in memory under name (cleaned in place with --clean).
+    // Scans data in memory under name (never cleaned).
     Result scanBytes(const std::string& name, std::vector<unsigned char>& data, uint32_t jobId);
     // Adapter, engine, drivers and parameters of every C instance.
     std::string describe();
 
-private:
+  private:
     friend class Engine;
     Scanner(bool clean, int linkage) : clean_(clean), linkage_(linkage) {}
     MAV_RC scanOne(MAV_INST inst, const std::string& name, std::vector<unsigned char>* data,
@@ -58,13 +58,13 @@ private:
 
     const bool clean_;
     const int linkage_;
-    std::vector<MAV_INST> insts_;               // not owned in profile mode
+    std::vector<MAV_INST> insts_;                // not owned in profile mode
     std::unique_ptr<mav::MavInstance> profile_;  // owner of insts_ in profile mode
     MAV_INST own_ = nullptr;                     // adapter mode
 };
 
 class Engine {
-public:
+  public:
     explicit Engine(const Options& options) : opt_(options) {}
     ~Engine() { stop(); }
     Engine(const Engine&) = delete;
@@ -79,7 +79,7 @@ public:
     // from one thread only: building profile instances is not thread safe.
     std::unique_ptr<Scanner> acquire(std::string* error);
 
-private:
+  private:
     bool applySets(const std::vector<void*>& targets, std::string* error);
     std::string traceErrors();
 

@@ -29,7 +29,7 @@ namespace {
 
 // Paths handed from the walk to the workers.
 class Queue {
-public:
+  public:
     void push(std::string p) {
         std::unique_lock<std::mutex> lock(mu_);
         room_.wait(lock, [&] { return q_.size() < 4096; });
@@ -51,7 +51,7 @@ public:
         return true;
     }
 
-private:
+  private:
     std::mutex mu_;
     std::condition_variable ready_, room_;
     std::deque<std::string> q_;
@@ -129,8 +129,8 @@ int main(int argc, char** argv) {
         stdinDone = true;
         std::vector<unsigned char> data;
         if (!readAll(stdin, &data)) {
-            report.error("stdin", std::string("cannot read standard input: ") +
-                                      std::strerror(errno));
+            report.error("stdin",
+                         std::string("cannot read standard input: ") + std::strerror(errno));
             continue;
         }
         report.object("stdin", scanners[0]->scanBytes("stdin", data, jobId++));
@@ -153,14 +153,16 @@ int main(int argc, char** argv) {
     if (progress) {
         ticker = std::thread([&] {
             std::unique_lock<std::mutex> lock(tickMu);
-            while (!tickCv.wait_for(lock, std::chrono::milliseconds(250), [&] { return !running; })) {
+            while (
+                !tickCv.wait_for(lock, std::chrono::milliseconds(250), [&] { return !running; })) {
                 report.progress();
             }
         });
     }
     for (const auto& p : paths) {
-        walk(p, opt.followLinks, [&](const std::string& f) { queue.push(f); },
-             [&](const std::string& f, const std::string& m) { report.error(f, m); });
+        walk(
+            p, opt.followLinks, [&](const std::string& f) { queue.push(f); },
+            [&](const std::string& f, const std::string& m) { report.error(f, m); });
     }
     queue.close();
     for (auto& t : workers) t.join();

@@ -14,9 +14,9 @@ struct Options {
     std::string adapter;             // --adapter PATH
     std::string profile;             // --profile NAME
     std::vector<std::pair<std::string, std::string>> sets;  // --set NAME=VALUE
-    std::string traceFile;           // --trace FILE
-    int traceLevel = 1;              // --trace-level 0..3
-    unsigned jobs = 0;               // -j N; 0: number of cores
+    std::string traceFile;                                  // --trace FILE
+    int traceLevel = 1;                                     // --trace-level 0..3
+    unsigned jobs = 0;                                      // -j N; 0: number of cores
     bool clean = false;
     bool json = false;
     bool quiet = false;

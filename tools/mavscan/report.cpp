@@ -10,8 +10,11 @@ namespace {
 // Length of the valid UTF-8 sequence at s[i], or 0.
 size_t utf8Len(const std::string& s, size_t i) {
     unsigned char c = static_cast<unsigned char>(s[i]);
-    size_t n = c < 0x80 ? 1 : (c >= 0xC2 && c <= 0xDF) ? 2 : (c >= 0xE0 && c <= 0xEF) ? 3
-               : (c >= 0xF0 && c <= 0xF4) ? 4 : 0;
+    size_t n = c < 0x80                   ? 1
+               : (c >= 0xC2 && c <= 0xDF) ? 2
+               : (c >= 0xE0 && c <= 0xEF) ? 3
+               : (c >= 0xF0 && c <= 0xF4) ? 4
+                                          : 0;
     if (n == 0 || i + n > s.size()) return 0;
     for (size_t k = 1; k < n; ++k) {
         if ((static_cast<unsigned char>(s[i + k]) & 0xC0) != 0x80) return 0;
@@ -79,7 +82,7 @@ void Report::object(const std::string& path, const Result& r) {
     if (json_) {
         if (quiet_ && r.rc == MAV_OK) return;
         std::string j = "{\"path\":" + jsonString(path) + ",\"verdict\":\"" + verdict +
-                         "\",\"code\":\"" + MavErrorName(r.rc) + "\",\"infections\":[";
+                        "\",\"code\":\"" + MavErrorName(r.rc) + "\",\"infections\":[";
         for (size_t i = 0; i < r.infections.size(); ++i) {
             j += (i ? "," : "") + std::string("{\"name\":") + jsonString(r.infections[i].name) +
                  ",\"object\":" + jsonString(r.infections[i].object) + "}";
@@ -87,8 +90,8 @@ void Report::object(const std::string& path, const Result& r) {
         j += "],\"scan_errors\":[";
         for (size_t i = 0; i < r.errors.size(); ++i) {
             j += (i ? "," : "") + std::string("{\"code\":") + std::to_string(r.errors[i].code) +
-                 ",\"text\":" + jsonString(r.errors[i].text) + ",\"object\":" +
-                 jsonString(r.errors[i].object) + "}";
+                 ",\"text\":" + jsonString(r.errors[i].text) +
+                 ",\"object\":" + jsonString(r.errors[i].object) + "}";
         }
         j += "]";
         if (r.rc > 0) j += ",\"error\":" + jsonString(r.message);
@@ -103,6 +106,7 @@ void Report::object(const std::string& path, const Result& r) {
         for (const auto& f : r.infections) lines += path + ": " + f.name + " FOUND\n";
         if (r.infections.empty()) lines += path + ": " + MavErrorName(r.rc) + " FOUND\n";
         if (r.rc == MAV_E_CLEAN_OK) lines += path + ": cleaned\n";
+        if (r.rc == MAV_E_CLEAN_FAILED) lines += path + ": not cleaned\n";
         emit(lines);
     } else {
         emit(path + ": ERROR " + r.message + "\n");
@@ -137,20 +141,21 @@ void Report::summary() {
     if (progress_ && !progressText_.empty()) std::fputs("\r\033[K", stderr);
     progressText_.clear();
     if (json_) {
-        std::printf("{\"summary\":{\"scanned\":%llu,\"found\":%llu,\"errors\":%llu,\"bytes\":%llu,"
-                    "\"seconds\":%.3f}}\n",
-                    static_cast<unsigned long long>(files_.load()),
-                    static_cast<unsigned long long>(found_.load()),
-                    static_cast<unsigned long long>(errors_.load()),
-                    static_cast<unsigned long long>(bytes_.load()), secs);
+        std::printf(
+            "{\"summary\":{\"scanned\":%llu,\"found\":%llu,\"errors\":%llu,\"bytes\":%llu,"
+            "\"seconds\":%.3f}}\n",
+            static_cast<unsigned long long>(files_.load()),
+            static_cast<unsigned long long>(found_.load()),
+            static_cast<unsigned long long>(errors_.load()),
+            static_cast<unsigned long long>(bytes_.load()), secs);
     } else {
-        std::printf("\n----------- SCAN SUMMARY -----------\n"
-                    "Scanned objects: %llu\nInfected objects: %llu\nErrors: %llu\n"
-                    "Data scanned: %.2f MB\nTime: %.3f sec\n",
-                    static_cast<unsigned long long>(files_.load()),
-                    static_cast<unsigned long long>(found_.load()),
-                    static_cast<unsigned long long>(errors_.load()), bytes_.load() / 1048576.0,
-                    secs);
+        std::printf(
+            "\n----------- SCAN SUMMARY -----------\n"
+            "Scanned objects: %llu\nInfected objects: %llu\nErrors: %llu\n"
+            "Data scanned: %.2f MB\nTime: %.3f sec\n",
+            static_cast<unsigned long long>(files_.load()),
+            static_cast<unsigned long long>(found_.load()),
+            static_cast<unsigned long long>(errors_.load()), bytes_.load() / 1048576.0, secs);
     }
     std::fflush(stdout);
 }

@@ -13,7 +13,7 @@
 namespace mavscan {
 
 class Report {
-public:
+  public:
     Report(bool json, bool quiet, bool progress);
 
     // Records and prints the outcome for one object (thread safe).
@@ -28,7 +28,7 @@ public:
     // 0 all clean, 1 something found, 2 any error.
     int exitStatus() const;
 
-private:
+  private:
     void emit(const std::string& line);
 
     const bool json_, quiet_, progress_;
