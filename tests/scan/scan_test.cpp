@@ -343,6 +343,9 @@ TEST(TempFileDeathTest, DefaultDirectoryFollowsTheEnvironmentOrder) {
     ExpectDefaultTmpPath(nullptr, nullptr, "/te", "/td", "/te");
     ExpectDefaultTmpPath(nullptr, nullptr, nullptr, "/td", "/td");
     ExpectDefaultTmpPath(nullptr, nullptr, nullptr, nullptr, "/tmp");
+    // An empty value counts as unset.
+    ExpectDefaultTmpPath("", "/t", "/te", "/td", "/t");
+    ExpectDefaultTmpPath("", "", "", "", "/tmp");
 }
 
 TEST_F(Scan, ThousandFallbackScansWithFailuresLeaveNoFileBehind) {
