@@ -8,9 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstring>
-#include <string>
 
 #include "krncp.h"
 #include "krntrc.h"
@@ -194,12 +194,14 @@ struct ScanScratch {
 };
 
 // Copies the handle's temporary directory (it may change under the lock).
-bool HandleTmpDir(MAV_HDL_REC* hdl, std::string* out) {
+// No allocation: a C entry point must not meet std::bad_alloc, least of all
+// with the handle locked. The directory passed stat() when it was set, so it
+// fits PATH_MAX.
+bool HandleTmpDir(MAV_HDL_REC* hdl, char* out, size_t size) {
     bool have = false;
     int locked = MavILockHdl(hdl);
     if (hdl->pszTmpPath != nullptr) {
-        out->assign(hdl->pszTmpPath);
-        have = true;
+        have = static_cast<size_t>(snprintf(out, size, "%s", hdl->pszTmpPath)) < size;
     }
     if (locked) MavIUnlockHdl(hdl);
     return have;
@@ -226,10 +228,9 @@ __attribute__((noinline)) MAV_RC PrepareTempFile(MAV_INST_REC* inst, const char*
     }
     snprintf(base, sizeof base, "%s", src);
 
-    std::string dir;
-    bool own = HandleTmpDir(inst->pHdl, &dir);
-    MAV_RC rc =
-        MavPXBytesToTempFile(bytes, length, own ? dir.c_str() : nullptr, base, &scratch->tmpPath);
+    char dir[PATH_MAX];
+    bool own = HandleTmpDir(inst->pHdl, dir, sizeof dir);
+    MAV_RC rc = MavPXBytesToTempFile(bytes, length, own ? dir : nullptr, base, &scratch->tmpPath);
     if (rc != MAV_OK) return rc;
     if (CTrcGetTraceLevel() >= 3) {
         CTrcSaveLocation(__FILE__, __LINE__);

@@ -3,10 +3,10 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "krndl.h"
 #include "mavxxi.h"
@@ -39,15 +39,18 @@ bool Open(const char* fileName, MAV_HDL_REC* hdl, int* rc) {
 // Opens a default adapter name: first the file of that name beside this
 // library (the installed pair; also found when the loader's caller is not this
 // library, as under sanitizers), else through the loader's search path.
+// Fixed buffers: MavInit must not meet std::bad_alloc.
 bool OpenDefault(const char* name, MAV_HDL_REC* hdl, int* rc) {
     Dl_info info;
     if (dladdr(reinterpret_cast<void*>(&MavILoadLib), &info) != 0 && info.dli_fname != nullptr) {
-        std::string dir = info.dli_fname;
-        size_t slash = dir.rfind('/');
-        if (slash != std::string::npos) {
-            std::string beside = dir.substr(0, slash + 1) + name;
-            if (access(beside.c_str(), F_OK) == 0 && Open(beside.c_str(), hdl, rc)) return true;
-        }
+        const char* slash = strrchr(info.dli_fname, '/');
+        char beside[PATH_MAX];
+        if (slash != nullptr &&
+            static_cast<size_t>(snprintf(beside, sizeof beside, "%.*s%s",
+                                         static_cast<int>(slash + 1 - info.dli_fname),
+                                         info.dli_fname, name)) < sizeof beside &&
+            access(beside, F_OK) == 0 && Open(beside, hdl, rc))
+            return true;
     }
     return Open(name, hdl, rc);
 }
@@ -88,11 +91,14 @@ MAV_RC MavILoadLib(const KORMO_CHAR* path, MAV_HDL_REC* hdl) {
     }
     MAV_TRC(MAV_TRC_PEL, "Load of adapter failed. DlLoadLib return rc=%d\n", rc);
     // Copied at once: the store is only valid until the next kernel call.
+    // A fixed buffer (MavInit must not meet std::bad_alloc); a loader text
+    // longer than it is cut.
     const char* last = ErrGetLastText();
-    std::string text = last != nullptr ? last : "";
-    if (text.empty()) return MAV_E_PEL_LOAD_FAILED;
-    MAV_TRC_E("Adapter library not loaded because >>>%s<<<\n", text.c_str());
-    MavPAddError(hdl, text.c_str(), 0);
+    char text[4096];
+    snprintf(text, sizeof text, "%s", last != nullptr ? last : "");
+    if (text[0] == '\0') return MAV_E_PEL_LOAD_FAILED;
+    MAV_TRC_E("Adapter library not loaded because >>>%s<<<\n", text);
+    MavPAddError(hdl, text, 0);
     ErrClear();
     return MAV_E_PEL_LOAD_FAILED;
 }

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
+#include <climits>
 
 #include "krnflat.h"
 #include "krntrc.h"
@@ -25,14 +25,24 @@ constexpr size_t kMaxSuffix = 200;
 extern "C" {
 
 const char* MavPXGetDefaultTmpPath(void) {
-    static const std::string path = [] {
-        for (const char* var : {"PEL_TMP", "TMP", "TEMP", "TMPDIR"}) {
+    // A fixed buffer, filled once: the first MavInit must not meet
+    // std::bad_alloc. A longer directory than PATH_MAX could not be used.
+    static char path[PATH_MAX];
+    static const bool filled = [] {
+        const char* dir = "/tmp";
+        static const char* const kVars[] = {"PEL_TMP", "TMP", "TEMP", "TMPDIR"};
+        for (const char* var : kVars) {
             const char* v = getenv(var);
-            if (v != nullptr && *v != '\0') return std::string(v);
+            if (v != nullptr && *v != '\0') {
+                dir = v;
+                break;
+            }
         }
-        return std::string("/tmp");
+        snprintf(path, sizeof path, "%s", dir);
+        return true;
     }();
-    return path.c_str();
+    (void)filled;
+    return path;
 }
 
 MAV_RC MavPXBytesToTempFile(const unsigned char* bytes, size_t length, const char* directory,
