@@ -37,6 +37,14 @@
 
 namespace robust {
 
+// Allocation sizes of the record pool's blocks (see CountingHooks::RecordState).
+constexpr size_t RoundLine(size_t n) {
+    return (n + 63) / 64 * 64;
+}
+constexpr size_t kHdlAlloc = RoundLine(256 + sizeof(THR_CRIT_SEC) + sizeof(void*)) + 64;
+constexpr size_t kInstAlloc =
+    RoundLine(sizeof(MAV_INST_REC) + sizeof(PEL_SCANPARAM) + sizeof(void*)) + 64;
+
 class CountingHooks {
     // Shared state first: the inline members below deduce types from it.
     static constexpr uintptr_t kMask = 0xA5A5A5A5A5A5A5A5ull;
@@ -132,14 +140,21 @@ class CountingHooks {
     static std::vector<Block> Leaks(uint64_t mark) {
         std::vector<Block> out;
         for (const Block& b : LiveSince(mark)) {
-            if (!IsRecycledRecord(b)) out.push_back(b);
+            if (RecordState(b) != kRecycled) out.push_back(b);
         }
         return out;
     }
     // Recycled record blocks currently held (whenever allocated).
     static size_t RecycledRecords() {
         size_t n = 0;
-        for (const Block& b : LiveSince(0)) n += IsRecycledRecord(b) ? 1 : 0;
+        for (const Block& b : LiveSince(0)) n += RecordState(b) == kRecycled ? 1 : 0;
+        return n;
+    }
+    // Record blocks in use now: handles and instances not ended (a recycled
+    // block taken again is no new allocation, so Leaks() cannot see it).
+    static size_t RecordsInUse() {
+        size_t n = 0;
+        for (const Block& b : LiveSince(0)) n += RecordState(b) == kInUse ? 1 : 0;
         return n;
     }
 
@@ -147,7 +162,7 @@ class CountingHooks {
         std::string s;
         for (const Block& b : blocks) {
             s += "  block of " + std::to_string(b.size) + " bytes from allocation #" +
-                 std::to_string(b.serial) + ": \"" + Printable(b) + "\"\n";
+                 std::to_string(b.serial) + ": \"" + Printable(b) + "\"" + RecordFields(b) + "\n";
             if (!b.frames.empty()) {
                 char** names =
                     backtrace_symbols(b.frames.data(), static_cast<int>(b.frames.size()));
@@ -240,30 +255,44 @@ class CountingHooks {
         return out;
     }
 
-    // A record block: cache-line aligned inside the allocation, size word and
-    // marks wiped, and its self-pointer in place (a handle block's critical
-    // section pointer, an instance block's PEL_SCANPARAM pointer).
-    static bool IsRecycledRecord(const Block& b) {
+    // A record block is an allocation of the size the record pool asks for
+    // (a cache line more than the block, which is aligned inside it): the
+    // record with the handle's critical section, or with the instance's
+    // PEL_SCANPARAM, and the free-list link. It is recycled when its size word
+    // and marks are wiped, in use when they are set. (A profile instance
+    // record has no self-pointer, so the size is what tells.)
+    enum RecState { kNoRecord, kRecycled, kInUse };
+    static RecState RecordState(const Block& b) {
+        if (b.size != kHdlAlloc && b.size != kInstAlloc) return kNoRecord;
+        uintptr_t rec = (reinterpret_cast<uintptr_t>(b.ptr) + 63) & ~uintptr_t(63);
+        if (b.size == kHdlAlloc) {
+            const MAV_HDL_REC* h = reinterpret_cast<const MAV_HDL_REC*>(rec);
+            if (reinterpret_cast<uintptr_t>(h->pCS) != rec + 256) return kNoRecord;
+            if (h->struct_size == 0 && h->uiHeadMark == 0 && h->uiTailMark == 0) return kRecycled;
+            if (h->struct_size == MAV_HDL_SIZE && h->uiHeadMark == MAV_HDL_HEAD) return kInUse;
+            return kNoRecord;
+        }
+        const MAV_INST_REC* i = reinterpret_cast<const MAV_INST_REC*>(rec);
+        if (i->struct_size == 0 && i->uiHeadMark == 0 && i->uiTailMark == 0) return kRecycled;
+        if (i->struct_size == MAV_INST_SIZE &&
+            (i->uiHeadMark == MAV_INST_HEAD || i->uiHeadMark == MAV_PINST_HEAD))
+            return kInUse;
+        return kNoRecord;
+    }
+
+    // Size word and marks of what looks like a record (empty otherwise).
+    static std::string RecordFields(const Block& b) {
         uintptr_t start = reinterpret_cast<uintptr_t>(b.ptr);
         uintptr_t rec = (start + 63) & ~uintptr_t(63);
-        const uintptr_t end = start + b.size;
-        const bool roomHdl = rec + sizeof(MAV_HDL_REC) <= end;
-        const bool roomInst = rec + sizeof(MAV_INST_REC) + sizeof(PEL_SCANPARAM) <= end;
-        if (!roomHdl && !roomInst) return false;
-        if (*reinterpret_cast<const size_t*>(rec) != 0) return false;
-        if (roomHdl) {
-            const MAV_HDL_REC* h = reinterpret_cast<const MAV_HDL_REC*>(rec);
-            if (h->uiHeadMark == 0 && h->uiTailMark == 0 &&
-                reinterpret_cast<uintptr_t>(h->pCS) == rec + 256)
-                return true;
-        }
-        if (roomInst) {
-            const MAV_INST_REC* i = reinterpret_cast<const MAV_INST_REC*>(rec);
-            if (i->uiHeadMark == 0 && i->uiTailMark == 0 &&
-                reinterpret_cast<uintptr_t>(i->pScanParam) == rec + sizeof(MAV_INST_REC))
-                return true;
-        }
-        return false;
+        if (rec + sizeof(MAV_INST_REC) + sizeof(PEL_SCANPARAM) > start + b.size) return "";
+        const MAV_INST_REC* i = reinterpret_cast<const MAV_INST_REC*>(rec);
+        char text[192];
+        snprintf(text, sizeof text,
+                 " (record at +%td? size %zu head %#x tail %#x scanparam %p hdl %p init %p)",
+                 static_cast<ptrdiff_t>(rec - start), i->struct_size, i->uiHeadMark, i->uiTailMark,
+                 static_cast<void*>(i->pScanParam), static_cast<void*>(i->pHdl),
+                 static_cast<void*>(i->pPelInit));
+        return text;
     }
 
     static std::string Printable(const Block& b) {

@@ -192,26 +192,40 @@ class CxxAllocSweep : public RobustTest {
         pel.script_infection("Eicar-Test", "obj", 1, 0, TPEL_SIZE_OF_OBJECT, nullptr);
     }
 
-    // One run; problems are collected, not asserted, so that the run always
-    // stops the runtime. strict: memory never runs out.
+    // Problems of one run, collected (not asserted) so that a run always
+    // cleans up; the calls made, for the failure message.
+    std::string problems;
+    std::string trail;
+    void expect(bool ok, const char* what) {
+        if (!ok) problems += std::string("  ") + what + "\n";
+    }
+    // A C entry point runs armed; an exception leaving it is a defect.
+    template <typename F>
+    MAV_RC call(const char* what, F f) {
+        MAV_RC code = MAV_E_NO_SPACE;
+        try {
+            Armed a;
+            code = f();
+        } catch (const std::exception& e) {
+            problems += std::string("  ") + what + " let " + e.what() + " escape\n";
+        }
+        trail += std::string(what) + "=" + MavErrorName(code) + " ";
+        return code;
+    }
+    std::string Result() {
+        if (MavIXGetHdlSize() != 0) problems += "  handles left registered\n";
+        if (pel.live_inits() != 0) problems += "  engine records left\n";
+        if (CountingHooks::RecordsInUse() != 0) problems += "  handle or instance records left\n";
+        if (!problems.empty()) problems += "  calls: " + trail + "\n";
+        std::string out;
+        out.swap(problems);
+        trail.clear();
+        return out;
+    }
+
+    // The profile runtime: start, profile instance, scans, C++ entry points,
+    // stop. strict: memory never runs out.
     std::string Run(bool strict) {
-        std::string problems;
-        std::string trail;
-        auto expect = [&](bool ok, const char* what) {
-            if (!ok) problems += std::string("  ") + what + "\n";
-        };
-        // A C entry point runs armed; an exception leaving it is a defect.
-        auto call = [&](const char* what, auto f) -> MAV_RC {
-            MAV_RC code = MAV_E_NO_SPACE;
-            try {
-                Armed a;
-                code = f();
-            } catch (const std::exception& e) {
-                problems += std::string("  ") + what + " let " + e.what() + " escape\n";
-            }
-            trail += std::string(what) + "=" + MavErrorName(code) + " ";
-            return code;
-        };
         Script();
         const std::string config = Config();
         MAV_RC rc =
@@ -252,19 +266,82 @@ class CxxAllocSweep : public RobustTest {
         }
         rc = call("MavStopRuntime", [] { return MavStopRuntime(); });  // needs no memory
         expect(rc == MAV_OK, "MavStopRuntime");
-        if (MavIXGetHdlSize() != 0) problems += "  handles left registered\n";
-        if (pel.live_inits() != 0) problems += "  engine records left\n";
-        if (!problems.empty()) problems += "  calls: " + trail + "\n";
-        return problems;
+        return Result();
     }
 
-    void Sweep(bool persistent) {
+    // The C interface on its own: start-up (also of missing adapters, whose
+    // loader texts are kept), a handle with its own temporary directory,
+    // events, scans of bytes through a temporary file and of a file, results,
+    // shutdown.
+    std::string RunCore(bool strict) {
+        Script();
+        pel.add_param(1, VS_P_INITTEMP_PATH, VS_TYPE_CHAR, "");
+        pel.set_flags(PEL_SCANFLAG_FILE, 0x19, VS_M_ALL, 0);
+        MAV_HANDLE h = nullptr;
+        MAV_RC rc = call("MavInit", [&] { return MavInit(pel.path(), &h); });
+        expect(rc == MAV_OK || (!strict && KnownCode(rc)), "MavInit");
+        if (rc == MAV_OK) {
+            rc = call("MavSetParameter", [&] {
+                return MavSetParameter(h, "INITTEMP_PATH", VS_TYPE_CHAR, HandleTmpDir().c_str());
+            });
+            expect(KnownCode(rc) && (!strict || rc == MAV_OK), "INITTEMP_PATH");
+            MAV_INST i = nullptr;
+            rc = call("MavCreateInstance", [&] { return MavCreateInstance(h, &i); });
+            expect(KnownCode(rc) && (!strict || rc == MAV_OK), "MavCreateInstance");
+            if (i != nullptr) {
+                MAV_EVENTS events = {};
+                events.OnVirusFound = [](MAV_INST, void*, void*) -> VS_CALLRC { return 0; };
+                rc = call("MavRegisterEvents",
+                          [&] { return MavRegisterEvents(i, &events, nullptr); });
+                expect(KnownCode(rc) && (!strict || rc == MAV_OK), "MavRegisterEvents");
+                unsigned char bytes[16] = {0};
+                MAV_SCANINFO si = {sizeof(MAV_SCANINFO), 0, 0, 0, 0, 0, 0};
+                rc = call("MavScanBytes", [&] {
+                    return MavScanBytes(i, "dir/object", bytes, sizeof bytes, 1, &si);
+                });
+                expect(KnownCode(rc) && (!strict || rc == MAV_E_VIRUS_FOUND), "MavScanBytes");
+                rc = call("MavScanFile",
+                          [&] { return MavScanFile(i, SampleFile().c_str(), 2, &si); });
+                expect(KnownCode(rc) && (!strict || rc == MAV_E_VIRUS_FOUND), "MavScanFile");
+                char name[32];
+                size_t len = sizeof name;
+                rc = call("MavEnumInfections", [&] {
+                    return MavEnumInfections(i, 0, nullptr, nullptr, name, &len, nullptr, nullptr,
+                                             nullptr, nullptr, nullptr);
+                });
+                expect(KnownCode(rc), "MavEnumInfections");
+                rc = call("MavFreeInstance", [&] { return MavFreeInstance(&i); });
+                expect(rc == MAV_OK, "MavFreeInstance");
+            }
+        }
+        if (h != nullptr) expect(call("MavEnd", [&] { return MavEnd(&h); }) == MAV_OK, "MavEnd");
+        pel.set_flags(0x3, 0x19, VS_M_ALL, 0);
+        // Adapters that cannot be loaded: a named file, then the default names.
+        const std::string missing = DefaultTmpDir() + "/missing-adapter.so";
+        for (const char* path : {missing.c_str(), static_cast<const char*>(nullptr)}) {
+            MAV_HANDLE bad = nullptr;
+            rc = call("MavInit (missing)", [&] { return MavInit(path, &bad); });
+            expect(rc == MAV_E_PEL_LOAD_FAILED || (!strict && KnownCode(rc)), "MavInit (missing)");
+            size_t len = 0;
+            rc = call("MavAdapterErrorText",
+                      [&] { return MavAdapterErrorText(bad, nullptr, &len); });
+            expect(KnownCode(rc), "MavAdapterErrorText");
+            if (bad != nullptr)
+                expect(call("MavEnd", [&] { return MavEnd(&bad); }) == MAV_OK, "MavEnd (missing)");
+        }
+        return Result();
+    }
+
+    // core: the C interface scenario, else the profile runtime's.
+    void Sweep(bool core, bool persistent) {
+        auto run = [this, core](bool strict) { return core ? RunCore(strict) : Run(strict); };
+        const char* what = core ? "the C interface" : "the profile runtime";
         failAt = 0;
-        ASSERT_EQ("", Run(true)) << "warm-up";
+        ASSERT_EQ("", run(true)) << "warm-up";
         newPoints = 0;
-        ASSERT_EQ("", Run(true)) << "counting run";
+        ASSERT_EQ("", run(true)) << "counting run";
         const uint64_t points = newPoints;
-        ASSERT_GT(points, 100u);
+        ASSERT_GT(points, 0u);
         uint64_t refusedRuns = 0;
         // KORMO_SWEEP_ONLY=k repeats one point (diagnosis).
         const char* only = std::getenv("KORMO_SWEEP_ONLY");
@@ -276,32 +353,39 @@ class CxxAllocSweep : public RobustTest {
             refused = 0;
             failAt = k;
             failPersistent = persistent;
-            std::string problems = Run(false);
+            std::string problems = run(false);
             failAt = 0;
             refusedRuns += refused > 0 ? 1 : 0;
             ASSERT_EQ("", problems) << "operator new refused at " << k << " of " << points;
             std::vector<CountingHooks::Block> leaks = CountingHooks::Leaks(mark);
             ASSERT_TRUE(leaks.empty()) << "operator new refused at " << k << ":\n"
                                        << CountingHooks::Describe(leaks);
-            ASSERT_EQ("", Run(true)) << "then again with memory, after " << k;
+            ASSERT_EQ("", run(true)) << "then again with memory, after " << k;
         }
 #ifdef ROBUST_HAVE_LSAN
         EXPECT_EQ(0, __lsan_do_recoverable_leak_check()) << "unreachable heap blocks";
 #endif
         std::printf(
-            "[ sweep    ] C++ %s: %llu operator new points in the profile runtime, "
-            "%llu runs refused memory\n",
-            persistent ? "persistent" : "single", static_cast<unsigned long long>(points),
+            "[ sweep    ] C++ %s: %llu operator new points in %s, %llu runs refused memory\n",
+            persistent ? "persistent" : "single", static_cast<unsigned long long>(points), what,
             static_cast<unsigned long long>(refusedRuns));
     }
 };
 
 TEST_F(CxxAllocSweep, ProfileRuntimeSurvivesEveryRefusedNew) {
-    Sweep(false);
+    Sweep(false, false);
 }
 
 TEST_F(CxxAllocSweep, ProfileRuntimeSurvivesNewFailingFromThereOn) {
-    Sweep(true);
+    Sweep(false, true);
+}
+
+TEST_F(CxxAllocSweep, CInterfaceLetsNoExceptionOut) {
+    Sweep(true, false);
+}
+
+TEST_F(CxxAllocSweep, CInterfaceLetsNoExceptionOutFromThereOn) {
+    Sweep(true, true);
 }
 
 }  // namespace

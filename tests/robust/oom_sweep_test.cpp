@@ -526,6 +526,7 @@ class OomSweep : public RobustTest {
         ASSERT_EQ(0, pel.live_inits()) << when << ": engine records left";
         ASSERT_EQ(0, pel.live_scaninfos()) << when << ": scan results left";
         ASSERT_EQ(0u, pel.bad_releases()) << when << ": bad releases";
+        ASSERT_EQ(0u, CountingHooks::RecordsInUse()) << when << ": handle or instance records left";
         std::vector<CountingHooks::Block> leaks = CountingHooks::Leaks(mark);
         ASSERT_TRUE(leaks.empty()) << when << ": leaked\n" << CountingHooks::Describe(leaks);
         ASSERT_EQ(0, FilesIn(DefaultTmpDir()) + FilesIn(HandleTmpDir()))

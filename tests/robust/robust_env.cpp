@@ -107,6 +107,7 @@ void RobustTest::TearDown() {
     EXPECT_EQ(0, pel.live_inits()) << "engine records never ended";
     EXPECT_EQ(0, pel.live_scaninfos()) << "scan results never released";
     EXPECT_EQ(0u, pel.bad_releases()) << "records released twice or foreign records released";
+    EXPECT_EQ(0u, CountingHooks::RecordsInUse()) << "handle or instance records never freed";
     std::vector<CountingHooks::Block> leaks = CountingHooks::Leaks(mark_);
     EXPECT_TRUE(leaks.empty()) << "hook allocations still live:\n"
                                << CountingHooks::Describe(leaks);
