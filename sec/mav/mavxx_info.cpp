@@ -11,11 +11,12 @@ uint32_t Version(uint16_t major, uint16_t minor) {
     return (static_cast<uint32_t>(major) << 16) | minor;
 }
 
-// The handle behind hdl with its PEL_CONFIG; traces and sets *rc when none.
-MAV_HDL_REC* ConfiguredHandle(void* hdl, MAV_RC* rc) {
+// The handle behind hdl with its PEL_CONFIG; traces (under the caller's
+// name) and sets *rc when none.
+MAV_HDL_REC* ConfiguredHandle(void* hdl, MAV_RC* rc, const char* func) {
     MAV_HDL_REC* h = MavIGetHandle(hdl);
     if (h == nullptr || h->pPelConfig == nullptr) {
-        MAV_TRC_E("Invalid NULL handle for PEL config\n");
+        MAV_TRC_FN(MAV_TRC_ERROR, func, "Invalid NULL handle for PEL config\n");
         *rc = MAV_E_INVALID_HANDLE;
         return nullptr;
     }
@@ -46,7 +47,7 @@ MAV_API MAV_RC MavEnumDriverInfo(void* hdl, uint32_t index, uint32_t* version, K
     }
     MAV_TRC_ENTRY(">> start >> %s(%p,%d,...)\n", __func__, hdl, static_cast<int>(index));
     MAV_RC rc = MAV_OK;
-    MAV_HDL_REC* h = ConfiguredHandle(hdl, &rc);
+    MAV_HDL_REC* h = ConfiguredHandle(hdl, &rc, __func__);
     if (h != nullptr) {
         const PEL_INIT* init = EngineOf(hdl, h);
         if (init == nullptr) {
@@ -75,7 +76,7 @@ MAV_API MAV_RC MavGetPelInfo(void* hdl, uint32_t* version, uint32_t* parameters,
     }
     MAV_TRC_ENTRY(">> start >> %s(%p,...)\n", __func__, hdl);
     MAV_RC rc = MAV_OK;
-    MAV_HDL_REC* h = ConfiguredHandle(hdl, &rc);
+    MAV_HDL_REC* h = ConfiguredHandle(hdl, &rc, __func__);
     if (h != nullptr) {
         const PEL_CONFIG* cfg = h->pPelConfig;
         const PEL_ADAPTERINFO* ai = cfg->pAdapterInfo;
@@ -103,7 +104,7 @@ MAV_API MAV_RC MavGetPelTechInfo(void* hdl, uint32_t* adapterId, uint32_t* threa
     }
     MAV_TRC_ENTRY(">> start >> %s(%p,...)\n", __func__, hdl);
     MAV_RC rc = MAV_OK;
-    MAV_HDL_REC* h = ConfiguredHandle(hdl, &rc);
+    MAV_HDL_REC* h = ConfiguredHandle(hdl, &rc, __func__);
     if (h != nullptr) {
         const PEL_CONFIG* cfg = h->pPelConfig;
         const PEL_ADAPTERINFO* ai = cfg->pAdapterInfo;
@@ -131,7 +132,7 @@ MAV_API MAV_RC MavGetEngineInfo(void* hdl, uint32_t* version, KORMO_CHAR* versio
     }
     MAV_TRC_ENTRY(">> start >> %s(%p,...)\n", __func__, hdl);
     MAV_RC rc = MAV_OK;
-    MAV_HDL_REC* h = ConfiguredHandle(hdl, &rc);
+    MAV_HDL_REC* h = ConfiguredHandle(hdl, &rc, __func__);
     if (h != nullptr) {
         const PEL_INIT* init = EngineOf(hdl, h);
         if (init == nullptr) {

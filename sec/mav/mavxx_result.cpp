@@ -34,8 +34,9 @@ MAV_INST_REC* ResultInstance(void* hdl, MAV_RC* rc) {
     }
 }
 
-// Common checks of the three enumerators; returns the result record.
-PEL_SCANINFO* ScanInfoOf(void* hdl, MAV_RC* rc) {
+// Common checks of the three enumerators; returns the result record. Traces
+// under the enumerator's name.
+PEL_SCANINFO* ScanInfoOf(void* hdl, MAV_RC* rc, const char* func) {
     MAV_INST_REC* inst = ResultInstance(hdl, rc);
     if (inst == nullptr) return nullptr;
     if (inst->pScanInfo == nullptr) {
@@ -43,7 +44,7 @@ PEL_SCANINFO* ScanInfoOf(void* hdl, MAV_RC* rc) {
         return nullptr;
     }
     if (inst->pHdl == nullptr || inst->pHdl->pFunctions == nullptr) {
-        MAV_TRC_E("Invalid NULL parameter for mav handle\n");
+        MAV_TRC_FN(MAV_TRC_ERROR, func, "Invalid NULL parameter for mav handle\n");
         *rc = MAV_E_NOT_INITIALISED;
         return nullptr;
     }
@@ -71,7 +72,7 @@ MAV_API MAV_RC MavEnumInfections(void* hdl, uint32_t index, uint8_t* repairable,
         return MAV_E_INVALID_HANDLE;
     }
     MAV_RC rc = MAV_OK;
-    PEL_SCANINFO* si = ScanInfoOf(hdl, &rc);
+    PEL_SCANINFO* si = ScanInfoOf(hdl, &rc, __func__);
     if (si != nullptr) {
         uint32_t count = si->pVirusInfo != nullptr ? si->uiInfections : 0;
         if (index >= count) {
@@ -100,7 +101,7 @@ MAV_API MAV_RC MavEnumScanErrors(void* hdl, uint32_t index, uint32_t* errorCode,
         return MAV_E_INVALID_HANDLE;
     }
     MAV_RC rc = MAV_OK;
-    PEL_SCANINFO* si = ScanInfoOf(hdl, &rc);
+    PEL_SCANINFO* si = ScanInfoOf(hdl, &rc, __func__);
     if (si != nullptr) {
         uint32_t count = si->pScanError != nullptr ? si->uiScanErrors : 0;
         if (index >= count) {
@@ -128,7 +129,7 @@ MAV_API MAV_RC MavEnumContentInfo(void* hdl, uint32_t index, uint32_t* objectTyp
         return MAV_E_INVALID_HANDLE;
     }
     MAV_RC rc = MAV_OK;
-    PEL_SCANINFO* si = ScanInfoOf(hdl, &rc);
+    PEL_SCANINFO* si = ScanInfoOf(hdl, &rc, __func__);
     if (si != nullptr && si->pContentInfo == nullptr) {
         // No content list at all: every output cleared, MAV_OK for any index.
         if (objectType != nullptr) *objectType = 0;

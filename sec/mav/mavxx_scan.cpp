@@ -212,8 +212,8 @@ __attribute__((noinline)) MAV_RC PrepareTempFile(MAV_INST_REC* inst, const char*
                                                  const KORMO_CHAR* name, unsigned char* bytes,
                                                  size_t length, ScanScratch* scratch) {
     PEL_SCANPARAM* sp = inst->pScanParam;
-    MAV_TRC(MAV_TRC_INFO,
-            "This PEL does not support scanning bytes - copy bytes to file and scan this\n");
+    MAV_TRC_FN(MAV_TRC_INFO, "MavScanClean",
+               "This PEL does not support scanning bytes - copy bytes to file and scan this\n");
     sp->tScanCode = VS_SC_FILE;
 
     // The name base is changed ('/' and '\' to '~'): work on a copy, the

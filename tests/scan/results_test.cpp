@@ -271,6 +271,19 @@ TEST_F(Results, MissingAdapterInfoIsRefusedWithOutputsUntouched) {
     EXPECT_EQ(5u, id);
 }
 
+TEST(AdapterInformation, RefusalsAreTracedUnderThePublicFunction) {
+    // Not a record at all: no handle, so no adapter configuration.
+    alignas(8) unsigned char junk[256] = {};
+    uint32_t n = 0;
+    TraceCapture trace(MAV_TRC_ERROR);
+    EXPECT_EQ(MAV_E_INVALID_HANDLE,
+              MavGetPelInfo(junk, &n, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE,
+              MavEnumDriverInfo(junk, 0, &n, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_TRUE(trace.HasFrom("MavGetPelInfo", "Invalid NULL handle for PEL config\n"));
+    EXPECT_TRUE(trace.HasFrom("MavEnumDriverInfo", "Invalid NULL handle for PEL config\n"));
+}
+
 TEST(FreeInfo, FreesBothLevelsAndClearsThePointer) {
     void** outer = static_cast<void**>(MavIAlloc(sizeof(void*), true));
     ASSERT_NE(nullptr, outer);

@@ -232,8 +232,9 @@ TEST_F(Scan, FallbackWritesBytesToAPrivateFileAndRemovesIt) {
     EXPECT_EQ(prefix, name.substr(0, prefix.size()));
     EXPECT_EQ("mavlib.bin", name.substr(prefix.size() + 6));
     EXPECT_TRUE(DirEntries(dir_).empty());
-    EXPECT_TRUE(
-        trace.Has("This PEL does not support scanning bytes - copy bytes to file and scan this\n"));
+    EXPECT_TRUE(trace.HasFrom(
+        "MavScanClean",
+        "This PEL does not support scanning bytes - copy bytes to file and scan this\n"));
     EXPECT_EQ(9u, si.uiJobID);
 }
 

@@ -35,6 +35,7 @@ class TraceCapture {
     static void Clear() {
         std::lock_guard<std::mutex> g(mu());
         lines().clear();
+        funcs().clear();
     }
     // Number of lines whose text is exactly text.
     static int Count(const std::string& text) {
@@ -44,6 +45,14 @@ class TraceCapture {
         return n;
     }
     static bool Has(const std::string& text) { return Count(text) > 0; }
+    // True when a line of exactly text was written under the function name func.
+    static bool HasFrom(const std::string& func, const std::string& text) {
+        std::lock_guard<std::mutex> g(mu());
+        for (size_t i = 0; i < lines().size(); ++i) {
+            if (lines()[i] == text && funcs()[i] == func) return true;
+        }
+        return false;
+    }
     // Number of lines containing part.
     static int CountContaining(const std::string& part) {
         std::lock_guard<std::mutex> g(mu());
@@ -53,9 +62,10 @@ class TraceCapture {
     }
 
   private:
-    static int Handler(const char*, const char*, int, uint32_t, const char* text) {
+    static int Handler(const char*, const char* func, int, uint32_t, const char* text) {
         std::lock_guard<std::mutex> g(mu());
         lines().push_back(text);
+        funcs().push_back(func != nullptr ? func : "");
         return 0;
     }
     static std::mutex& mu() {
@@ -65,6 +75,10 @@ class TraceCapture {
     static std::vector<std::string>& lines() {
         static std::vector<std::string> l;
         return l;
+    }
+    static std::vector<std::string>& funcs() {
+        static std::vector<std::string> f;
+        return f;
     }
 };
 
