@@ -3,7 +3,8 @@
 
 Usage: mavscan_test.py [unittest arguments, e.g. ExitTest]
 Environment (set by CMakeLists.txt): MAVSCAN, KORMO_LIB, CLAMAV_ADAPTER,
-TESTPEL_ADAPTER, KORMO_SOURCE_DIR, KORMO_SANITIZED.
+TESTPEL_ADAPTER, KORMO_SOURCE_DIR. The default adapter is found beside the
+library, as installed; nothing points the loader at it.
 
 The signatures come from scripts/make-testdb.sh; the EICAR test file is
 assembled here, in pieces, and never stored.
@@ -21,7 +22,6 @@ KORMO_LIB = os.environ["KORMO_LIB"]
 CLAMAV = os.environ["CLAMAV_ADAPTER"]
 TESTPEL = os.environ["TESTPEL_ADAPTER"]
 SOURCE = os.environ["KORMO_SOURCE_DIR"]
-SANITIZED = os.environ.get("KORMO_SANITIZED") == "1"
 
 EICAR = b"X5O!P%@AP[4\\PZX54(P^)7CC)7}" + b"$EICAR-STANDARD-ANTIVIRUS" + b"-TEST-FILE!$H+H*"
 EICAR_NAME = "Eicar-Test-Signature.UNOFFICIAL"
@@ -70,21 +70,19 @@ def put(rel, data, mode=0o644):
     return p
 
 
-def base_env(db=None, libdir=None):
+def base_env(db=None):
     env = dict(os.environ)
-    for k in ("PEL_LIB", "MAVSCAN", "KORMO_SANITIZED"):
+    for k in ("PEL_LIB", "LD_LIBRARY_PATH"):
         env.pop(k, None)
     env["KORMO_CLAMAV_DATABASE"] = db if db is not None else path("db")
-    if SANITIZED:
-        env["LD_LIBRARY_PATH"] = libdir or os.path.dirname(CLAMAV)
     return env
 
 
-def run(args, db=None, stdin=b"", cwd=None, prefix=(), exe=None, libdir=None):
+def run(args, db=None, stdin=b"", cwd=None, prefix=(), exe=None):
     """Runs mavscan; returns (exit status, stdout text, stderr text)."""
     p = subprocess.run(list(prefix) + [exe or MAVSCAN] + list(args), input=stdin,
                        capture_output=True, cwd=cwd or path("cwd"),
-                       env=base_env(db, libdir), timeout=120)
+                       env=base_env(db), timeout=120)
     return (p.returncode, p.stdout.decode("utf-8", "replace"),
             p.stderr.decode("utf-8", "replace"))
 
@@ -452,7 +450,7 @@ class AccessTest(unittest.TestCase):
         put("locked/closed/inner.txt", b"fine\n")
         os.chmod(path("locked/closed"), 0o000)
         prefix = ()
-        exe, libdir = MAVSCAN, None
+        exe = MAVSCAN
         if os.geteuid() == 0:
             prefix = ("setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups")
             libdir = path("bin")
@@ -465,7 +463,7 @@ class AccessTest(unittest.TestCase):
             for f in os.listdir(libdir):
                 os.chmod(os.path.join(libdir, f), 0o755)
             exe = os.path.join(libdir, os.path.basename(MAVSCAN))
-        rc, out, err = run([path("locked")], prefix=prefix, exe=exe, libdir=libdir)
+        rc, out, err = run([path("locked")], prefix=prefix, exe=exe)
         os.chmod(path("locked/closed"), 0o755)
         self.assertEqual(2, rc, err)
         self.assertEqual(sorted([
