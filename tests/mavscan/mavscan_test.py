@@ -51,6 +51,12 @@ def setUpModule():
     shutil.copy(os.path.join(W, "db", "samples", "hash1.bin"), path("mixed/hash1.bin"))
     put("mixed/deep/notes.txt", b"some words, then " + marker + b" and more words\n")
     put("mixed/deep/empty.dat", b"")
+    # Everything readable by the unprivileged user of AccessTest, whatever the umask.
+    for root, dirs, files in os.walk(W):
+        for d in dirs:
+            os.chmod(os.path.join(root, d), 0o755)
+        for f in files:
+            os.chmod(os.path.join(root, f), 0o644)
 
 
 def tearDownModule():
