@@ -17,7 +17,7 @@ const char* usageText() {
            "      --profile NAME   profile to scan with (default: the configuration's default)\n"
            "      --adapter PATH   scan through this adapter directly instead of profiles\n"
            "      --set NAME=VALUE set an adapter parameter (typed as the adapter reports it)\n"
-           "      --clean          clean infected objects where the engine can\n"
+           "      --clean          clean infected files where the engine can\n"
            "      --json           one JSON object per scanned object\n"
            "  -q, --quiet          print only findings and errors, no summary\n"
            "  -L, --follow-symlinks  follow symbolic links while walking directories\n"
