@@ -6,7 +6,6 @@
  */
 #include "clam_common.h"
 
-#include <cctype>
 #include <cstdlib>
 
 namespace clampel {
@@ -14,11 +13,6 @@ namespace clampel {
 std::string DefaultDbDir() {
     const char* env = std::getenv("KORMO_CLAMAV_DATABASE");
     return env != nullptr && env[0] != '\0' ? std::string(env) : std::string("/var/lib/clamav");
-}
-
-std::string Lower(std::string s) {
-    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return s;
 }
 
 std::vector<std::string> SplitList(const char* text, bool stripDot) {
@@ -46,49 +40,21 @@ std::vector<std::string> SplitList(const char* text, bool stripDot) {
     return out;
 }
 
-namespace {
-
-const PEL_PARAM* Find(const PEL_PARAMS* params, int32_t code) {
-    if (params == nullptr || params->pParams == nullptr) return nullptr;
-    for (uint16_t i = 0; i < params->usNumParams; ++i) {
-        if (params->pParams[i].tCode == code) return &params->pParams[i];
-    }
-    return nullptr;
-}
-
-// Numeric slot value; negative values count as 0 (no limit).
-uint64_t Number(const PEL_PARAM* p, uint64_t fallback) {
-    if (p == nullptr || p->tType == VS_TYPE_CHAR || p->tType == VS_TYPE_OBJECT) return fallback;
-    auto v = static_cast<int64_t>(reinterpret_cast<intptr_t>(p->pvValue));
-    return v < 0 ? 0 : static_cast<uint64_t>(v);
-}
-
-}  // namespace
-
-std::string ParamText(const PEL_PARAMS* params, int32_t code, const std::string& fallback) {
-    const PEL_PARAM* p = Find(params, code);
-    if (p == nullptr || (p->tType != VS_TYPE_CHAR && p->tType != VS_TYPE_OBJECT)) return fallback;
-    return p->pvValue != nullptr ? std::string(static_cast<const char*>(p->pvValue))
-                                 : std::string();
-}
-
 ScanSettings ReadScanSettings(const PEL_OPTPARAMS* params, const EngineDefaults& defaults) {
     ScanSettings s;
     s.limits = defaults.limits;
-    s.limits.maxFileSize = Number(Find(params, VS_P_SCANLIMIT), s.limits.maxFileSize);
-    s.limits.maxScanSize = Number(Find(params, VS_P_SCANEXTRACT_SIZE), s.limits.maxScanSize);
-    uint64_t depth = Number(Find(params, VS_P_SCANEXTRACT_DEPTH), s.limits.maxDepth);
-    s.limits.maxDepth = static_cast<uint32_t>(depth > UINT32_MAX ? UINT32_MAX : depth);
-    uint64_t ms = Number(Find(params, VS_P_SCANEXTRACT_TIME), s.limits.maxTimeMs);
-    s.limits.maxTimeMs = static_cast<uint32_t>(ms > UINT32_MAX ? UINT32_MAX : ms);
-    s.allEmbedded = Number(Find(params, VS_P_SCANALLEMBEDDED), 1) != 0;
-    uint64_t level = Number(Find(params, VS_P_SCANHEURISTICLEVEL), 1);
+    s.limits.maxFileSize = ParamNumber(params, VS_P_SCANLIMIT, s.limits.maxFileSize);
+    s.limits.maxScanSize = ParamNumber(params, VS_P_SCANEXTRACT_SIZE, s.limits.maxScanSize);
+    s.limits.maxDepth = ParamNumber32(params, VS_P_SCANEXTRACT_DEPTH, s.limits.maxDepth);
+    s.limits.maxTimeMs = ParamNumber32(params, VS_P_SCANEXTRACT_TIME, s.limits.maxTimeMs);
+    s.allEmbedded = ParamNumber(params, VS_P_SCANALLEMBEDDED, 1) != 0;
+    uint64_t level = ParamNumber(params, VS_P_SCANHEURISTICLEVEL, 1);
     s.heuristicLevel = static_cast<int32_t>(level > 3 ? 3 : level);
-    const PEL_PARAM* mime = Find(params, VS_P_BLOCKMIMETYPES);
+    const PEL_PARAM* mime = FindParam(params, VS_P_BLOCKMIMETYPES);
     if (mime != nullptr && mime->tType == VS_TYPE_CHAR) {
         s.blockMime = SplitList(static_cast<const char*>(mime->pvValue), false);
     }
-    const PEL_PARAM* ext = Find(params, VS_P_BLOCKEXTENSIONS);
+    const PEL_PARAM* ext = FindParam(params, VS_P_BLOCKEXTENSIONS);
     if (ext != nullptr && ext->tType == VS_TYPE_CHAR) {
         s.blockExt = SplitList(static_cast<const char*>(ext->pvValue), true);
     }

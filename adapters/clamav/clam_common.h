@@ -1,5 +1,5 @@
 /*
- * clam_common.h - result codes and parameter helpers of the ClamAV adapter.
+ * clam_common.h - scan settings and parameter helpers of the ClamAV adapter.
  *
  * Copyright the libkormomav authors. Licensed under the GNU General Public
  * License version 2 (see LICENSE in this folder): the adapter links libclamav.
@@ -13,26 +13,17 @@
 #include <vector>
 
 #include "kormopel.h"
+#include "pel_params.h"
+#include "pel_records.h"
 
 namespace clampel {
 
-// Result codes of the entry points. The library passes them on unchanged as its
-// own result, so they take the values of the interface's result codes.
-enum Rc : int {
-    kOk = 0,
-    kNoSpace = 1,
-    kNullParam = 2,
-    kInvalidParam = 3,
-    kNotInitialised = 5,
-    kDriverFailed = 9,
-    kScanFailed = 13,
-    kNotScanned = 14,
-    kCallbackTerminated = 17,
-    kScanCodeUnsupported = 21,
-    kVirusFound = -2,
-    kCleanFailed = -5,
-    kBlockedByPolicy = -6,
-};
+// Result codes, record building and parameter reading shared with the clamd
+// adapter (adapters/common, under the project's licence).
+using namespace pelcommon;
+
+// Mark of this adapter's scan results (ScanResult).
+constexpr uint32_t kResultMark = 0x434c5253u;  // "CLRS"
 
 // Per-scan settings, read from the optional parameter list of each PelScan.
 struct Limits {
@@ -70,14 +61,8 @@ ScanSettings ReadScanSettings(const PEL_OPTPARAMS* params, const EngineDefaults&
 // /var/lib/clamav.
 std::string DefaultDbDir();
 
-// Text value of a CHAR parameter with the given code, or fallback.
-std::string ParamText(const PEL_PARAMS* params, int32_t code, const std::string& fallback);
-
 // Splits a comma-separated list, trims blanks, lower-cases; empty items dropped.
 std::vector<std::string> SplitList(const char* text, bool stripDot);
-
-// Lower-case copy (ASCII).
-std::string Lower(std::string s);
 
 }  // namespace clampel
 

@@ -138,14 +138,6 @@ std::string ContentType::Extension() const {
     return extensions.front();
 }
 
-std::string NameExtension(const std::string& name) {
-    size_t slash = name.find_last_of("/\\");
-    std::string base = slash == std::string::npos ? name : name.substr(slash + 1);
-    size_t dot = base.find_last_of('.');
-    if (dot == std::string::npos || dot == 0 || dot + 1 == base.size()) return std::string();
-    return Lower(base.substr(dot + 1));
-}
-
 MagicPool::~MagicPool() {
     for (void* c : free_) magic_close(static_cast<magic_t>(c));
 }

@@ -26,9 +26,6 @@ struct ContentType {
     std::string Extension() const;
 };
 
-// The extension of the last path component of name ("a/b.tar.gz" -> "gz").
-std::string NameExtension(const std::string& name);
-
 // libmagic cookies are not thread safe: a pool hands one to each scan.
 class MagicPool {
   public:

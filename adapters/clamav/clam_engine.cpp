@@ -13,15 +13,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <type_traits>
 
 namespace clampel {
 
 void InstallScanCallbacks(cl_engine* engine);  // clam_scan.cpp
 
 namespace {
-
-constexpr uint32_t kInitMark = 0x434c494eu;  // "CLIN"
 
 thread_local std::string* tlsMessages = nullptr;
 
@@ -110,24 +107,13 @@ void LimitsGate::Leave() {
 
 // ---- Engine --------------------------------------------------------------------------
 
-static_assert(std::is_standard_layout<InitBlock>::value, "PEL_INIT must convert back");
-
 Engine::Engine() {
-    std::memset(&block_, 0, sizeof block_);
-    block_.init.struct_size = sizeof(PEL_INIT);
-    block_.mark = kInitMark;
-    block_.owner = this;
+    block_.Open(this);
 }
 
 Engine::~Engine() {
-    block_.mark = 0;
+    block_.Close();
     if (engine_ != nullptr) cl_engine_free(engine_);
-}
-
-Engine* Engine::FromInit(PEL_INIT* init) {
-    if (init == nullptr) return nullptr;
-    auto* b = reinterpret_cast<InitBlock*>(init);
-    return b->mark == kInitMark ? b->owner : nullptr;
 }
 
 int Engine::Create(const PEL_INITPARAMS* params, const EngineDefaults& defaults, Engine** out) {

@@ -17,6 +17,7 @@
 
 #include "clam_common.h"
 #include "clam_content.h"
+#include "pel_init.h"
 
 struct cl_engine;
 
@@ -42,15 +43,6 @@ class LimitsGate {
     uint64_t nextTicket_ = 0;
 };
 
-class Engine;
-
-// What the library holds: a PEL_INIT with a link back to its owner.
-struct InitBlock {
-    PEL_INIT init;  // first member: PEL_INIT* converts to InitBlock*
-    uint32_t mark;
-    Engine* owner;
-};
-
 class Engine {
   public:
     // Loads and compiles the databases named by the init parameters. Always
@@ -62,19 +54,22 @@ class Engine {
     Engine& operator=(const Engine&) = delete;
 
     PEL_INIT* Init() { return &block_.init; }
-    static Engine* FromInit(PEL_INIT* init);
+    static Engine* FromInit(PEL_INIT* init) { return Block::OwnerOf(init); }
 
     // PelScan for one object.
     int Scan(const PEL_CALLBACK* callback, const PEL_SCANPARAM* param, const PEL_OPTPARAMS* options,
              PEL_SCANINFO** result);
 
   private:
+    // What the library holds: a PEL_INIT with a link back to its engine.
+    using Block = pelcommon::InitBlock<Engine, 0x434c494eu>;  // "CLIN"
+
     Engine();
     int Load(const PEL_INITPARAMS* params);
     int Fail(int rc, int vendorRc, const std::string& text);
     void ListDrivers(const std::string& dir);
 
-    InitBlock block_;
+    Block block_;
     cl_engine* engine_ = nullptr;
     EngineDefaults defaults_;
     LimitsGate gate_;

@@ -12,17 +12,14 @@
  * License version 2 (see LICENSE in this folder).
  */
 #include <clamav.h>
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <memory>
 
 #include "clam_engine.h"
-#include "clam_result.h"
+#include "pel_scan.h"
 
 namespace clampel {
 
@@ -133,13 +130,6 @@ cl_scan_options Options(const ScanSettings& s) {
 }
 
 // Closes a descriptor on every path out.
-struct Fd {
-    int fd = -1;
-    ~Fd() {
-        if (fd >= 0) close(fd);
-    }
-};
-
 }  // namespace
 
 void InstallScanCallbacks(cl_engine* engine) {
@@ -151,32 +141,19 @@ void InstallScanCallbacks(cl_engine* engine) {
 int Engine::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, const PEL_OPTPARAMS* options,
                  PEL_SCANINFO** out) {
     if (out != nullptr) *out = nullptr;
-    if (param == nullptr) return kNullParam;
-    const bool memory = param->tScanCode == VS_SC_BYTES;
-    if (!memory && param->tScanCode != VS_SC_FILE) return kScanCodeUnsupported;
-    if (memory && param->pbByte == nullptr && param->lLength != 0) return kNullParam;
-    if (!memory && param->pszObjectName == nullptr) return kNullParam;
+    bool memory = false;
+    if (int bad = CheckScanParam(param, &memory); bad != kOk) return bad;
 
     const ScanSettings s = ReadScanSettings(options, defaults_);
     const std::string name = param->pszObjectName != nullptr ? param->pszObjectName : "";
     const bool cleanAsked = (param->tActionCode & VS_A_CLEAN) != 0;
 
-    Fd file;
+    ObjectFile file;
     size_t size = memory ? param->lLength : 0;
     std::string openError;
-    if (!memory) {
-        file.fd = open(name.c_str(), O_RDONLY | O_CLOEXEC);
-        struct stat st;
-        if (file.fd < 0) {
-            openError = "Cannot open " + name + ": " + std::strerror(errno);
-        } else if (fstat(file.fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-            openError = "Not a regular file: " + name;
-        } else {
-            size = static_cast<size_t>(st.st_size);
-        }
-    }
+    if (!memory && file.Open(name, &openError)) size = file.Size();
 
-    auto result = std::make_unique<ScanResult>(param->uiJobID, name, size,
+    auto result = std::make_unique<ScanResult>(kResultMark, param->uiJobID, name, size,
                                                memory ? kObjectMemory : kObjectFile);
     int rc = kOk;
     std::string engineError;
@@ -204,7 +181,7 @@ int Engine::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, const PEL_O
         size_t sniffLength = std::min(size, MagicPool::kSniffBytes);
         if (!memory) {
             head.resize(sniffLength);
-            ssize_t n = sniffLength != 0 ? pread(file.fd, head.data(), sniffLength, 0) : 0;
+            ssize_t n = sniffLength != 0 ? pread(file.Fd(), head.data(), sniffLength, 0) : 0;
             sniffLength = n > 0 ? static_cast<size_t>(n) : 0;
             sniff = head.data();
         }
@@ -255,7 +232,7 @@ int Engine::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, const PEL_O
                     cl_fmap_close(map);
                 }
             } else {
-                r = cl_scandesc_callback(file.fd, name.c_str(), &virname, &scanned, engine_, &o,
+                r = cl_scandesc_callback(file.Fd(), name.c_str(), &virname, &scanned, engine_, &o,
                                          &ctx);
             }
             gate_.Leave();

@@ -7,77 +7,37 @@
  * chunks); a server that fails is skipped for INITRECONNECTTIME seconds and
  * the scan moves on to the next one.
  */
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cctype>
-#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "clamd_client.h"
-#include "clamd_result.h"
 #include "kormopel.h"
+#include "pel_init.h"
+#include "pel_params.h"
+#include "pel_records.h"
+#include "pel_scan.h"
 
 namespace clamdpel {
 namespace {
 
+// Result codes, record building and parameter reading (adapters/common).
+using namespace pelcommon;
+
 constexpr uint32_t kAdapterId = 0x434c4401u;  // "CLD", 1
 constexpr uint32_t kInitMark = 0x43444e49u;
+constexpr uint32_t kResultMark = 0x43445253u;  // "CDRS"
 const char kDefaultServers[] = "unix:/var/run/clamav/clamd.ctl";
 constexpr uint32_t kDefaultTimeout = 30;    // seconds per request
 constexpr uint32_t kDefaultReconnect = 10;  // seconds before a failed server is tried again
 const char kStreamPrefix[] = "stream: ";
 const char kFound[] = " FOUND";
 const char kLimitPrefix[] = "Heuristics.Limits.Exceeded.";
-
-class Instance;
-
-struct InitBlock {
-    PEL_INIT init;  // first member: PEL_INIT* converts to InitBlock*
-    uint32_t mark;
-    Instance* owner;
-};
-static_assert(std::is_standard_layout<InitBlock>::value, "PEL_INIT must convert back");
-
-const PEL_PARAM* Find(const PEL_PARAMS* params, int32_t code) {
-    if (params == nullptr || params->pParams == nullptr) return nullptr;
-    for (uint16_t i = 0; i < params->usNumParams; ++i) {
-        if (params->pParams[i].tCode == code) return &params->pParams[i];
-    }
-    return nullptr;
-}
-
-uint32_t Number(const PEL_PARAMS* params, int32_t code, uint32_t fallback) {
-    const PEL_PARAM* p = Find(params, code);
-    if (p == nullptr || p->tType == VS_TYPE_CHAR || p->tType == VS_TYPE_OBJECT) return fallback;
-    auto v = static_cast<int64_t>(reinterpret_cast<intptr_t>(p->pvValue));
-    return v < 0 ? 0 : v > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(v);
-}
-
-std::string Text(const PEL_PARAMS* params, int32_t code, const char* fallback) {
-    const PEL_PARAM* p = Find(params, code);
-    if (p == nullptr || (p->tType != VS_TYPE_CHAR && p->tType != VS_TYPE_OBJECT)) return fallback;
-    return p->pvValue != nullptr ? static_cast<const char*>(p->pvValue) : "";
-}
-
-std::string NameExtension(const std::string& name) {
-    size_t slash = name.find_last_of("/\\");
-    std::string base = slash == std::string::npos ? name : name.substr(slash + 1);
-    size_t dot = base.find_last_of('.');
-    if (dot == std::string::npos || dot == 0 || dot + 1 == base.size()) return std::string();
-    std::string ext = base.substr(dot + 1);
-    for (char& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return ext;
-}
 
 bool EndsWith(const std::string& s, const char* tail) {
     size_t n = std::strlen(tail);
@@ -86,24 +46,19 @@ bool EndsWith(const std::string& s, const char* tail) {
 
 class Instance {
   public:
-    Instance() {
-        std::memset(&block_, 0, sizeof block_);
-        block_.init.struct_size = sizeof(PEL_INIT);
-        block_.mark = kInitMark;
-        block_.owner = this;
-    }
-    ~Instance() { block_.mark = 0; }
+    Instance() { block_.Open(this); }
+    ~Instance() { block_.Close(); }
 
     PEL_INIT* Init() { return &block_.init; }
-    static Instance* FromInit(PEL_INIT* init) {
-        auto* b = reinterpret_cast<InitBlock*>(init);
-        return b != nullptr && b->mark == kInitMark ? b->owner : nullptr;
-    }
+    static Instance* FromInit(PEL_INIT* init) { return Block::OwnerOf(init); }
 
     int Start(const PEL_INITPARAMS* params);
     int Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, PEL_SCANINFO** out);
 
   private:
+    // What the library holds: a PEL_INIT with a link back to its instance.
+    using Block = InitBlock<Instance, kInitMark>;
+
     int Fail(int rc, const std::string& text) {
         errorText_ = text;
         block_.init.iErrorRC = rc;
@@ -114,7 +69,7 @@ class Instance {
     bool Ensure(size_t i, bool* fresh, std::string* error);
     void TakeVersion(const std::string& version);
 
-    InitBlock block_;
+    Block block_;
     std::vector<ServerAddress> servers_;
     uint32_t timeoutMs_ = kDefaultTimeout * 1000;
     uint32_t reconnect_ = kDefaultReconnect;
@@ -169,9 +124,9 @@ void Instance::TakeVersion(const std::string& version) {
 }
 
 int Instance::Start(const PEL_INITPARAMS* params) {
-    std::string list = Text(params, VS_P_INITSERVERS, kDefaultServers);
-    timeoutMs_ = Number(params, VS_P_INITTIMEOUT, kDefaultTimeout) * 1000u;
-    reconnect_ = Number(params, VS_P_INITRECONNECTTIME, kDefaultReconnect);
+    std::string list = ParamText(params, VS_P_INITSERVERS, kDefaultServers);
+    timeoutMs_ = ParamNumber32(params, VS_P_INITTIMEOUT, kDefaultTimeout) * 1000u;
+    reconnect_ = ParamNumber32(params, VS_P_INITRECONNECTTIME, kDefaultReconnect);
     std::string error;
     if (!ParseServers(list, &servers_, &error)) return Fail(kInvalidParam, error);
 
@@ -200,46 +155,29 @@ int Instance::Start(const PEL_INITPARAMS* params) {
 
 int Instance::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, PEL_SCANINFO** out) {
     if (out != nullptr) *out = nullptr;
-    if (param == nullptr) return kNullParam;
-    const bool memory = param->tScanCode == VS_SC_BYTES;
-    if (!memory && param->tScanCode != VS_SC_FILE) return kScanCodeUnsupported;
-    if (memory && param->pbByte == nullptr && param->lLength != 0) return kNullParam;
-    if (!memory && param->pszObjectName == nullptr) return kNullParam;
+    bool memory = false;
+    if (int bad = CheckScanParam(param, &memory); bad != kOk) return bad;
     const std::string name = param->pszObjectName != nullptr ? param->pszObjectName : "";
 
     Source src;
     std::string engineError;
-    int fd = -1;
+    ObjectFile file;
     if (memory) {
         src.bytes = param->pbByte;
         src.length = param->lLength;
-    } else {
-        fd = open(name.c_str(), O_RDONLY | O_CLOEXEC);
-        struct stat st;
-        if (fd < 0) {
-            engineError = "Cannot open " + name + ": " + std::strerror(errno);
-        } else if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-            engineError = "Not a regular file: " + name;
-        } else {
-            src.fd = fd;
-            src.length = static_cast<size_t>(st.st_size);
-        }
+    } else if (file.Open(name, &engineError)) {
+        src.fd = file.Fd();
+        src.length = file.Size();
     }
-    struct Closer {
-        int fd;
-        ~Closer() {
-            if (fd >= 0) close(fd);
-        }
-    } closer{fd};
 
-    auto result = std::make_unique<ScanResult>(param->uiJobID, name, src.length,
+    auto result = std::make_unique<ScanResult>(kResultMark, param->uiJobID, name, src.length,
                                                memory ? kObjectMemory : kObjectFile);
     int rc = kOk;
     if (!engineError.empty()) {
         rc = kScanFailed;
         result->AddScanError(kScanFailed, engineError);
     } else {
-        result->SetContent(NameExtension(name));
+        result->SetContent(NameExtension(name), "", "");  // no content typing
         std::string reply, reasons, server;
         bool answered = false;
         const size_t n = servers_.size();
@@ -310,7 +248,7 @@ int Instance::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, PEL_SCANI
     }
 
     result->Finish(rc);
-    if (!result->Report(cb, Init(), engineError)) {
+    if (!result->Report(cb, Init(), {}, engineError)) {
         rc = kCallbackTerminated;
         result->Finish(rc);
     }
@@ -327,7 +265,7 @@ struct Global {
     PEL_PARAMS initList;
     PEL_CONFIG config;
     bool built = false;
-    std::set<Instance*> failed;  // PEL_INITs of failed PelInit calls, freed at PelCleanup
+    FailedInits<Instance> failed;
 };
 
 Global& G() {
@@ -335,49 +273,19 @@ Global& G() {
     return *g;
 }
 
-PEL_PARAM Param(int32_t code, int32_t type, uint64_t value, const char* text) {
-    PEL_PARAM p;
-    std::memset(&p, 0, sizeof p);
-    p.struct_size = sizeof p;
-    p.tCode = code;
-    p.tType = type;
-    if (text != nullptr) {
-        p.lLength = std::strlen(text);
-        p.pvValue = const_cast<char*>(text);
-    } else {
-        p.lLength = 4;
-        p.pvValue = reinterpret_cast<void*>(static_cast<uintptr_t>(value));
-    }
-    return p;
-}
-
 void Build() {
     Global& g = G();
     std::lock_guard<std::mutex> l(g.lock);
     if (g.built) return;
-    std::memset(&g.info, 0, sizeof g.info);
-    g.info.struct_size = sizeof g.info;
-    g.info.uiAdapterID = kAdapterId;
-    g.info.uiThreadModel = 0;
-    g.info.usMavVersion = PEL_MAV_VERSION;
-    g.info.usPelMajorVersion = 1;
-    g.info.usPelMinorVersion = 0;
-    g.info.pszVendorInfo = "libkormomav clamd adapter (clamd protocol over Unix and TCP sockets)";
-    g.info.pszAdapterName = "clamd";
-    g.initParams[0] = Param(VS_P_INITSERVERS, VS_TYPE_CHAR, 0, kDefaultServers);
-    g.initParams[1] = Param(VS_P_INITTIMEOUT, VS_TYPE_INT, kDefaultTimeout, nullptr);
-    g.initParams[2] = Param(VS_P_INITRECONNECTTIME, VS_TYPE_INT, kDefaultReconnect, nullptr);
-    std::memset(&g.initList, 0, sizeof g.initList);
-    g.initList.usNumParams = 3;
-    g.initList.pParams = g.initParams;
-    std::memset(&g.config, 0, sizeof g.config);
-    g.config.struct_size = sizeof g.config;
-    g.config.pAdapterInfo = &g.info;
-    g.config.uiPelScanFlag = PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY;
-    g.config.uiPelActionFlag = VS_A_SCAN;
-    g.config.uiPelEventFlag = VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR;
-    g.config.pInitParams = &g.initList;
-    g.config.pOptParams = nullptr;
+    g.info = AdapterInfo(kAdapterId, 0, 1, 0,
+                         "libkormomav clamd adapter (clamd protocol over Unix and TCP sockets)",
+                         "clamd");
+    g.initParams[0] = TextParam(VS_P_INITSERVERS, kDefaultServers);
+    g.initParams[1] = NumberParam(VS_P_INITTIMEOUT, VS_TYPE_INT, kDefaultTimeout);
+    g.initParams[2] = NumberParam(VS_P_INITRECONNECTTIME, VS_TYPE_INT, kDefaultReconnect);
+    g.initList = ParamList(g.initParams, 3);
+    g.config = Config(&g.info, PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY, VS_A_SCAN,
+                      VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR, &g.initList, nullptr);
     g.built = true;
 }
 
@@ -411,12 +319,7 @@ PEL_EXPORT int PelInit(PEL_CALLBACK* /*pCallback*/, PEL_INITPARAMS* pInitParams,
     try {
         auto* inst = new Instance();
         int rc = inst->Start(pInitParams);
-        *ppInit = inst->Init();
-        if (rc != kOk) {
-            std::lock_guard<std::mutex> l(G().lock);
-            G().failed.insert(inst);
-        }
-        return rc;
+        return G().failed.HandOut(inst, rc, ppInit);
     } catch (...) {
         return kNoSpace;
     }
@@ -424,48 +327,21 @@ PEL_EXPORT int PelInit(PEL_CALLBACK* /*pCallback*/, PEL_INITPARAMS* pInitParams,
 
 PEL_EXPORT int PelScan(PEL_INIT* pInit, PEL_CALLBACK* pCallback, PEL_SCANPARAM* pScanParam,
                        PEL_OPTPARAMS* /*pOptParams*/, PEL_SCANINFO** ppScanInfo) {
-    if (ppScanInfo != nullptr) *ppScanInfo = nullptr;
-    Instance* inst = Instance::FromInit(pInit);
-    if (inst == nullptr) return pInit == nullptr ? kNullParam : kNotInitialised;
-    if (pInit->hEngine == nullptr) return kNotInitialised;  // a failed PelInit
-    try {
+    return ScanOn<Instance>(pInit, ppScanInfo, [&](Instance* inst) {
         return inst->Scan(pCallback, pScanParam, ppScanInfo);
-    } catch (...) {
-        return kNoSpace;
-    }
+    });
 }
 
 PEL_EXPORT int PelReleaseScan(PEL_SCANINFO** ppScanInfo) {
-    if (ppScanInfo == nullptr) return kNullParam;
-    if (*ppScanInfo == nullptr) return kOk;
-    ScanResult* r = ScanResult::FromInfo(*ppScanInfo);
-    if (r == nullptr) return kInvalidParam;
-    delete r;
-    *ppScanInfo = nullptr;
-    return kOk;
+    return ReleaseScan(ppScanInfo, kResultMark);
 }
 
 PEL_EXPORT int PelEnd(PEL_INIT** ppInit, PEL_CONFIG** /*ppConfig*/) {
-    if (ppInit == nullptr) return kNullParam;
-    if (*ppInit == nullptr) return kOk;
-    Instance* inst = Instance::FromInit(*ppInit);
-    if (inst == nullptr) return kInvalidParam;
-    {
-        std::lock_guard<std::mutex> l(G().lock);
-        G().failed.erase(inst);
-    }
-    delete inst;
-    *ppInit = nullptr;
-    return kOk;
+    return G().failed.End(ppInit);
 }
 
 PEL_EXPORT int PelCleanup(void) {
-    std::set<Instance*> failed;
-    {
-        std::lock_guard<std::mutex> l(G().lock);
-        failed.swap(G().failed);
-    }
-    for (Instance* i : failed) delete i;
+    G().failed.Cleanup();
     return kOk;
 }
 

@@ -1,26 +1,22 @@
 /*
- * clamd_result.cpp - the PEL_SCANINFO of one scan and its events.
+ * pel_records.cpp - result codes and scan results of an adapter.
+ *
+ * Under the project's licence, not the GPL (see pel_records.h).
  */
-#include "clamd_result.h"
+#include "pel_records.h"
 
+#include <cctype>
 #include <cstring>
 #include <type_traits>
 
-namespace clamdpel {
-
-namespace {
-constexpr uint32_t kResultMark = 0x43445253u;  // "CDRS"
-}
+namespace pelcommon {
 
 static_assert(std::is_standard_layout<ScanResult>::value,
               "the PEL_SCANINFO must convert back to its owner");
 
-ScanResult::ScanResult(uint32_t jobId, const std::string& objectName, size_t objectSize,
-                       uint32_t objectType)
-    : mark_(kResultMark),
-      objectType_(objectType),
-      objectName_(objectName),
-      objectSize_(objectSize) {
+ScanResult::ScanResult(uint32_t mark, uint32_t jobId, const std::string& objectName,
+                       size_t objectSize, uint32_t objectType)
+    : mark_(mark), objectType_(objectType), objectName_(objectName), objectSize_(objectSize) {
     std::memset(&info_, 0, sizeof info_);
     info_.struct_size = sizeof(PEL_SCANINFO);
     info_.uiJobID = jobId;
@@ -32,13 +28,14 @@ char* ScanResult::Keep(const std::string& s) {
     return strings_.back().data();
 }
 
-void ScanResult::SetContent(const std::string& extension) {
+void ScanResult::SetContent(const std::string& extension, const std::string& contentType,
+                            const std::string& charset) {
     hasContent_ = true;
     content_.struct_size = sizeof(PEL_CONTENTINFO);
     content_.tObjectType = objectType_;
     content_.pszExtension = Keep(extension);
-    content_.pszContentType = Keep(std::string());
-    content_.pszCharSet = Keep(std::string());
+    content_.pszContentType = Keep(contentType);
+    content_.pszCharSet = Keep(charset);
     content_.uiJobID = info_.uiJobID;
     content_.pszObjectName = Keep(objectName_);
     content_.lObjectSize = objectSize_;
@@ -75,7 +72,7 @@ void ScanResult::AddScanError(int32_t code, const std::string& text) {
 void ScanResult::Finish(int rc) {
     info_.uiScanned = hasContent_ ? 1 : 0;
     info_.uiClean = rc == kOk ? 1 : 0;
-    info_.uiNotScanned = rc > 0 ? 1 : 0;
+    info_.uiNotScanned = rc > 0 || rc == kBlockedByPolicy ? 1 : 0;
     info_.uiInfections = static_cast<uint32_t>(infections_.size());
     info_.uiScanErrors = static_cast<uint32_t>(errors_.size());
     info_.pContentInfo = hasContent_ ? &content_ : nullptr;
@@ -83,17 +80,21 @@ void ScanResult::Finish(int rc) {
     info_.pScanError = errors_.empty() ? nullptr : errors_.data();
 }
 
-ScanResult* ScanResult::FromInfo(PEL_SCANINFO* info) {
+ScanResult* ScanResult::FromInfo(PEL_SCANINFO* info, uint32_t mark) {
     auto* r = reinterpret_cast<ScanResult*>(info);
-    return r != nullptr && r->mark_ == kResultMark ? r : nullptr;
+    return r != nullptr && r->mark_ == mark ? r : nullptr;
 }
 
-bool ScanResult::Report(const PEL_CALLBACK* cb, void* adapterData, const std::string& engineError) {
+bool ScanResult::Report(const PEL_CALLBACK* cb, void* adapterData,
+                        const std::vector<std::string>& objects, const std::string& engineError) {
     if (cb == nullptr || cb->pfnCallback == nullptr) return true;
     auto send = [&](uint32_t message, void* data) {
         if ((cb->uiMessageMask & message) == 0) return true;
         return cb->pfnCallback(adapterData, message, data, cb->pvContext) == VS_CALLRC_CONTINUE;
     };
+    for (const std::string& name : objects) {
+        if (!send(VS_M_OBJECTFOUND, const_cast<char*>(name.c_str()))) return false;
+    }
     for (PEL_VIRUSINFO& v : infections_) {
         if (!send(VS_M_VIRUS, &v)) return false;
     }
@@ -110,4 +111,27 @@ bool ScanResult::Report(const PEL_CALLBACK* cb, void* adapterData, const std::st
     return true;
 }
 
-}  // namespace clamdpel
+int ReleaseScan(PEL_SCANINFO** ppScanInfo, uint32_t mark) {
+    if (ppScanInfo == nullptr) return kNullParam;
+    if (*ppScanInfo == nullptr) return kOk;
+    ScanResult* r = ScanResult::FromInfo(*ppScanInfo, mark);
+    if (r == nullptr) return kInvalidParam;
+    delete r;
+    *ppScanInfo = nullptr;
+    return kOk;
+}
+
+std::string Lower(std::string s) {
+    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return s;
+}
+
+std::string NameExtension(const std::string& name) {
+    size_t slash = name.find_last_of("/\\");
+    std::string base = slash == std::string::npos ? name : name.substr(slash + 1);
+    size_t dot = base.find_last_of('.');
+    if (dot == std::string::npos || dot == 0 || dot + 1 == base.size()) return std::string();
+    return Lower(base.substr(dot + 1));
+}
+
+}  // namespace pelcommon
