@@ -51,6 +51,24 @@ PEL_SCANINFO* ScanInfoOf(void* hdl, MAV_RC* rc, const char* func) {
     return inst->pScanInfo;
 }
 
+// The frame of the three enumerators, traced under the enumerator's name func:
+// entry trace; a null handle is refused without an exit trace; then the checks
+// of ScanInfoOf, read(si, &rc) on the results they found, and the exit trace.
+template <typename Read>
+MAV_RC Enumerate(void* hdl, uint32_t index, const char* func, Read&& read) {
+    MAV_TRC_FN(MAV_TRC_FUNCTION, func, ">> start >> %s(%p,%d,...)\n", func, hdl,
+               static_cast<int>(index));
+    if (hdl == nullptr) {
+        MAV_TRC_FN(MAV_TRC_ERROR, func, "Invalid NULL parameter for handle\n");
+        return MAV_E_INVALID_HANDLE;
+    }
+    MAV_RC rc = MAV_OK;
+    PEL_SCANINFO* si = ScanInfoOf(hdl, &rc, func);
+    if (si != nullptr) read(si, &rc);
+    MAV_TRC_FN(MAV_TRC_FUNCTION, func, "<<  end  << %s(MAV_RC==%s) \n", func, MavErrorName(rc));
+    return rc;
+}
+
 // Keeps the first failure of a call's texts.
 void Text(const char* utf8, KORMO_CHAR* buf, size_t* length, MAV_RC* rc) {
     MAV_RC trc = MavIPutText(utf8, buf, length);
@@ -66,56 +84,38 @@ MAV_API MAV_RC MavEnumInfections(void* hdl, uint32_t index, uint8_t* repairable,
                                  KORMO_CHAR* objectName, size_t* objectNameLength,
                                  uint64_t* objectSize, KORMO_CHAR* freeText,
                                  size_t* freeTextLength) {
-    MAV_TRC_ENTRY(">> start >> %s(%p,%d,...)\n", __func__, hdl, static_cast<int>(index));
-    if (hdl == nullptr) {
-        MAV_TRC_E("Invalid NULL parameter for handle\n");
-        return MAV_E_INVALID_HANDLE;
-    }
-    MAV_RC rc = MAV_OK;
-    PEL_SCANINFO* si = ScanInfoOf(hdl, &rc, __func__);
-    if (si != nullptr) {
+    return Enumerate(hdl, index, __func__, [&](PEL_SCANINFO* si, MAV_RC* rc) {
         uint32_t count = si->pVirusInfo != nullptr ? si->uiInfections : 0;
         if (index >= count) {
-            rc = MAV_E_INVALID_ENUM_INDEX;
-        } else {
-            const PEL_VIRUSINFO* v = &si->pVirusInfo[index];
-            if (repairable != nullptr) *repairable = v->bRepairable == 1 ? 1 : 0;
-            if (virusId != nullptr) *virusId = v->uiVirusID;
-            if (objectSize != nullptr) *objectSize = v->lObjectSize;
-            Text(v->pszVirusName, virusName, virusNameLength, &rc);
-            Text(v->pszObjectName, objectName, objectNameLength, &rc);
-            Text(v->pszFreeTextInfo, freeText, freeTextLength, &rc);
+            *rc = MAV_E_INVALID_ENUM_INDEX;
+            return;
         }
-    }
-    MAV_TRC_EXIT(rc);
-    return rc;
+        const PEL_VIRUSINFO* v = &si->pVirusInfo[index];
+        if (repairable != nullptr) *repairable = v->bRepairable == 1 ? 1 : 0;
+        if (virusId != nullptr) *virusId = v->uiVirusID;
+        if (objectSize != nullptr) *objectSize = v->lObjectSize;
+        Text(v->pszVirusName, virusName, virusNameLength, rc);
+        Text(v->pszObjectName, objectName, objectNameLength, rc);
+        Text(v->pszFreeTextInfo, freeText, freeTextLength, rc);
+    });
 }
 
 MAV_API MAV_RC MavEnumScanErrors(void* hdl, uint32_t index, uint32_t* errorCode,
                                  KORMO_CHAR* errorText, size_t* errorTextLength,
                                  KORMO_CHAR* objectName, size_t* objectNameLength,
                                  uint64_t* objectSize) {
-    MAV_TRC_ENTRY(">> start >> %s(%p,%d,...)\n", __func__, hdl, static_cast<int>(index));
-    if (hdl == nullptr) {
-        MAV_TRC_E("Invalid NULL parameter for handle\n");
-        return MAV_E_INVALID_HANDLE;
-    }
-    MAV_RC rc = MAV_OK;
-    PEL_SCANINFO* si = ScanInfoOf(hdl, &rc, __func__);
-    if (si != nullptr) {
+    return Enumerate(hdl, index, __func__, [&](PEL_SCANINFO* si, MAV_RC* rc) {
         uint32_t count = si->pScanError != nullptr ? si->uiScanErrors : 0;
         if (index >= count) {
-            rc = MAV_E_INVALID_ENUM_INDEX;
-        } else {
-            const PEL_SCANERROR* e = &si->pScanError[index];
-            if (errorCode != nullptr) *errorCode = static_cast<uint32_t>(e->iErrorRC);
-            if (objectSize != nullptr) *objectSize = e->lObjectSize;
-            Text(e->pszErrorText, errorText, errorTextLength, &rc);
-            Text(e->pszObjectName, objectName, objectNameLength, &rc);
+            *rc = MAV_E_INVALID_ENUM_INDEX;
+            return;
         }
-    }
-    MAV_TRC_EXIT(rc);
-    return rc;
+        const PEL_SCANERROR* e = &si->pScanError[index];
+        if (errorCode != nullptr) *errorCode = static_cast<uint32_t>(e->iErrorRC);
+        if (objectSize != nullptr) *objectSize = e->lObjectSize;
+        Text(e->pszErrorText, errorText, errorTextLength, rc);
+        Text(e->pszObjectName, objectName, objectNameLength, rc);
+    });
 }
 
 MAV_API MAV_RC MavEnumContentInfo(void* hdl, uint32_t index, uint32_t* objectType,
@@ -123,36 +123,29 @@ MAV_API MAV_RC MavEnumContentInfo(void* hdl, uint32_t index, uint32_t* objectTyp
                                   KORMO_CHAR* contentType, size_t* contentTypeLength,
                                   KORMO_CHAR* objectName, size_t* objectNameLength,
                                   uint64_t* reserved) {
-    MAV_TRC_ENTRY(">> start >> %s(%p,%d,...)\n", __func__, hdl, static_cast<int>(index));
-    if (hdl == nullptr) {
-        MAV_TRC_E("Invalid NULL parameter for handle\n");
-        return MAV_E_INVALID_HANDLE;
-    }
-    MAV_RC rc = MAV_OK;
-    PEL_SCANINFO* si = ScanInfoOf(hdl, &rc, __func__);
-    if (si != nullptr && si->pContentInfo == nullptr) {
-        // No content list at all: every output cleared, MAV_OK for any index.
-        if (objectType != nullptr) *objectType = 0;
-        KORMO_CHAR* bufs[] = {extension, contentType, objectName};
-        size_t* lens[] = {extensionLength, contentTypeLength, objectNameLength};
-        for (int i = 0; i < 3; ++i) {
-            if (bufs[i] != nullptr && (lens[i] == nullptr || *lens[i] != 0)) bufs[i][0] = 0;
-            if (lens[i] != nullptr) *lens[i] = 0;
+    return Enumerate(hdl, index, __func__, [&](PEL_SCANINFO* si, MAV_RC* rc) {
+        if (si->pContentInfo == nullptr) {
+            // No content list at all: every output cleared, MAV_OK for any index.
+            if (objectType != nullptr) *objectType = 0;
+            KORMO_CHAR* bufs[] = {extension, contentType, objectName};
+            size_t* lens[] = {extensionLength, contentTypeLength, objectNameLength};
+            for (int i = 0; i < 3; ++i) {
+                if (bufs[i] != nullptr && (lens[i] == nullptr || *lens[i] != 0)) bufs[i][0] = 0;
+                if (lens[i] != nullptr) *lens[i] = 0;
+            }
+            if (reserved != nullptr) *reserved = 0;
+            return;
         }
-        if (reserved != nullptr) *reserved = 0;
-    } else if (si != nullptr) {
         if (index >= si->uiScanned) {
-            rc = MAV_E_INVALID_ENUM_INDEX;
-        } else {
-            const PEL_CONTENTINFO* c = &si->pContentInfo[index];
-            if (objectType != nullptr) *objectType = c->tObjectType;
-            Text(c->pszExtension, extension, extensionLength, &rc);
-            Text(c->pszContentType, contentType, contentTypeLength, &rc);
-            Text(c->pszObjectName, objectName, objectNameLength, &rc);
+            *rc = MAV_E_INVALID_ENUM_INDEX;
+            return;
         }
-    }
-    MAV_TRC_EXIT(rc);
-    return rc;
+        const PEL_CONTENTINFO* c = &si->pContentInfo[index];
+        if (objectType != nullptr) *objectType = c->tObjectType;
+        Text(c->pszExtension, extension, extensionLength, rc);
+        Text(c->pszContentType, contentType, contentTypeLength, rc);
+        Text(c->pszObjectName, objectName, objectNameLength, rc);
+    });
 }
 
 MAV_API void MavPFreeInfo(void** ptr) {
