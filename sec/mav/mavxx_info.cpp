@@ -35,119 +35,115 @@ void Text(const char* utf8, KORMO_CHAR* buf, size_t* length, MAV_RC* rc) {
     if (trc != MAV_OK && *rc == MAV_OK) *rc = trc;
 }
 
+// The frame of the four calls, traced under the call's name func: a null
+// handle is refused before the entry trace (no exit trace); the entry trace
+// shows index when the call takes one (index not null); then the checks of
+// ConfiguredHandle, read(h, &rc) on the handle found, and the exit trace.
+template <typename Read>
+MAV_RC OnConfiguredHandle(void* hdl, const char* func, const uint32_t* index, Read&& read) {
+    if (hdl == nullptr) {
+        MAV_TRC_FN(MAV_TRC_ERROR, func, "Invalid NULL parameter for handle\n");
+        return MAV_E_NULL_PARAM;
+    }
+    if (index != nullptr) {
+        MAV_TRC_FN(MAV_TRC_FUNCTION, func, ">> start >> %s(%p,%d,...)\n", func, hdl,
+                   static_cast<int>(*index));
+    } else {
+        MAV_TRC_FN(MAV_TRC_FUNCTION, func, ">> start >> %s(%p,...)\n", func, hdl);
+    }
+    MAV_RC rc = MAV_OK;
+    MAV_HDL_REC* h = ConfiguredHandle(hdl, &rc, func);
+    if (h != nullptr) read(h, &rc);
+    MAV_TRC_FN(MAV_TRC_FUNCTION, func, "<<  end  << %s(MAV_RC==%s) \n", func, MavErrorName(rc));
+    return rc;
+}
+
+// OnConfiguredHandle for the adapter information: read(cfg, &rc) on a
+// PEL_CONFIG with a PEL_ADAPTERINFO, else MAV_E_INVALID_HANDLE.
+template <typename Read>
+MAV_RC OnAdapterInfo(void* hdl, const char* func, Read&& read) {
+    return OnConfiguredHandle(hdl, func, nullptr, [&](MAV_HDL_REC* h, MAV_RC* rc) {
+        const PEL_CONFIG* cfg = h->pPelConfig;
+        if (cfg->pAdapterInfo == nullptr) {
+            *rc = MAV_E_INVALID_HANDLE;
+        } else {
+            read(cfg, rc);
+        }
+    });
+}
+
+// OnConfiguredHandle for the engine record: read(init, &rc), or
+// MAV_E_INVALID_HANDLE when there is no PEL_INIT.
+template <typename Read>
+MAV_RC OnEngine(void* hdl, const char* func, const uint32_t* index, Read&& read) {
+    return OnConfiguredHandle(hdl, func, index, [&](MAV_HDL_REC* h, MAV_RC* rc) {
+        const PEL_INIT* init = EngineOf(hdl, h);
+        if (init == nullptr) {
+            *rc = MAV_E_INVALID_HANDLE;
+        } else {
+            read(init, rc);
+        }
+    });
+}
+
 }  // namespace
 
 extern "C" {
 
 MAV_API MAV_RC MavEnumDriverInfo(void* hdl, uint32_t index, uint32_t* version, KORMO_CHAR* name,
                                  size_t* nameLength, uint64_t* date, uint32_t* viruses) {
-    if (hdl == nullptr) {
-        MAV_TRC_E("Invalid NULL parameter for handle\n");
-        return MAV_E_NULL_PARAM;
-    }
-    MAV_TRC_ENTRY(">> start >> %s(%p,%d,...)\n", __func__, hdl, static_cast<int>(index));
-    MAV_RC rc = MAV_OK;
-    MAV_HDL_REC* h = ConfiguredHandle(hdl, &rc, __func__);
-    if (h != nullptr) {
-        const PEL_INIT* init = EngineOf(hdl, h);
-        if (init == nullptr) {
-            rc = MAV_E_INVALID_HANDLE;
-        } else if (init->pDriver == nullptr || index >= init->usDrivers) {
-            rc = MAV_E_INVALID_ENUM_INDEX;
-        } else {
-            const PEL_DRIVERINFO* d = &init->pDriver[index];
-            if (version != nullptr) *version = Version(d->usDrMajVersion, d->usDrMinVersion);
-            if (date != nullptr) *date = static_cast<uint64_t>(d->utcDate);
-            if (viruses != nullptr) *viruses = d->uiViruses;
-            Text(d->pszName, name, nameLength, &rc);
+    return OnEngine(hdl, __func__, &index, [&](const PEL_INIT* init, MAV_RC* rc) {
+        if (init->pDriver == nullptr || index >= init->usDrivers) {
+            *rc = MAV_E_INVALID_ENUM_INDEX;
+            return;
         }
-    }
-    MAV_TRC_EXIT(rc);
-    return rc;
+        const PEL_DRIVERINFO* d = &init->pDriver[index];
+        if (version != nullptr) *version = Version(d->usDrMajVersion, d->usDrMinVersion);
+        if (date != nullptr) *date = static_cast<uint64_t>(d->utcDate);
+        if (viruses != nullptr) *viruses = d->uiViruses;
+        Text(d->pszName, name, nameLength, rc);
+    });
 }
 
 MAV_API MAV_RC MavGetPelInfo(void* hdl, uint32_t* version, uint32_t* parameters,
                              uint32_t* eventFlags, KORMO_CHAR* adapterName,
                              size_t* adapterNameLength, KORMO_CHAR* vendorInfo,
                              size_t* vendorInfoLength) {
-    if (hdl == nullptr) {
-        MAV_TRC_E("Invalid NULL parameter for handle\n");
-        return MAV_E_NULL_PARAM;
-    }
-    MAV_TRC_ENTRY(">> start >> %s(%p,...)\n", __func__, hdl);
-    MAV_RC rc = MAV_OK;
-    MAV_HDL_REC* h = ConfiguredHandle(hdl, &rc, __func__);
-    if (h != nullptr) {
-        const PEL_CONFIG* cfg = h->pPelConfig;
+    return OnAdapterInfo(hdl, __func__, [&](const PEL_CONFIG* cfg, MAV_RC* rc) {
         const PEL_ADAPTERINFO* ai = cfg->pAdapterInfo;
-        if (ai == nullptr) {
-            rc = MAV_E_INVALID_HANDLE;
-        } else {
-            if (version != nullptr)
-                *version = Version(ai->usPelMajorVersion, ai->usPelMinorVersion);
-            if (parameters != nullptr) *parameters = MavIXGetParamNum(hdl);
-            if (eventFlags != nullptr) *eventFlags = cfg->uiPelEventFlag;
-            Text(ai->pszAdapterName, adapterName, adapterNameLength, &rc);
-            Text(ai->pszVendorInfo, vendorInfo, vendorInfoLength, &rc);
-        }
-    }
-    MAV_TRC_EXIT(rc);
-    return rc;
+        if (version != nullptr) *version = Version(ai->usPelMajorVersion, ai->usPelMinorVersion);
+        if (parameters != nullptr) *parameters = MavIXGetParamNum(hdl);
+        if (eventFlags != nullptr) *eventFlags = cfg->uiPelEventFlag;
+        Text(ai->pszAdapterName, adapterName, adapterNameLength, rc);
+        Text(ai->pszVendorInfo, vendorInfo, vendorInfoLength, rc);
+    });
 }
 
 MAV_API MAV_RC MavGetPelTechInfo(void* hdl, uint32_t* adapterId, uint32_t* threadModel,
                                  uint16_t* mavVersion, uint32_t* scanFlags, uint32_t* actionFlags,
                                  uint32_t* cioFlags) {
-    if (hdl == nullptr) {
-        MAV_TRC_E("Invalid NULL parameter for handle\n");
-        return MAV_E_NULL_PARAM;
-    }
-    MAV_TRC_ENTRY(">> start >> %s(%p,...)\n", __func__, hdl);
-    MAV_RC rc = MAV_OK;
-    MAV_HDL_REC* h = ConfiguredHandle(hdl, &rc, __func__);
-    if (h != nullptr) {
-        const PEL_CONFIG* cfg = h->pPelConfig;
+    return OnAdapterInfo(hdl, __func__, [&](const PEL_CONFIG* cfg, MAV_RC* /*rc*/) {
         const PEL_ADAPTERINFO* ai = cfg->pAdapterInfo;
-        if (ai == nullptr) {
-            rc = MAV_E_INVALID_HANDLE;
-        } else {
-            if (adapterId != nullptr) *adapterId = ai->uiAdapterID;
-            if (threadModel != nullptr) *threadModel = ai->uiThreadModel;
-            if (mavVersion != nullptr) *mavVersion = ai->usMavVersion;
-            if (scanFlags != nullptr) *scanFlags = cfg->uiPelScanFlag;
-            if (actionFlags != nullptr) *actionFlags = cfg->uiPelActionFlag;
-            if (cioFlags != nullptr) *cioFlags = cfg->uiPelCIOFlag;
-        }
-    }
-    MAV_TRC_EXIT(rc);
-    return rc;
+        if (adapterId != nullptr) *adapterId = ai->uiAdapterID;
+        if (threadModel != nullptr) *threadModel = ai->uiThreadModel;
+        if (mavVersion != nullptr) *mavVersion = ai->usMavVersion;
+        if (scanFlags != nullptr) *scanFlags = cfg->uiPelScanFlag;
+        if (actionFlags != nullptr) *actionFlags = cfg->uiPelActionFlag;
+        if (cioFlags != nullptr) *cioFlags = cfg->uiPelCIOFlag;
+    });
 }
 
 MAV_API MAV_RC MavGetEngineInfo(void* hdl, uint32_t* version, KORMO_CHAR* versionText,
                                 size_t* versionTextLength, uint64_t* date, uint32_t* viruses,
                                 uint16_t* drivers) {
-    if (hdl == nullptr) {
-        MAV_TRC_E("Invalid NULL parameter for handle\n");
-        return MAV_E_NULL_PARAM;
-    }
-    MAV_TRC_ENTRY(">> start >> %s(%p,...)\n", __func__, hdl);
-    MAV_RC rc = MAV_OK;
-    MAV_HDL_REC* h = ConfiguredHandle(hdl, &rc, __func__);
-    if (h != nullptr) {
-        const PEL_INIT* init = EngineOf(hdl, h);
-        if (init == nullptr) {
-            rc = MAV_E_INVALID_HANDLE;
-        } else {
-            if (version != nullptr)
-                *version = Version(init->usEngineMajVersion, init->usEngineMinVersion);
-            if (date != nullptr) *date = static_cast<uint64_t>(init->utcDate);
-            if (viruses != nullptr) *viruses = init->uiViruses;
-            if (drivers != nullptr) *drivers = init->usDrivers;
-            Text(init->pszEngineVersionText, versionText, versionTextLength, &rc);
-        }
-    }
-    MAV_TRC_EXIT(rc);
-    return rc;
+    return OnEngine(hdl, __func__, nullptr, [&](const PEL_INIT* init, MAV_RC* rc) {
+        if (version != nullptr)
+            *version = Version(init->usEngineMajVersion, init->usEngineMinVersion);
+        if (date != nullptr) *date = static_cast<uint64_t>(init->utcDate);
+        if (viruses != nullptr) *viruses = init->uiViruses;
+        if (drivers != nullptr) *drivers = init->usDrivers;
+        Text(init->pszEngineVersionText, versionText, versionTextLength, rc);
+    });
 }
 
 }  // extern "C"
