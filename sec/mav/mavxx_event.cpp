@@ -105,6 +105,76 @@ KORMO_CHAR* Convert(const char* utf8) {
     return out;
 }
 
+// Stores a registration's handlers: the single handler, or the table's slots
+// (a null table clears them all), and the user data.
+void StoreHandlers(MAV_EVENT_REG* reg, MAV_EVENT_HANDLER single, const MAV_EVENT_FN* table,
+                   void* userData) {
+    Store(&reg->pfnSingle, single);
+    MAV_EVENT_FN* dst = Slots(&reg->sTable);
+    for (int i = 0; i < kSlots; ++i) Store(&dst[i], table != nullptr ? table[i] : nullptr);
+    Store(&reg->uiHasTable, table != nullptr ? 1u : 0u);
+    Store(&reg->pvUserData, userData);
+}
+
+void StoreCallback(PEL_CALLBACK* cb, PEL_CALLBACK_FN fn, uint32_t mask, void* context) {
+    Store(&cb->pfnCallback, fn);
+    Store(&cb->uiMessageMask, mask);
+    Store(&cb->pvContext, context);
+}
+
+// The handler's copy of an adapter record: numbers as they are, texts
+// converted (in field order); FreeTexts gives the texts back in the same order.
+void CopyRecord(const PEL_VIRUSINFO* src, MAV_VIRUSINFO* dst) {
+    dst->struct_size = src->struct_size;
+    dst->bRepairable = src->bRepairable;
+    dst->tDetectType = src->tDetectType;
+    dst->tVirusType = src->tVirusType;
+    dst->tObjectType = src->tObjectType;
+    dst->tActionType = src->tActionType;
+    dst->uiVirusID = src->uiVirusID;
+    dst->uiJobID = src->uiJobID;
+    dst->lObjectSize = src->lObjectSize;
+    dst->pszVirusName = Convert(src->pszVirusName);
+    dst->pszObjectName = Convert(src->pszObjectName);
+    dst->pszFreeTextInfo = Convert(src->pszFreeTextInfo);
+}
+
+void FreeTexts(MAV_VIRUSINFO* rec) {
+    MavIFree(rec->pszVirusName);
+    MavIFree(rec->pszObjectName);
+    MavIFree(rec->pszFreeTextInfo);
+}
+
+void CopyRecord(const PEL_SCANERROR* src, MAV_SCANERROR* dst) {
+    dst->struct_size = src->struct_size;
+    dst->uiJobID = src->uiJobID;
+    dst->lObjectSize = src->lObjectSize;
+    dst->iErrorRC = src->iErrorRC;
+    dst->pszObjectName = Convert(src->pszObjectName);
+    dst->pszErrorText = Convert(src->pszErrorText);
+}
+
+void FreeTexts(MAV_SCANERROR* rec) {
+    MavIFree(rec->pszObjectName);
+    MavIFree(rec->pszErrorText);
+}
+
+// Calls call(arg) with the handler's copy of the adapter record data (a Rec),
+// or with null when data is null; the copy's texts live for the call only.
+template <typename Rec, typename Call>
+VS_CALLRC CallWithRecord(const void* data, Call&& call) {
+    Rec copy;
+    memset(&copy, 0, sizeof copy);
+    Rec* arg = nullptr;
+    if (data != nullptr) {
+        CopyRecord(static_cast<const Rec*>(data), &copy);
+        arg = &copy;
+    }
+    VS_CALLRC rc = call(arg);
+    FreeTexts(&copy);
+    return rc;
+}
+
 }  // namespace
 
 extern "C" {
@@ -151,31 +221,19 @@ MAV_RC MavPXRegisterCallback(void* hdl, const MAV_EVENTS* events, MAV_EVENT_HAND
     PEL_CALLBACK* cb = cfg->pCallback;
     if (mask != 0) {
         // Mask last: a scan that sees the new mask also finds the handlers.
-        Store(&reg->pfnSingle, events != nullptr ? nullptr : handler);
-        MAV_EVENT_FN* dst = Slots(&reg->sTable);
-        const MAV_EVENT_FN* src = events != nullptr ? Slots(events) : nullptr;
-        for (int i = 0; i < kSlots; ++i) Store(&dst[i], src != nullptr ? src[i] : nullptr);
-        Store(&reg->uiHasTable, events != nullptr ? 1u : 0u);
-        Store(&reg->pvUserData, userData);
+        StoreHandlers(reg, events != nullptr ? nullptr : handler,
+                      events != nullptr ? Slots(events) : nullptr, userData);
         __atomic_store_n(&reg->uiMask, mask, __ATOMIC_RELEASE);
-        Store(&cb->pfnCallback, static_cast<PEL_CALLBACK_FN>(MavPXCallback));
-        Store(&cb->uiMessageMask, mask);
-        Store(&cb->pvContext, static_cast<void*>(cfg));
+        StoreCallback(cb, MavPXCallback, mask, cfg);
         if (locked) MavIUnlockHdl(h);
         MAV_TRC(MAV_TRC_EVENT, "Event handler was set. Notification will activated!\n");
         return MAV_OK;
     }
     if (reg != nullptr) {
         __atomic_store_n(&reg->uiMask, 0u, __ATOMIC_RELEASE);
-        Store(&reg->pfnSingle, static_cast<MAV_EVENT_HANDLER>(nullptr));
-        MAV_EVENT_FN* dst = Slots(&reg->sTable);
-        for (int i = 0; i < kSlots; ++i) Store(&dst[i], static_cast<MAV_EVENT_FN>(nullptr));
-        Store(&reg->uiHasTable, 0u);
-        Store(&reg->pvUserData, static_cast<void*>(nullptr));
+        StoreHandlers(reg, nullptr, nullptr, nullptr);
     }
-    Store(&cb->pfnCallback, static_cast<PEL_CALLBACK_FN>(nullptr));
-    Store(&cb->uiMessageMask, 0u);
-    Store(&cb->pvContext, static_cast<void*>(nullptr));
+    StoreCallback(cb, nullptr, 0, nullptr);
     if (locked) MavIUnlockHdl(h);
     MAV_TRC(MAV_TRC_WARNING, "No event handler were set. Notification will be deactivated!\n");
     return MAV_OK;
@@ -216,73 +274,32 @@ VS_CALLRC MavPXCallback(void* adapterData, uint32_t message, void* data, void* c
 
     VS_CALLRC rc = 0;
     if (single != nullptr || fn != nullptr) {
+        auto call = [&](void* arg) {
+            return single != nullptr ? single(inst, message, arg, userData)
+                                     : fn(inst, userData, arg);
+        };
         switch (message) {
             case VS_M_VIRUS:
-            case VS_M_REPAIRED: {
-                const PEL_VIRUSINFO* src = static_cast<const PEL_VIRUSINFO*>(data);
-                MAV_VIRUSINFO info;
-                memset(&info, 0, sizeof info);
-                MAV_VIRUSINFO* arg = nullptr;
-                if (src != nullptr) {
-                    info.struct_size = src->struct_size;
-                    info.bRepairable = src->bRepairable;
-                    info.tDetectType = src->tDetectType;
-                    info.tVirusType = src->tVirusType;
-                    info.tObjectType = src->tObjectType;
-                    info.tActionType = src->tActionType;
-                    info.uiVirusID = src->uiVirusID;
-                    info.uiJobID = src->uiJobID;
-                    info.lObjectSize = src->lObjectSize;
-                    info.pszVirusName = Convert(src->pszVirusName);
-                    info.pszObjectName = Convert(src->pszObjectName);
-                    info.pszFreeTextInfo = Convert(src->pszFreeTextInfo);
-                    arg = &info;
-                }
-                rc = single != nullptr ? single(inst, message, arg, userData)
-                                       : fn(inst, userData, arg);
-                MavIFree(info.pszVirusName);
-                MavIFree(info.pszObjectName);
-                MavIFree(info.pszFreeTextInfo);
+            case VS_M_REPAIRED:
+                rc = CallWithRecord<MAV_VIRUSINFO>(data, call);
                 break;
-            }
             case VS_M_NOTSCANNED:
-            case VS_M_NOTREPAIRED: {
-                const PEL_SCANERROR* src = static_cast<const PEL_SCANERROR*>(data);
-                MAV_SCANERROR err;
-                memset(&err, 0, sizeof err);
-                MAV_SCANERROR* arg = nullptr;
-                if (src != nullptr) {
-                    err.struct_size = src->struct_size;
-                    err.uiJobID = src->uiJobID;
-                    err.lObjectSize = src->lObjectSize;
-                    err.iErrorRC = src->iErrorRC;
-                    err.pszObjectName = Convert(src->pszObjectName);
-                    err.pszErrorText = Convert(src->pszErrorText);
-                    arg = &err;
-                }
-                rc = single != nullptr ? single(inst, message, arg, userData)
-                                       : fn(inst, userData, arg);
-                MavIFree(err.pszObjectName);
-                MavIFree(err.pszErrorText);
+            case VS_M_NOTREPAIRED:
+                rc = CallWithRecord<MAV_SCANERROR>(data, call);
                 break;
-            }
             case VS_M_OBJECTFOUND:
             case VS_M_ERROR: {
                 KORMO_CHAR* text = Convert(static_cast<const char*>(data));
-                rc = single != nullptr ? single(inst, message, text, userData)
-                                       : fn(inst, userData, text);
+                rc = call(text);
                 MavIFree(text);
                 break;
             }
             default: {
                 // Numbers: unchanged for the single handler, the low 32 bits
                 // for a table handler.
-                if (single != nullptr) {
-                    rc = single(inst, message, data, userData);
-                } else {
-                    uint32_t low = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(data));
-                    rc = fn(inst, userData, reinterpret_cast<void*>(static_cast<uintptr_t>(low)));
-                }
+                uint32_t low = static_cast<uint32_t>(reinterpret_cast<uintptr_t>(data));
+                rc = call(single != nullptr ? data
+                                            : reinterpret_cast<void*>(static_cast<uintptr_t>(low)));
                 break;
             }
         }
