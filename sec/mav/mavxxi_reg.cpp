@@ -45,6 +45,35 @@ bool NameMatches(const MAV_HDL_REC* hdl, const KORMO_CHAR* name, size_t length) 
     return strncmp(n->pszName, name, length) == 0;
 }
 
+// The handle whose critical section guards hdlOrInst (a handle, or an
+// instance's handle), found by the marks; null for anything else.
+MAV_HDL_REC* LockTarget(void* hdlOrInst) {
+    switch (MavIXRecKindByMarks(hdlOrInst)) {
+        case MAV_REC_HANDLE:
+            return static_cast<MAV_HDL_REC*>(hdlOrInst);
+        case MAV_REC_INSTANCE:
+            return static_cast<MAV_INST_REC*>(hdlOrInst)->pHdl;
+        default:
+            return nullptr;
+    }
+}
+
+// The first registered handle, in registry order, for which match(hdl) is
+// true; null when none (or the registry lock cannot be taken).
+template <typename Match>
+MAV_HDL_REC* FindHdl(Match&& match) {
+    if (!MavILockRegistry()) return nullptr;
+    MAV_HDL_REC* found = nullptr;
+    for (MAV_HDL_NODE* n = mavIPool.pHead; n != nullptr && n->pNext != nullptr; n = n->pNext) {
+        if (match(n->pHdl)) {
+            found = n->pHdl;
+            break;
+        }
+    }
+    MavIUnlockRegistry();
+    return found;
+}
+
 }  // namespace
 
 extern "C" {
@@ -64,17 +93,7 @@ void MavIUnlockRegistry(void) {
 // the lock is held, so a handle ended meanwhile is refused (its block, and so
 // its critical section, stays valid).
 int MavILockHdl(void* hdlOrInst) {
-    MAV_HDL_REC* hdl = nullptr;
-    switch (MavIXRecKindByMarks(hdlOrInst)) {
-        case MAV_REC_HANDLE:
-            hdl = static_cast<MAV_HDL_REC*>(hdlOrInst);
-            break;
-        case MAV_REC_INSTANCE:
-            hdl = static_cast<MAV_INST_REC*>(hdlOrInst)->pHdl;
-            break;
-        default:
-            return 0;
-    }
+    MAV_HDL_REC* hdl = LockTarget(hdlOrInst);
     if (hdl == nullptr || hdl->pCS == nullptr) return 0;
     if (ThrCSLock(hdl->pCS) != THR_RC_OK) return 0;
     if (MavIXRecKindByMarks(hdl) != MAV_REC_HANDLE) {
@@ -85,17 +104,7 @@ int MavILockHdl(void* hdlOrInst) {
 }
 
 void MavIUnlockHdl(void* hdlOrInst) {
-    MAV_HDL_REC* hdl = nullptr;
-    switch (MavIXRecKindByMarks(hdlOrInst)) {
-        case MAV_REC_HANDLE:
-            hdl = static_cast<MAV_HDL_REC*>(hdlOrInst);
-            break;
-        case MAV_REC_INSTANCE:
-            hdl = static_cast<MAV_INST_REC*>(hdlOrInst)->pHdl;
-            break;
-        default:
-            return;
-    }
+    MAV_HDL_REC* hdl = LockTarget(hdlOrInst);
     if (hdl != nullptr && hdl->pCS != nullptr) ThrCSUnlock(hdl->pCS);
 }
 
@@ -163,16 +172,7 @@ MAV_RC MavIXRemoveHdl(MAV_HDL_REC* hdl) {
 
 // True when hdl is registered. Takes the registry lock (recursive).
 bool MavIXIsRegistered(MAV_HDL_REC* hdl) {
-    if (hdl == nullptr || !MavILockRegistry()) return false;
-    bool found = false;
-    for (MAV_HDL_NODE* n = mavIPool.pHead; n != nullptr && n->pNext != nullptr; n = n->pNext) {
-        if (n->pHdl == hdl) {
-            found = true;
-            break;
-        }
-    }
-    MavIUnlockRegistry();
-    return found;
+    return hdl != nullptr && FindHdl([hdl](MAV_HDL_REC* h) { return h == hdl; }) != nullptr;
 }
 
 uint32_t MavIXGetHdlSize(void) {
@@ -180,17 +180,10 @@ uint32_t MavIXGetHdlSize(void) {
 }
 
 MAV_HDL_REC* MavIXGetHdl(uint32_t flagMask) {
-    if (!MavILockRegistry()) return nullptr;
-    MAV_HDL_REC* found = nullptr;
-    for (MAV_HDL_NODE* n = mavIPool.pHead; n != nullptr && n->pNext != nullptr; n = n->pNext) {
-        const PEL_CONFIG* cfg = n->pHdl->pPelConfig;
-        if (cfg != nullptr && (cfg->uiPelActionFlag & flagMask) != 0) {
-            found = n->pHdl;
-            break;
-        }
-    }
-    MavIUnlockRegistry();
-    return found;
+    return FindHdl([flagMask](MAV_HDL_REC* h) {
+        const PEL_CONFIG* cfg = h->pPelConfig;
+        return cfg != nullptr && (cfg->uiPelActionFlag & flagMask) != 0;
+    });
 }
 
 uint32_t MavIXGetHdlSizeByName(const KORMO_CHAR* name, size_t length, uint32_t limit) {
@@ -258,14 +251,8 @@ MAV_RC MavSetHandleName(MAV_HANDLE hdlArg, const KORMO_CHAR* name, size_t length
 MAV_HANDLE MavGetHandleByName(const KORMO_CHAR* name, size_t length) {
     MAV_TRC_ENTRY(">> start >> %s(%p,%zu)\n", __func__, (const void*)name, length);
     MAV_HDL_REC* found = nullptr;
-    if (name != nullptr && MavILockRegistry()) {
-        for (MAV_HDL_NODE* n = mavIPool.pHead; n != nullptr && n->pNext != nullptr; n = n->pNext) {
-            if (NameMatches(n->pHdl, name, length)) {
-                found = n->pHdl;
-                break;
-            }
-        }
-        MavIUnlockRegistry();
+    if (name != nullptr) {
+        found = FindHdl([&](MAV_HDL_REC* h) { return NameMatches(h, name, length); });
     }
     MAV_TRC(MAV_TRC_FUNCTION, "<<  end  << %s(%p) \n", __func__, (void*)found);
     return found;
