@@ -20,45 +20,39 @@ struct Seen {
     MAV_INST inst;
     uint32_t message;
     uintptr_t number;
-    std::string text;
-    MAV_VIRUSINFO virus;
-    std::string virusName, virusObject, virusFree;
-    MAV_SCANERROR error;
-    std::string errorObject, errorText;
+    std::string text;  // virus name, scan error text, or the text of the data
+    std::string object, freeText;
+    uint32_t id = 0, jobId = 0;
+    int repairable = 0, errorRc = 0;
+    uint64_t size = 0;
+    size_t recordSize = 0;
 };
 std::vector<Seen> seen;
 VS_CALLRC nextResult = 0;
 
-std::string Str(const char* s) {
-    return s != nullptr ? s : "(null)";
-}
-
 void Record(const char* via, MAV_INST inst, uint32_t message, void* data) {
-    Seen s{};
-    s.via = via;
-    s.inst = inst;
-    s.message = message;
-    switch (message) {
-        case VS_M_VIRUS:
-        case VS_M_REPAIRED:
-            s.virus = *static_cast<MAV_VIRUSINFO*>(data);
-            s.virusName = Str(s.virus.pszVirusName);
-            s.virusObject = Str(s.virus.pszObjectName);
-            s.virusFree = Str(s.virus.pszFreeTextInfo);
-            break;
-        case VS_M_NOTSCANNED:
-        case VS_M_NOTREPAIRED:
-            s.error = *static_cast<MAV_SCANERROR*>(data);
-            s.errorObject = Str(s.error.pszObjectName);
-            s.errorText = Str(s.error.pszErrorText);
-            break;
-        case VS_M_OBJECTFOUND:
-        case VS_M_ERROR:
-            s.text = Str(static_cast<const char*>(data));
-            break;
-        default:
-            s.number = reinterpret_cast<uintptr_t>(data);
-            break;
+    Seen s{via, inst, message, reinterpret_cast<uintptr_t>(data), "", "", ""};
+    auto str = [](const char* p) { return std::string(p != nullptr ? p : "(null)"); };
+    if (message == VS_M_VIRUS || message == VS_M_REPAIRED) {
+        auto* v = static_cast<MAV_VIRUSINFO*>(data);
+        s.text = str(v->pszVirusName);
+        s.object = str(v->pszObjectName);
+        s.freeText = str(v->pszFreeTextInfo);
+        s.id = v->uiVirusID;
+        s.repairable = v->bRepairable;
+        s.jobId = v->uiJobID;
+        s.size = v->lObjectSize;
+        s.recordSize = v->struct_size;
+    } else if (message == VS_M_NOTSCANNED || message == VS_M_NOTREPAIRED) {
+        auto* e = static_cast<MAV_SCANERROR*>(data);
+        s.text = str(e->pszErrorText);
+        s.object = str(e->pszObjectName);
+        s.errorRc = e->iErrorRC;
+        s.jobId = e->uiJobID;
+        s.size = e->lObjectSize;
+        s.recordSize = e->struct_size;
+    } else if (message == VS_M_OBJECTFOUND || message == VS_M_ERROR) {
+        s.text = str(static_cast<const char*>(data));
     }
     seen.push_back(s);
 }
@@ -88,12 +82,6 @@ TABLE_HANDLER(OnMacrosFound, VS_M_CONTAINMACROS)
 TABLE_HANDLER(ScanActions, VS_M_SCANACTIONS)
 TABLE_HANDLER(ScanProgress, VS_M_SCANPROGRESS)
 
-MAV_EVENTS FullTable() {
-    return MAV_EVENTS{OnVirusFound,    OnClean,       OnError,         OnObjectFound,
-                      AbortScan,       OnNotScanned,  OnVirusRepaired, OnVirusNotRepaired,
-                      OnMacrosCleaned, OnMacrosFound, ScanActions,     ScanProgress};
-}
-
 class Events : public MavFixture {
   protected:
     void SetUp() override {
@@ -105,19 +93,17 @@ class Events : public MavFixture {
         pel.script_clear();
         pel.script_infection("Eicar<1>", "a.com", 77, 1, 68, "free");
         pel.script_scan_error("b.zip", 12, "encrypted", 900);
-        pel.script_event(VS_M_VIRUS, 0, nullptr, 0, 0);
-        pel.script_event(VS_M_REPAIRED, 0, nullptr, 0, 0);
-        pel.script_event(VS_M_NOTSCANNED, 0, nullptr, 0, 0);
-        pel.script_event(VS_M_NOTREPAIRED, 0, nullptr, 0, 0);
+        for (uint32_t m : {VS_M_VIRUS, VS_M_REPAIRED, VS_M_NOTSCANNED, VS_M_NOTREPAIRED})
+            pel.script_event(m, 0, nullptr, 0, 0);
         pel.script_event(VS_M_OBJECTFOUND, 0, "inner/doc.xls", 0, 0);
         pel.script_event(VS_M_ERROR, 0, "bad header", 0, 0);
         pel.script_event(VS_M_SCANPROGRESS, 0, nullptr, 0x100000005ull, 0);
-        pel.script_event(VS_M_SCANACTIONS, 0, nullptr, 3, 0);
-        pel.script_event(VS_M_CLEAN, 0, nullptr, 4, 0);
-        pel.script_event(VS_M_ABORTSCAN, 0, nullptr, 5, 0);
-        pel.script_event(VS_M_MACROSCLEANED, 0, nullptr, 6, 0);
-        pel.script_event(VS_M_CONTAINMACROS, 0, nullptr, 7, 0);
+        uint64_t n = 3;
+        for (uint32_t m :
+             {VS_M_SCANACTIONS, VS_M_CLEAN, VS_M_ABORTSCAN, VS_M_MACROSCLEANED, VS_M_CONTAINMACROS})
+            pel.script_event(m, 0, nullptr, n++, 0);
     }
+    MAV_RC ScanFile(MAV_INST i) { return MavScanFile(i, "/dev/null", 42, nullptr); }
 };
 
 TEST_F(Events, MaskRulesFollowTheAdapterEventFlags) {
@@ -129,17 +115,15 @@ TEST_F(Events, MaskRulesFollowTheAdapterEventFlags) {
     EXPECT_TRUE(trace.Has("The event message VS_M_ERROR is not supported by the PEL!\n"));
     EXPECT_TRUE(trace.Has("The event message VS_M_ABORTSCAN is not supported by the PEL!\n"));
     EXPECT_EQ(2, trace.CountContaining("is not supported by the PEL!"));
-    // One supported message carries the whole mask.
+    // One supported message carries the whole mask, to the scan and to PelInit.
     EXPECT_EQ(MAV_OK, MavRegisterSingleEventHandler(hdl, Single, VS_M_ERROR | VS_M_VIRUS, &seen));
     EXPECT_TRUE(trace.Has("Event handler was set. Notification will activated!\n"));
-    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
-    TPEL_LAST_SCAN last = pel.lastScan();
-    EXPECT_TRUE(last.bHadCallback);
-    EXPECT_EQ(reinterpret_cast<PEL_CALLBACK_FN>(MavPXCallback), last.sCallback.pfnCallback);
-    EXPECT_EQ(VS_M_ERROR | VS_M_VIRUS, last.sCallback.uiMessageMask);
-    EXPECT_EQ(inst, last.sCallback.pvContext);
-    EXPECT_EQ(sizeof(PEL_CALLBACK), last.sCallback.struct_size);
-    // The record handed to PelInit follows too.
+    ASSERT_EQ(MAV_OK, ScanFile(inst));
+    const PEL_CALLBACK& cb = pel.lastScan().sCallback;
+    EXPECT_EQ(reinterpret_cast<PEL_CALLBACK_FN>(MavPXCallback), cb.pfnCallback);
+    EXPECT_EQ(VS_M_ERROR | VS_M_VIRUS, cb.uiMessageMask);
+    EXPECT_EQ(inst, cb.pvContext);
+    EXPECT_EQ(sizeof(PEL_CALLBACK), cb.struct_size);
     PEL_CALLBACK* initCb = static_cast<MAV_HDL_REC*>(hdl)->pCfg->pCallback;
     EXPECT_EQ(VS_M_ERROR | VS_M_VIRUS, initCb->uiMessageMask);
     EXPECT_EQ(reinterpret_cast<PEL_CALLBACK_FN>(MavPXCallback), initCb->pfnCallback);
@@ -150,17 +134,15 @@ TEST_F(Events, MaskRulesFollowTheAdapterEventFlags) {
     trace.Clear();
     EXPECT_EQ(MAV_E_NOT_SUPPORTED, MavRegisterEvents(hdl, &table, &seen));
     EXPECT_TRUE(trace.Has("The event message VS_M_ERROR is not supported by the PEL!\n"));
-
     // No handler at all switches events off.
     MAV_EVENTS empty = {};
     EXPECT_EQ(MAV_OK, MavRegisterEvents(hdl, &empty, &seen));
     EXPECT_TRUE(trace.Has("No event handler were set. Notification will be deactivated!\n"));
-    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
+    ASSERT_EQ(MAV_OK, ScanFile(inst));
     EXPECT_EQ(nullptr, pel.lastScan().sCallback.pfnCallback);
     EXPECT_EQ(0u, pel.lastScan().sCallback.uiMessageMask);
     EXPECT_EQ(nullptr, initCb->pfnCallback);
     EXPECT_EQ(MAV_OK, MavRegisterSingleEventHandler(hdl, Single, 0, &seen));
-
     EXPECT_EQ(MAV_E_NULL_PARAM, MavRegisterEvents(nullptr, &table, nullptr));
     EXPECT_TRUE(trace.Has("Invalid NULL parameter for instance handle\n"));
     EXPECT_EQ(MAV_E_NULL_PARAM, MavRegisterSingleEventHandler(nullptr, Single, 1, nullptr));
@@ -170,29 +152,28 @@ TEST_F(Events, SingleHandlerGetsConvertedRecordsAndRawNumbers) {
     Start();
     ScriptAllMessages();
     ASSERT_EQ(MAV_OK, MavRegisterSingleEventHandler(inst, Single, VS_M_ALL, &seen));
-    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 42, nullptr));
+    ASSERT_EQ(MAV_OK, ScanFile(inst));
     ASSERT_EQ(12u, seen.size());
     for (const Seen& s : seen) {
         EXPECT_EQ("single", s.via);
         EXPECT_EQ(inst, s.inst);
     }
-    EXPECT_EQ(VS_M_VIRUS, seen[0].message);
-    EXPECT_EQ("Eicar<1>", seen[0].virusName);
-    EXPECT_EQ("a.com", seen[0].virusObject);
-    EXPECT_EQ("free", seen[0].virusFree);
-    EXPECT_EQ(77u, seen[0].virus.uiVirusID);
-    EXPECT_EQ(1, seen[0].virus.bRepairable);
-    EXPECT_EQ(68u, seen[0].virus.lObjectSize);
-    EXPECT_EQ(42u, seen[0].virus.uiJobID);
-    EXPECT_EQ(sizeof(PEL_VIRUSINFO), seen[0].virus.struct_size);
+    const Seen& v = seen[0];
+    EXPECT_EQ(VS_M_VIRUS, v.message);
+    EXPECT_EQ("Eicar<1>|a.com|free", v.text + "|" + v.object + "|" + v.freeText);
+    EXPECT_EQ(77u, v.id);
+    EXPECT_EQ(1, v.repairable);
+    EXPECT_EQ(68u, v.size);
+    EXPECT_EQ(42u, v.jobId);
+    EXPECT_EQ(sizeof(PEL_VIRUSINFO), v.recordSize);
     EXPECT_EQ(VS_M_REPAIRED, seen[1].message);
-    EXPECT_EQ("Eicar<1>", seen[1].virusName);
-    EXPECT_EQ(VS_M_NOTSCANNED, seen[2].message);
-    EXPECT_EQ("b.zip", seen[2].errorObject);
-    EXPECT_EQ("encrypted", seen[2].errorText);
-    EXPECT_EQ(12, seen[2].error.iErrorRC);
-    EXPECT_EQ(900u, seen[2].error.lObjectSize);
-    EXPECT_EQ(42u, seen[2].error.uiJobID);
+    EXPECT_EQ("Eicar<1>", seen[1].text);
+    const Seen& e = seen[2];
+    EXPECT_EQ(VS_M_NOTSCANNED, e.message);
+    EXPECT_EQ("encrypted|b.zip", e.text + "|" + e.object);
+    EXPECT_EQ(12, e.errorRc);
+    EXPECT_EQ(900u, e.size);
+    EXPECT_EQ(42u, e.jobId);
     EXPECT_EQ(VS_M_NOTREPAIRED, seen[3].message);
     EXPECT_EQ("inner/doc.xls", seen[4].text);
     EXPECT_EQ("bad header", seen[5].text);
@@ -200,81 +181,79 @@ TEST_F(Events, SingleHandlerGetsConvertedRecordsAndRawNumbers) {
     EXPECT_EQ(0x100000005ull, seen[6].number);
     EXPECT_EQ(3u, seen[7].number);
     EXPECT_EQ(7u, seen[11].number);
-    int32_t results[16];
-    EXPECT_EQ(12, pel.event_results(results, 16));
+    EXPECT_EQ(12, pel.event_results(nullptr, 0));
 }
 
 TEST_F(Events, TableRoutesBySlotAndBothNotScannedMessagesGoToSlot7) {
     Start();
     ScriptAllMessages();
-    MAV_EVENTS table = FullTable();
+    MAV_EVENTS table = {OnVirusFound,    OnClean,       OnError,         OnObjectFound,
+                        AbortScan,       OnNotScanned,  OnVirusRepaired, OnVirusNotRepaired,
+                        OnMacrosCleaned, OnMacrosFound, ScanActions,     ScanProgress};
     ASSERT_EQ(MAV_OK, MavRegisterEvents(inst, &table, &seen));
-    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
-    const char* expected[] = {"OnVirusFound",       "OnVirusRepaired", "OnVirusNotRepaired",
-                              "OnVirusNotRepaired", "OnObjectFound",   "OnError",
-                              "ScanProgress",       "ScanActions",     "OnClean",
-                              "AbortScan",          "OnMacrosCleaned", "OnMacrosFound"};
+    ASSERT_EQ(MAV_OK, ScanFile(inst));
+    const std::vector<std::string> expected = {
+        "OnVirusFound",  "OnVirusRepaired", "OnVirusNotRepaired", "OnVirusNotRepaired",
+        "OnObjectFound", "OnError",         "ScanProgress",       "ScanActions",
+        "OnClean",       "AbortScan",       "OnMacrosCleaned",    "OnMacrosFound"};
+    std::vector<std::string> via;
+    for (const Seen& s : seen) via.push_back(s.via);
+    EXPECT_EQ(expected, via);
     ASSERT_EQ(12u, seen.size());
-    for (size_t i = 0; i < 12; ++i) EXPECT_EQ(expected[i], seen[i].via) << i;
-    // The NOTSCANNED record reaches OnVirusNotRepaired as a scan error.
-    EXPECT_EQ("encrypted", seen[2].errorText);
-    EXPECT_EQ("Eicar<1>", seen[1].virusName);
-    // A table handler gets the low 32 bits of a number.
-    EXPECT_EQ(5u, seen[6].number);
+    EXPECT_EQ("encrypted", seen[2].text);  // NOTSCANNED reaches slot 7 as a scan error
+    EXPECT_EQ("Eicar<1>", seen[1].text);
+    EXPECT_EQ(5u, seen[6].number);  // a table handler gets the low 32 bits
     EXPECT_EQ("bad header", seen[5].text);
-}
 
-TEST_F(Events, OnlyOnNotScannedSetCallsNothing) {
-    Start();
+    // OnNotScanned alone is never called: the message still gets 0.
     pel.script_clear();
     pel.script_scan_error("b", 1, "t", 1);
     pel.script_event(VS_M_NOTSCANNED, 0, nullptr, 0, 0);
-    MAV_EVENTS table = {};
-    table.OnNotScanned = OnNotScanned;
-    ASSERT_EQ(MAV_OK, MavRegisterEvents(inst, &table, &seen));
-    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
+    MAV_EVENTS onlyNotScanned = {};
+    onlyNotScanned.OnNotScanned = OnNotScanned;
+    ASSERT_EQ(MAV_OK, MavRegisterEvents(inst, &onlyNotScanned, &seen));
+    seen.clear();
+    ASSERT_EQ(MAV_OK, ScanFile(inst));
     EXPECT_TRUE(seen.empty());
     int32_t results[4] = {-1};
     ASSERT_EQ(1, pel.event_results(results, 4));
     EXPECT_EQ(0, results[0]);
 }
 
-TEST_F(Events, MessagesOutsideTheMaskOrTableYieldZero) {
+TEST_F(Events, MessagesOutsideTheMaskOrTableYieldZeroAndAHandlerCanStop) {
     Start();
     pel.script_clear();
     pel.script_event(VS_M_CLEAN, 0, nullptr, 1, 1);  // forced, not in the mask
     pel.script_event(0x4, 0, nullptr, 1, 1);         // not a message of the table
     pel.script_event(VS_M_SCANPROGRESS, 0, nullptr, 9, 0);
-    nextResult = 0;
     ASSERT_EQ(MAV_OK, MavRegisterSingleEventHandler(inst, Single, VS_M_SCANPROGRESS, &seen));
-    TraceCapture trace(MAV_TRC_EVENT);
-    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
-    ASSERT_EQ(1u, seen.size());
-    EXPECT_EQ(VS_M_SCANPROGRESS, seen[0].message);
-    int32_t results[4];
-    ASSERT_EQ(3, pel.event_results(results, 4));
-    EXPECT_EQ(0, results[0]);
-    EXPECT_EQ(0, results[1]);
-    EXPECT_TRUE(trace.Has("Unknown Message 4 received from PEL\n"));
-    EXPECT_EQ(3, trace.CountContaining(">> start >> MavPXCallback("));
-    // The unknown message returns before the end line.
-    EXPECT_EQ(2, trace.Count(" << end << MavPXCallback(VS_CALLRC==0) \n"));
-}
+    {
+        TraceCapture trace(MAV_TRC_EVENT);
+        ASSERT_EQ(MAV_OK, ScanFile(inst));
+        ASSERT_EQ(1u, seen.size());
+        EXPECT_EQ(VS_M_SCANPROGRESS, seen[0].message);
+        int32_t results[4] = {-1, -1};
+        ASSERT_EQ(3, pel.event_results(results, 4));
+        EXPECT_EQ(0, results[0]);
+        EXPECT_EQ(0, results[1]);
+        EXPECT_TRUE(trace.Has("Unknown Message 4 received from PEL\n"));
+        EXPECT_EQ(3, trace.CountContaining(">> start >> MavPXCallback("));
+        // The unknown message returns before the end line.
+        EXPECT_EQ(2, trace.Count(" << end << MavPXCallback(VS_CALLRC==0) \n"));
+    }
 
-TEST_F(Events, HandlerStopsTheScan) {
-    Start();
-    pel.script_clear();
-    pel.script_event(VS_M_SCANPROGRESS, 0, nullptr, 1, 0);
+    // A non-zero answer stops the scan at once.
     pel.script_event(VS_M_SCANPROGRESS, 0, nullptr, 2, 0);
     MAV_EVENTS table = {};
     table.ScanProgress = ScanProgress;
     ASSERT_EQ(MAV_OK, MavRegisterEvents(inst, &table, &seen));
+    seen.clear();
     nextResult = 1;
-    EXPECT_EQ(MAV_E_CBC_TERMINATED, MavScanFile(inst, "/dev/null", 1, nullptr));
+    EXPECT_EQ(MAV_E_CBC_TERMINATED, ScanFile(inst));
     EXPECT_EQ(1u, seen.size());
     int32_t results[4];
-    ASSERT_EQ(1, pel.event_results(results, 4));
-    EXPECT_EQ(1, results[0]);
+    ASSERT_EQ(3, pel.event_results(results, 4));  // the two unwanted ones, then the stop
+    EXPECT_EQ(1, results[2]);
 }
 
 TEST_F(Events, InstanceRegistrationStaysWithTheInstance) {
@@ -283,35 +262,27 @@ TEST_F(Events, InstanceRegistrationStaysWithTheInstance) {
     ASSERT_EQ(MAV_OK, MavCreateInstance(hdl, &other));
     ASSERT_EQ(MAV_OK, MavRegisterSingleEventHandler(inst, Single, VS_M_VIRUS, &seen));
     EXPECT_NE(static_cast<MAV_HDL_REC*>(hdl)->pCfg, static_cast<MAV_INST_REC*>(inst)->pCfg);
-    ASSERT_EQ(MAV_OK, MavScanFile(other, "/dev/null", 1, nullptr));
+    ASSERT_EQ(MAV_OK, ScanFile(other));
     EXPECT_EQ(nullptr, pel.lastScan().sCallback.pfnCallback);
-    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
+    ASSERT_EQ(MAV_OK, ScanFile(inst));
     EXPECT_EQ(VS_M_VIRUS, pel.lastScan().sCallback.uiMessageMask);
-
     // A handle registration reaches the instances that share its
     // configuration, each as its own context.
     ASSERT_EQ(MAV_OK, MavRegisterSingleEventHandler(hdl, Single, VS_M_CLEAN, &seen));
-    ASSERT_EQ(MAV_OK, MavScanFile(other, "/dev/null", 1, nullptr));
+    ASSERT_EQ(MAV_OK, ScanFile(other));
     EXPECT_EQ(VS_M_CLEAN, pel.lastScan().sCallback.uiMessageMask);
     EXPECT_EQ(other, pel.lastScan().sCallback.pvContext);
-    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
+    ASSERT_EQ(MAV_OK, ScanFile(inst));
     EXPECT_EQ(VS_M_VIRUS, pel.lastScan().sCallback.uiMessageMask);
     EXPECT_EQ(MAV_OK, MavFreeInstance(&other));
-}
 
-TEST_F(Events, CallbackRefusesAContextThatIsNoInstance) {
-    Start();
+    // The callback refuses a context that is no instance.
     TraceCapture trace(MAV_TRC_ERROR);
-    MAV_CFG* cfg = static_cast<MAV_HDL_REC*>(hdl)->pCfg;
-    EXPECT_EQ(1, MavPXCallback(nullptr, VS_M_CLEAN, nullptr, cfg));
+    EXPECT_EQ(1, MavPXCallback(nullptr, VS_M_CLEAN, nullptr, static_cast<MAV_HDL_REC*>(hdl)->pCfg));
     EXPECT_EQ(1, MavPXCallback(nullptr, VS_M_CLEAN, nullptr, nullptr));
     EXPECT_TRUE(trace.Has("Cound not get instance configuration\n"));
     EXPECT_EQ(0, MavPXCallback(nullptr, VS_M_CLEAN, nullptr, inst));
 }
-
-}  // namespace
-
-namespace {
 
 std::atomic<int> raceCalls{0};
 VS_CALLRC CountCall(MAV_INST, uint32_t, void*, void*) {
@@ -336,10 +307,7 @@ TEST_F(Events, RegistrationRacesWithScans) {
     std::atomic<int> scans[2] = {{0}, {0}};
     auto scan = [&](MAV_INST i, int n) {
         unsigned char buf[16] = {};
-        while (!stop) {
-            if (MavScanBytes(i, "r", buf, sizeof buf, 1, nullptr) != MAV_OK) ++failures;
-            ++scans[n];
-        }
+        for (; !stop; ++scans[n]) failures += MavScanBytes(i, "r", buf, 16, 1, nullptr) != MAV_OK;
     };
     std::thread a(scan, inst, 0), b(scan, other, 1);
     MAV_EVENTS table = {};
@@ -354,7 +322,7 @@ TEST_F(Events, RegistrationRacesWithScans) {
                         ? MavRegisterSingleEventHandler(hdl, CountCall, VS_M_SCANPROGRESS, nullptr)
                     : k % 3 == 1 ? MavRegisterEvents(hdl, &table, nullptr)
                                  : MavRegisterSingleEventHandler(hdl, nullptr, 0, nullptr);
-        if (rc != MAV_OK) ++failures;
+        failures += rc != MAV_OK;
     }
     stop = true;
     a.join();

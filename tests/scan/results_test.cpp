@@ -4,11 +4,26 @@
 
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "mav_fixture.h"
 #include "mavxxi.h"
 
 namespace {
+
+// The enumerators with every output left out.
+MAV_RC Infection(void* h, uint32_t i) {
+    return MavEnumInfections(h, i, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                             nullptr, nullptr);
+}
+MAV_RC ScanError(void* h, uint32_t i) {
+    return MavEnumScanErrors(h, i, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+}
+MAV_RC Content(void* h, uint32_t i) {
+    uint32_t type = 0;
+    return MavEnumContentInfo(h, i, &type, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                              nullptr);
+}
 
 class Results : public MavFixture {
   protected:
@@ -19,35 +34,26 @@ class Results : public MavFixture {
     }
 };
 
-TEST_F(Results, EveryEnumeratorNeedsAScanResult) {
+TEST_F(Results, EnumeratorsNeedAResultAndIndexWithinIt) {
     Start();
-    uint32_t n = 0;
-    EXPECT_EQ(MAV_E_NO_SCANINFO, MavEnumInfections(inst, 0, nullptr, &n, nullptr, nullptr, nullptr,
-                                                   nullptr, nullptr, nullptr, nullptr));
-    EXPECT_EQ(MAV_E_NO_SCANINFO,
-              MavEnumScanErrors(inst, 0, &n, nullptr, nullptr, nullptr, nullptr, nullptr));
-    EXPECT_EQ(MAV_E_NO_SCANINFO, MavEnumContentInfo(inst, 0, &n, nullptr, nullptr, nullptr, nullptr,
-                                                    nullptr, nullptr, nullptr));
-    // A handle holds no results; null is refused as an invalid handle.
-    EXPECT_EQ(MAV_E_NO_SCANINFO,
-              MavEnumScanErrors(hdl, 0, &n, nullptr, nullptr, nullptr, nullptr, nullptr));
-    TraceCapture trace(MAV_TRC_ERROR);
-    EXPECT_EQ(MAV_E_INVALID_HANDLE,
-              MavEnumInfections(nullptr, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                nullptr, nullptr, nullptr));
-    EXPECT_TRUE(trace.Has("Invalid NULL parameter for handle\n"));
-}
+    EXPECT_EQ(MAV_E_NO_SCANINFO, Infection(inst, 0));
+    EXPECT_EQ(MAV_E_NO_SCANINFO, ScanError(inst, 0));
+    EXPECT_EQ(MAV_E_NO_SCANINFO, Content(inst, 0));
+    EXPECT_EQ(MAV_E_NO_SCANINFO, ScanError(hdl, 0));  // a handle holds no results
+    {
+        TraceCapture trace(MAV_TRC_ERROR);
+        EXPECT_EQ(MAV_E_INVALID_HANDLE, Infection(nullptr, 0));
+        EXPECT_TRUE(trace.Has("Invalid NULL parameter for handle\n"));
+    }
 
-TEST_F(Results, CleanScanHasContentButNoInfectionsOrErrors) {
-    Start();
+    // A clean scan: content, but no infections or errors.
     ASSERT_EQ(MAV_OK, Scan());
     uint8_t rep = 9;
     EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX,
               MavEnumInfections(inst, 0, &rep, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
                                 nullptr, nullptr));
     EXPECT_EQ(9, rep);
-    EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX,
-              MavEnumScanErrors(inst, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX, ScanError(inst, 0));
     uint32_t type = 99;
     char ext[16], ctype[64], name[64];
     size_t extLen = sizeof ext, ctypeLen = sizeof ctype, nameLen = sizeof name;
@@ -59,16 +65,15 @@ TEST_F(Results, CleanScanHasContentButNoInfectionsOrErrors) {
     EXPECT_EQ("application/octet-stream", std::string(ctype, ctypeLen));
     EXPECT_EQ("/data/file.txt", std::string(name, nameLen));
     EXPECT_EQ(7u, reserved);  // written only by the missing-list case
-    EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX,
-              MavEnumContentInfo(inst, 1, &type, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                 nullptr, nullptr));
+    EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX, Content(inst, 1));
 }
 
-TEST_F(Results, InfectionsFollowTheBufferRule) {
+TEST_F(Results, InfectionsAndScanErrorsFollowTheBufferRule) {
     Start();
     pel.script_clear();
     pel.script_infection("EICAR-Test", "x.com", 4242, 1, 68, "test file");
     pel.script_infection("Second", "y.com", 7, 0, 5, nullptr);
+    pel.script_scan_error("archive.zip", -3, "password protected", 1234);
     pel.script_rc(MAV_E_VIRUS_FOUND);
     ASSERT_EQ(MAV_E_VIRUS_FOUND, Scan());
 
@@ -87,24 +92,20 @@ TEST_F(Results, InfectionsFollowTheBufferRule) {
     EXPECT_EQ(3 * strlen("test file") + 3, fLen);
 
     char v[64], o[64], f[64];
-    vLen = strlen("EICAR-Test") + 1;
-    oLen = sizeof o;
-    fLen = sizeof f;
-    ASSERT_EQ(MAV_OK,
-              MavEnumInfections(inst, 0, nullptr, nullptr, v, &vLen, o, &oLen, nullptr, f, &fLen));
+    auto texts = [&](size_t vSize) {
+        vLen = vSize;
+        oLen = fLen = sizeof o;
+        memset(o, 'q', sizeof o);
+        return MavEnumInfections(inst, 0, nullptr, nullptr, v, &vLen, o, &oLen, nullptr, f, &fLen);
+    };
+    ASSERT_EQ(MAV_OK, texts(strlen("EICAR-Test") + 1));
     EXPECT_EQ("EICAR-Test", std::string(v, vLen));
     EXPECT_STREQ("EICAR-Test", v);
     EXPECT_EQ("x.com", std::string(o, oLen));
     EXPECT_EQ("test file", std::string(f, fLen));
-
     // One character too small: that text fails and is emptied, the others
     // are still filled.
-    vLen = strlen("EICAR-Test");
-    oLen = sizeof o;
-    fLen = sizeof f;
-    memset(o, 'q', sizeof o);
-    EXPECT_EQ(MAV_E_BUFFER_TOO_SHORT,
-              MavEnumInfections(inst, 0, nullptr, nullptr, v, &vLen, o, &oLen, nullptr, f, &fLen));
+    EXPECT_EQ(MAV_E_BUFFER_TOO_SHORT, texts(strlen("EICAR-Test")));
     EXPECT_EQ(0u, vLen);
     EXPECT_EQ('\0', v[0]);
     EXPECT_EQ("x.com", std::string(o, oLen));
@@ -121,19 +122,10 @@ TEST_F(Results, InfectionsFollowTheBufferRule) {
                                         nullptr, nullptr, f, &fLen));
     EXPECT_EQ(0u, fLen);
     EXPECT_EQ('\0', f[0]);
-    EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX,
-              MavEnumInfections(inst, 2, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                nullptr, nullptr, nullptr));
-}
+    EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX, Infection(inst, 2));
 
-TEST_F(Results, ScanErrorsCarryTheAdaptersCode) {
-    Start();
-    pel.script_clear();
-    pel.script_scan_error("archive.zip", -3, "password protected", 1234);
-    pel.script_rc(MAV_E_NOT_SCANNED);
-    ASSERT_EQ(MAV_E_NOT_SCANNED, Scan());
+    // A scan error carries the adapter's code as an unsigned number.
     uint32_t code = 0;
-    uint64_t size = 0;
     char text[64], name[64];
     size_t textLen = sizeof text, nameLen = sizeof name;
     ASSERT_EQ(MAV_OK, MavEnumScanErrors(inst, 0, &code, text, &textLen, name, &nameLen, &size));
@@ -143,36 +135,8 @@ TEST_F(Results, ScanErrorsCarryTheAdaptersCode) {
     EXPECT_EQ(1234u, size);
 }
 
-TEST_F(Results, MissingListsWithCountsAreWalkedAsEmpty) {
-    Start();
-    pel.script_clear();
-    pel.script_infection("v", "o", 1, 0, 1, "f");
-    pel.script_scan_error("o", 1, "t", 1);
-    pel.script_content("o", "e", "c", "s", 1, 1);
-    pel.script_null_arrays(1);
-    pel.script_counts(3, 0, 0, 2, 2);
-    ASSERT_EQ(MAV_OK, Scan());
-    EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX,
-              MavEnumInfections(inst, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                nullptr, nullptr, nullptr));
-    EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX,
-              MavEnumScanErrors(inst, 0, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
-    // No content list at all: every output cleared, MAV_OK for any index.
-    uint32_t type = 5;
-    char ext[8] = "eee", ctype[8] = "ccc", name[8] = "nnn";
-    size_t extLen = sizeof ext, ctypeLen = sizeof ctype, nameLen = sizeof name;
-    uint64_t reserved = 9;
-    for (uint32_t index : {0u, 1000u}) {
-        ASSERT_EQ(MAV_OK, MavEnumContentInfo(inst, index, &type, ext, &extLen, ctype, &ctypeLen,
-                                             name, &nameLen, &reserved));
-        EXPECT_EQ(0u, type);
-        EXPECT_EQ('\0', ext[0]);
-        EXPECT_EQ('\0', ctype[0]);
-        EXPECT_EQ('\0', name[0]);
-        EXPECT_EQ(0u, extLen + ctypeLen + nameLen);
-        EXPECT_EQ(0u, reserved);
-    }
-}
+// Counts without lists (the missing-content special case): tests/robust,
+// HostileAdapter.ResultCountsWithNullArraysAreNeverFollowed.
 
 TEST_F(Results, AdapterInformationAndVersionPacking) {
     pel.set_adapter_info(4711, 0, 2, 3, 7, "Kormo Test", "testpel");
@@ -198,12 +162,8 @@ TEST_F(Results, AdapterInformationAndVersionPacking) {
     uint32_t id = 0, model = 9, scan = 0, action = 0, cio = 0;
     uint16_t mav = 0;
     ASSERT_EQ(MAV_OK, MavGetPelTechInfo(hdl, &id, &model, &mav, &scan, &action, &cio));
-    EXPECT_EQ(4711u, id);
-    EXPECT_EQ(0u, model);
-    EXPECT_EQ(2, mav);
-    EXPECT_EQ(0x3u, scan);
-    EXPECT_EQ(0x19u, action);
-    EXPECT_EQ(0x4u, cio);
+    EXPECT_EQ(std::vector<uint32_t>({4711, 0, 2, 0x3, 0x19, 0x4}),
+              std::vector<uint32_t>({id, model, mav, scan, action, cio}));
 
     uint64_t date = 0;
     uint32_t viruses = 0;
@@ -227,7 +187,6 @@ TEST_F(Results, AdapterInformationAndVersionPacking) {
     ASSERT_EQ(MAV_OK, MavEnumDriverInfo(inst, 0, &version, drv, &drvLen, &date, &viruses));
     EXPECT_EQ(0x00010000u, version);
     EXPECT_EQ("testpel.drv", std::string(drv, drvLen));
-    EXPECT_EQ(1000u, viruses);
     EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX,
               MavEnumDriverInfo(inst, 1, &version, nullptr, nullptr, nullptr, nullptr));
 
@@ -241,19 +200,25 @@ TEST_F(Results, AdapterInformationAndVersionPacking) {
     EXPECT_EQ(MAV_E_NULL_PARAM,
               MavEnumDriverInfo(nullptr, 0, nullptr, nullptr, nullptr, nullptr, nullptr));
     EXPECT_TRUE(trace.Has("Invalid NULL parameter for handle\n"));
+    // Not a record at all: refused under the public function's name.
     alignas(64) unsigned char junk[256] = {};
     EXPECT_EQ(MAV_E_INVALID_HANDLE,
               MavGetPelTechInfo(junk, &id, nullptr, nullptr, nullptr, nullptr, nullptr));
-    EXPECT_TRUE(trace.Has("Invalid NULL handle for PEL config\n"));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE,
+              MavGetPelInfo(junk, &id, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_EQ(MAV_E_INVALID_HANDLE,
+              MavEnumDriverInfo(junk, 0, &id, nullptr, nullptr, nullptr, nullptr));
+    EXPECT_TRUE(trace.HasFrom("MavGetPelTechInfo", "Invalid NULL handle for PEL config\n"));
+    EXPECT_TRUE(trace.HasFrom("MavGetPelInfo", "Invalid NULL handle for PEL config\n"));
+    EXPECT_TRUE(trace.HasFrom("MavEnumDriverInfo", "Invalid NULL handle for PEL config\n"));
 }
 
-TEST_F(Results, SharedEngineAnswersForTheHandle) {
+TEST_F(Results, SharedEngineAnswersForTheHandleAndMissingTextsReportZero) {
     pel.set_adapter_info(1, 1, 2, 1, 0, nullptr, nullptr);
     Start();
     uint32_t version = 0;
     ASSERT_EQ(MAV_OK, MavGetEngineInfo(hdl, &version, nullptr, nullptr, nullptr, nullptr, nullptr));
     EXPECT_EQ(0x00030001u, version);
-    // Missing adapter texts report 0.
     size_t len = 99;
     ASSERT_EQ(MAV_OK,
               MavGetPelInfo(hdl, nullptr, nullptr, nullptr, nullptr, &len, nullptr, nullptr));
@@ -269,19 +234,6 @@ TEST_F(Results, MissingAdapterInfoIsRefusedWithOutputsUntouched) {
     EXPECT_EQ(MAV_E_INVALID_HANDLE,
               MavGetPelInfo(inst, &id, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
     EXPECT_EQ(5u, id);
-}
-
-TEST(AdapterInformation, RefusalsAreTracedUnderThePublicFunction) {
-    // Not a record at all: no handle, so no adapter configuration.
-    alignas(8) unsigned char junk[256] = {};
-    uint32_t n = 0;
-    TraceCapture trace(MAV_TRC_ERROR);
-    EXPECT_EQ(MAV_E_INVALID_HANDLE,
-              MavGetPelInfo(junk, &n, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr));
-    EXPECT_EQ(MAV_E_INVALID_HANDLE,
-              MavEnumDriverInfo(junk, 0, &n, nullptr, nullptr, nullptr, nullptr));
-    EXPECT_TRUE(trace.HasFrom("MavGetPelInfo", "Invalid NULL handle for PEL config\n"));
-    EXPECT_TRUE(trace.HasFrom("MavEnumDriverInfo", "Invalid NULL handle for PEL config\n"));
 }
 
 TEST(FreeInfo, FreesBothLevelsAndClearsThePointer) {
