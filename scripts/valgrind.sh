@@ -2,7 +2,7 @@
 # Runs the lifecycle and scan test executables of a build without sanitizers
 # (build/valgrind) under valgrind's memcheck, each bounded in time. Exits
 # non-zero when a test fails, valgrind reports an error or a leak, or a run
-# exceeds its time. scripts/valgrind.supp lists the deliberate reads that
+# exceeds its time. scripts/valgrind.supp would list deliberate reads that
 # memcheck cannot prove harmless.
 #
 # Usage: scripts/valgrind.sh [TEST...]
