@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <ctime>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "krntrc.h"
@@ -22,25 +23,44 @@ int Capture(const char*, const char* func, int, uint32_t level, const char* text
     return 0;
 }
 
-std::string Num(const char* label, long long v) {
-    char b[128];
-    snprintf(b, sizeof b, "           %-15.15s: %d\n", label, int(v));
-    return b;
+char* S(const char* s) {
+    return const_cast<char*>(s);
 }
-std::string Txt(const char* label, const char* v) {
+// A field line: the label in width (15 for records, 25 for parameters).
+std::string F(const char* label, const std::string& value, int width = 15) {
     char b[256];
-    snprintf(b, sizeof b, "           %-15.15s: %s\n", label, v);
+    snprintf(b, sizeof b, "           %-*.*s: %s\n", width, width, label, value.c_str());
     return b;
 }
-std::string Ptr(const char* label, const void* v) {
-    char b[128];
-    snprintf(b, sizeof b, "           %-15.15s: %p\n", label, v);
+std::string N(long long v) {
+    return std::to_string(v);
+}
+std::string P(const void* p) {
+    char b[32];
+    snprintf(b, sizeof b, "%p", p);
     return b;
 }
 std::string CTime(int64_t date) {
     char b[64];
     time_t t = date;
-    return ctime_r(&t, b);
+    std::string s = ctime_r(&t, b);
+    return s.substr(0, s.size() - 1);  // F adds the line end
+}
+// Appends the lines of labels[i] with values[i] to out.
+void Fields(std::vector<std::string>& out, const std::vector<const char*>& labels,
+            const std::vector<std::string>& values) {
+    ASSERT_EQ(labels.size(), values.size());
+    for (size_t i = 0; i < labels.size(); ++i) out.push_back(F(labels[i], values[i]));
+}
+// "-----NAME(i)---...---" and "---...---(i)NAME" banners of 72 characters;
+// lead is the dashes before the head's name.
+std::string Head(const char* name, int i, int lead = 5) {
+    std::string s = std::string(lead, '-') + name + "(" + N(i) + ")";
+    return s + std::string(72 - s.size(), '-') + "\n";
+}
+std::string Tail(const char* name, int i) {
+    std::string s = "(" + N(i) + ")" + name + "\n";
+    return std::string(73 - s.size(), '-') + s;
 }
 
 class Dump : public ::testing::Test {
@@ -80,7 +100,7 @@ class Dump : public ::testing::Test {
     PEL_INIT init_{};
 };
 
-TEST_F(Dump, NothingWithoutLevelAndNullRefused) {
+TEST_F(Dump, GatingAndMissingRecords) {
     PEL_SCANINFO si{};
     inst_->pScanInfo = &si;
     EXPECT_EQ(MAV_OK, MavIXTracePELScanInfo(inst_));
@@ -94,207 +114,104 @@ TEST_F(Dump, NothingWithoutLevelAndNullRefused) {
     EXPECT_EQ(MAV_E_INVALID_PARAM, MavIXTracePELEngine(nullptr));
     EXPECT_EQ(MAV_E_INVALID_PARAM, MavIXTracePELConfig(nullptr));
 
-    // Kernel level 2 alone is enough.
-    MavSetTraceLevel(0);
-    CTrcSetTraceLevelFct(2);
+    // Level bit 32 or kernel level 2 alone switch dumps and notices on.
+    inst_->pScanInfo = nullptr;
+    for (int kernel : {0, 2}) {
+        lines.clear();
+        MavSetTraceLevel(kernel == 0 ? MAV_TRC_PEL : 0);
+        CTrcSetTraceLevelFct(kernel);
+        EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXTracePELScanInfo(inst_));
+        EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXTracePELEngine(hdl_));  // no shared PEL_INIT
+        EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXTracePELConfig(hdl_));
+        std::vector<std::string> want = {"PEL_SCANINFO structure is initial\n",
+                                         "PEL_INIT structure is initial\n",
+                                         "PEL_CONFIG structure is initial\n"};
+        std::vector<std::string> got;
+        for (const Line& l : lines) got.push_back(l.text);
+        EXPECT_EQ(want, got) << kernel;
+        EXPECT_EQ(MAV_TRC_PEL, lines.back().level);
+    }
+    inst_->pScanInfo = &si;
+    lines.clear();
     EXPECT_EQ(MAV_OK, MavIXTracePELScanInfo(inst_));
     EXPECT_FALSE(lines.empty());
 }
 
-TEST_F(Dump, MissingRecords) {
-    MavSetTraceLevel(MAV_TRC_PEL);
-    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXTracePELScanInfo(inst_));
-    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXTracePELEngine(hdl_));  // no shared PEL_INIT
-    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXTracePELConfig(hdl_));
-    ASSERT_EQ(3u, lines.size());
-    EXPECT_EQ("PEL_SCANINFO structure is initial\n", lines[0].text);
-    EXPECT_EQ("PEL_INIT structure is initial\n", lines[1].text);
-
-    // Switched on by the kernel level alone, the notice is written like the dump.
-    lines.clear();
-    MavSetTraceLevel(0);
-    CTrcSetTraceLevelFct(2);
-    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXTracePELScanInfo(inst_));
-    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXTracePELEngine(hdl_));
-    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXTracePELConfig(hdl_));
-    ASSERT_EQ(3u, lines.size());
-    EXPECT_EQ("PEL_CONFIG structure is initial\n", lines[2].text);
-    EXPECT_EQ(MAV_TRC_PEL, lines[2].level);
-}
-
 TEST_F(Dump, ScanInfoBlocks) {
-    PEL_CONTENTINFO content{};
-    content.struct_size = sizeof content;
-    content.tObjectType = 3;
-    content.pszContentType = const_cast<char*>("text/plain");
-    content.uiJobID = 9;
-    content.pszObjectName = const_cast<char*>("a.txt");
-    content.lObjectSize = 68;
-    content.match_eo = 5;
-    PEL_VIRUSINFO virus[2] = {};
-    for (int i = 0; i < 2; i++) {
-        virus[i].struct_size = sizeof virus[i];
-        virus[i].bRepairable = uint8_t(i);
-        virus[i].tDetectType = 1;
-        virus[i].tVirusType = 2;
-        virus[i].tObjectType = 3;
-        virus[i].tActionType = 4;
-        virus[i].uiVirusID = 100 + i;
-        virus[i].pszVirusName = const_cast<char*>(i == 0 ? "Eicar" : "Other");
-        virus[i].uiJobID = 9;
-        virus[i].pszObjectName = const_cast<char*>("a.txt");
-        virus[i].lObjectSize = 68;
-    }
-    PEL_SCANERROR err{};
-    err.struct_size = sizeof err;
-    err.uiJobID = 9;
-    err.pszObjectName = const_cast<char*>("b.zip");
-    err.iErrorRC = -3;
-    err.pszErrorText = const_cast<char*>("encrypted");
-    PEL_SCANINFO si{};
-    si.struct_size = sizeof si;
-    si.uiJobID = 9;
-    si.uiScanned = 1;
-    si.uiInfections = 2;
-    si.uiScanErrors = 1;
-    si.pContentInfo = &content;
-    si.pVirusInfo = virus;
-    si.pScanError = &err;
-    si.lBytesCleaned = 0;
+    PEL_CONTENTINFO content{80,         3,  0, nullptr, S("text/plain"), nullptr, 9, 0,
+                            S("a.txt"), 68, 0, 5};
+    PEL_VIRUSINFO virus[2] = {
+        {72, 0, {}, 1, 2, 3, 4, 100, S("Eicar"), 9, 0, S("a.txt"), 68, nullptr},
+        {72, 1, {}, 1, 2, 3, 4, 101, S("Other"), 9, 0, S("a.txt"), 68, nullptr}};
+    PEL_SCANERROR err{48, 9, 0, S("b.zip"), 0, -3, 0, S("encrypted")};
+    PEL_SCANINFO si{80, 9, 1, 0, 0, 2, 1, &content, virus, &err, nullptr, 0, nullptr};
     inst_->pScanInfo = &si;
-
     MavSetTraceLevel(MAV_TRC_PEL);
     ASSERT_EQ(MAV_OK, MavIXTracePELScanInfo(inst_));
     std::vector<std::string> want = {
-        "PEL_SCANINFO-----------------------------------------------------------\n",
-        Num("struct_size", 80),
-        Num("uiJobID", 9),
-        Num("uiScanned", 1),
-        Num("uiNotScanned", 0),
-        Num("uiClean", 0),
-        Num("uiInfections", 2),
-        Num("uiScanErrors", 1),
-        "-----PEL_CONTENTINFO(0)-------------------------------------------------\n",
-        Num("struct_size", 80),
-        Num("Object Type", 3),
-        Txt("Content Type", "text/plain"),
-        Num("uiJobID", 9),
-        Txt("Object Name", "a.txt"),
-        Num("Object Size", 68),
-        Num("match_so", 0),
-        Num("match_eo", 5),
-        "------------------------------------------------------(0)PEL_CONTENTINFO\n"};
+        "PEL_SCANINFO-----------------------------------------------------------\n"};
+    Fields(want,
+           {"struct_size", "uiJobID", "uiScanned", "uiNotScanned", "uiClean", "uiInfections",
+            "uiScanErrors"},
+           {"80", "9", "1", "0", "0", "2", "1"});
+    want.push_back(Head("PEL_CONTENTINFO", 0));
+    Fields(want,
+           {"struct_size", "Object Type", "Content Type", "uiJobID", "Object Name", "Object Size",
+            "match_so", "match_eo"},
+           {"80", "3", "text/plain", "9", "a.txt", "68", "0", "5"});
+    want.push_back(Tail("PEL_CONTENTINFO", 0));
     for (int i = 0; i < 2; i++) {
-        char b[128];
-        snprintf(b, sizeof b,
-                 "-----PEL_VIRUSINFO(%d)---------------------------------------------------\n", i);
-        want.push_back(b);
-        std::vector<std::string> block = {
-            Num("struct_size", 72),   Txt("Repairable", i == 1 ? "true" : "false"),
-            Num("Detect Type", 1),    Num("Virus Type", 2),
-            Num("Object Type", 3),    Num("Action Type", 4),
-            Num("Virus ID", 100 + i), Txt("Virus Name", i == 0 ? "Eicar" : "Other"),
-            Num("Job ID", 9),         Txt("Object Name", "a.txt"),
-            Num("Object Size", 68),   Txt("Free text info", "(null)")};
-        want.insert(want.end(), block.begin(), block.end());
-        snprintf(b, sizeof b,
-                 "--------------------------------------------------------(%d)PEL_VIRUSINFO\n", i);
-        want.push_back(b);
+        want.push_back(Head("PEL_VIRUSINFO", i));
+        Fields(
+            want,
+            {"struct_size", "Repairable", "Detect Type", "Virus Type", "Object Type", "Action Type",
+             "Virus ID", "Virus Name", "Job ID", "Object Name", "Object Size", "Free text info"},
+            {"72", i == 1 ? "true" : "false", "1", "2", "3", "4", N(100 + i),
+             i == 0 ? "Eicar" : "Other", "9", "a.txt", "68", "(null)"});
+        want.push_back(Tail("PEL_VIRUSINFO", i));
     }
-    std::vector<std::string> tail = {
-        "-----PEL_SCANERROR(0)---------------------------------------------------\n",
-        Num("struct_size", 48),
-        Num("Job ID", 9),
-        Txt("Object Name", "b.zip"),
-        Num("Object Size", 0),
-        Num("Error RC", -3),
-        Txt("Error text", "encrypted"),
-        "--------------------------------------------------------(0)PEL_SCANERROR\n",
-        Ptr("pbBytesCleaned", nullptr),
-        Num("lBytesCleaned", 0),
-        Ptr("pvReserved1", nullptr),
-        "-----------------------------------------------------------PEL_SCANINFO\n"};
-    want.insert(want.end(), tail.begin(), tail.end());
+    want.push_back(Head("PEL_SCANERROR", 0));
+    Fields(want, {"struct_size", "Job ID", "Object Name", "Object Size", "Error RC", "Error text"},
+           {"48", "9", "b.zip", "0", "-3", "encrypted"});
+    want.push_back(Tail("PEL_SCANERROR", 0));
+    Fields(want, {"pbBytesCleaned", "lBytesCleaned", "pvReserved1"}, {P(nullptr), "0", P(nullptr)});
+    want.push_back("-----------------------------------------------------------PEL_SCANINFO\n");
     EXPECT_EQ(want, Texts("MavIXTracePELEngine"));
-    // Banners: 71 characters, 72 with a one-digit number, plus the line end.
     EXPECT_EQ(73u, want[8].size());
-    EXPECT_EQ(72u, want.back().size());
-}
 
-TEST_F(Dump, AbsentListsAreWalkedAsEmpty) {
-    PEL_SCANINFO si{};
-    si.struct_size = sizeof si;
-    si.uiScanned = 3;
-    si.uiInfections = 2;
-    si.uiScanErrors = 1;
-    inst_->pScanInfo = &si;
-    MavSetTraceLevel(MAV_TRC_PEL);
+    // Counts without lists: only the summary's own lines.
+    si.pContentInfo = nullptr;
+    si.pVirusInfo = nullptr;
+    si.pScanError = nullptr;
+    lines.clear();
     ASSERT_EQ(MAV_OK, MavIXTracePELScanInfo(inst_));
     EXPECT_EQ(12u, lines.size());
 }
 
 TEST_F(Dump, EngineWithDrivers) {
-    PEL_DRIVERINFO drivers[2] = {};
-    for (int i = 0; i < 2; i++) {
-        drivers[i].struct_size = sizeof drivers[i];
-        drivers[i].pszName = i == 0 ? "main.cvd" : "daily.cvd";
-        drivers[i].usDrMajVersion = 1;
-        drivers[i].usDrMinVersion = uint16_t(2 + i);
-        drivers[i].utcDate = 1700000000 + i * 86400;
-        drivers[i].uiViruses = 1000;
-        drivers[i].uiVariants = 10;
-        drivers[i].iDriverRC = -i;
-    }
-    init_.hEngine = &init_;
-    init_.uiViruses = 1234;
-    init_.uiExtensions = 5;
-    init_.uiIntRevision = 6;
-    init_.uiSignatures = 7;
-    init_.usDrivers = 2;
-    init_.pDriver = drivers;
-    init_.usEngineMajVersion = 3;
-    init_.usEngineMinVersion = 4;
-    init_.pszEngineVersionText = "3.4.0";
-    init_.utcDate = 1600000000;
-    init_.iErrorRC = 0;
-
+    PEL_DRIVERINFO drivers[2] = {{48, "main.cvd", 1, 2, 0, 1700000000, 1000, 10, 0, 0},
+                                 {48, "daily.cvd", 1, 3, 0, 1700086400, 1000, 10, -1, 0}};
+    init_ = PEL_INIT{88, &init_, 1234, 5,       6,          7, 2, {},     drivers,
+                     3,  4,      0,    "3.4.0", 1600000000, 0, 0, nullptr};
     MavSetTraceLevel(MAV_TRC_PEL);
     ASSERT_EQ(MAV_OK, MavIXTracePELEngine(inst_));
-    char date[128];
-    snprintf(date, sizeof date, "           %-15.15s: %s", "Engine Date",
-             CTime(1600000000).c_str());
     std::vector<std::string> want = {
-        "PEL_INIT---------------------------------------------------------------\n",
-        Num("struct_size", 88),
-        Ptr("Engine Handle", &init_),
-        Num("Num Viruses", 1234),
-        Num("Num Extensions", 5),
-        Num("Num IntRevision", 6),
-        Num("Num Signatures", 7),
-        Num("Num Drivers", 2),
-        Num("Major Version", 3),
-        Num("Minor Version", 4),
-        Txt("Engine Version", "3.4.0"),
-        date,
-        Num("Error Code", 0),
-        Txt("Error Text", "(null)"),
-        "---------------------------------------------------------------PEL_INIT\n"};
+        "PEL_INIT---------------------------------------------------------------\n"};
+    Fields(want,
+           {"struct_size", "Engine Handle", "Num Viruses", "Num Extensions", "Num IntRevision",
+            "Num Signatures", "Num Drivers", "Major Version", "Minor Version", "Engine Version",
+            "Engine Date", "Error Code", "Error Text"},
+           {"88", P(&init_), "1234", "5", "6", "7", "2", "3", "4", "3.4.0", CTime(1600000000), "0",
+            "(null)"});
+    want.push_back("---------------------------------------------------------------PEL_INIT\n");
     for (int i = 0; i < 2; i++) {
-        char b[128];
-        snprintf(b, sizeof b,
-                 "PEL_DRIVERINFO(%d)-------------------------------------------------------\n", i);
-        want.push_back(b);
-        want.push_back("           struct_size    : 48\n");
-        want.push_back("           Major Version  : 1\n");
-        want.push_back(std::string("           Minor Version  : ") + std::to_string(2 + i) + "\n");
-        want.push_back(std::string("           Driver Name    : ") + drivers[i].pszName + "\n");
-        want.push_back("           Driver Date    : " + CTime(drivers[i].utcDate));
-        want.push_back("           Num Viruses    : 1000\n");
-        want.push_back("           Num Variants   : 10\n");
-        want.push_back(std::string("           Driver Code    : ") + std::to_string(-i) + "\n");
-        snprintf(b, sizeof b,
-                 "-------------------------------------------------------(%d)PEL_DRIVERINFO\n", i);
-        want.push_back(b);
+        want.push_back(Head("PEL_DRIVERINFO", i, 0));
+        Fields(want,
+               {"struct_size", "Major Version", "Minor Version", "Driver Name", "Driver Date",
+                "Num Viruses", "Num Variants", "Driver Code"},
+               {"48", "1", N(2 + i), drivers[i].pszName, CTime(drivers[i].utcDate), "1000", "10",
+                N(-i)});
+        want.push_back(Tail("PEL_DRIVERINFO", i));
     }
     EXPECT_EQ(want, Texts("MavIXTracePELEngine"));
 
@@ -306,19 +223,9 @@ TEST_F(Dump, EngineWithDrivers) {
 }
 
 TEST_F(Dump, ConfigWithParameters) {
-    PEL_ADAPTERINFO ai{};
-    ai.struct_size = sizeof ai;
-    ai.uiAdapterID = 77;
-    ai.uiThreadModel = 1;
-    ai.usMavVersion = 2;
-    ai.usPelMajorVersion = 1;
-    ai.usPelMinorVersion = 5;
-    ai.pszVendorInfo = "Kormo test";
-    ai.pszAdapterName = "testpel";
-    ai.bReserved1 = 1;
-    PEL_PARAM initParams[2] = {
-        {32, VS_P_INITDRIVERDIRECTORY, VS_TYPE_CHAR, 6, const_cast<char*>("/opt/x")},
-        {32, VS_P_INITTIMEOUT, VS_TYPE_INT, 4, reinterpret_cast<void*>(30)}};
+    PEL_ADAPTERINFO ai{56, 77, 1, 2, 1, 5, 0, "Kormo test", "testpel", 1, {}, nullptr};
+    PEL_PARAM initParams[2] = {{32, VS_P_INITDRIVERDIRECTORY, VS_TYPE_CHAR, 6, S("/opt/x")},
+                               {32, VS_P_INITTIMEOUT, VS_TYPE_INT, 4, reinterpret_cast<void*>(30)}};
     PEL_PARAM optParams[1] = {{32, VS_P_SCANALLFILES, VS_TYPE_BOOL, 1, reinterpret_cast<void*>(1)}};
     PEL_PARAMS initList{2, {}, initParams};
     PEL_PARAMS optList{1, {}, optParams};
@@ -328,42 +235,27 @@ TEST_F(Dump, ConfigWithParameters) {
     cfg.uiPelScanFlag = 3;
     cfg.uiPelActionFlag = 0x11;
     cfg.uiPelEventFlag = 0x10000;
-    cfg.uiPelCIOFlag = 0;
     cfg.pInitParams = &initList;
     cfg.pOptParams = &optList;
     hdl_->pPelConfig = &cfg;
 
     CTrcSetTraceLevelFct(3);
     ASSERT_EQ(MAV_OK, MavIXTracePELConfig(inst_));  // an instance dumps its handle's record
-    auto param = [](const char* name, const char* value) {
-        char b[128];
-        snprintf(b, sizeof b, "           %-25.25s: %s\n", name, value);
-        return std::string(b);
-    };
     std::vector<std::string> want = {
-        "PEL_CONFIG-------------------------------------------------------------\n",
-        Num("struct_size", 64),
-        Num("Adapter ID", 77),
-        Num("Thread Model", 1),
-        Num("Mav Version", 2),
-        Num("PelMajorVersion", 1),
-        Num("PelMinorVersion", 5),
-        Txt("Vendor Info", "Kormo test"),
-        Txt("Adapter Name", "testpel"),
-        Txt("Reserved1", "true"),
-        Ptr("Reserved2", nullptr),
-        Num("Pel Scan Flag", 3),
-        Num("Pel Action Flag", 17),
-        Num("Pel Event Flag", 0x10000),
-        Num("Pel CIO Flag", 0),
-        Txt("Reserved1", "false"),
-        Ptr("Reserved2", nullptr),
-        "PEL_INITPARAMS(2):\n",
-        param("INITDRIVERDIRECTORY", "/opt/x"),
-        param("INITTIMEOUT", "30"),
-        "PEL_OPTPARAMS(1):\n",
-        param("SCANALLFILES", "1"),
-        "-------------------------------------------------------------PEL_CONFIG\n"};
+        "PEL_CONFIG-------------------------------------------------------------\n"};
+    Fields(want,
+           {"struct_size", "Adapter ID", "Thread Model", "Mav Version", "PelMajorVersion",
+            "PelMinorVersion", "Vendor Info", "Adapter Name", "Reserved1", "Reserved2",
+            "Pel Scan Flag", "Pel Action Flag", "Pel Event Flag", "Pel CIO Flag", "Reserved1",
+            "Reserved2"},
+           {"64", "77", "1", "2", "1", "5", "Kormo test", "testpel", "true", P(nullptr), "3", "17",
+            "65536", "0", "false", P(nullptr)});
+    want.push_back("PEL_INITPARAMS(2):\n");
+    want.push_back(F("INITDRIVERDIRECTORY", "/opt/x", 25));
+    want.push_back(F("INITTIMEOUT", "30", 25));
+    want.push_back("PEL_OPTPARAMS(1):\n");
+    want.push_back(F("SCANALLFILES", "1", 25));
+    want.push_back("-------------------------------------------------------------PEL_CONFIG\n");
     EXPECT_EQ(want, Texts("MavIXTracePELConfig"));
 }
 
