@@ -1,7 +1,7 @@
 // engines_env.h - what the engine tests share: the generated signature database,
-// test objects built at run time (the EICAR string from pieces, stored ZIP
-// archives), a clamd daemon started and stopped by the test, and an adapter
-// opened and driven through its seven entry points as the library drives it.
+// test objects built at run time (the EICAR string from pieces, ZIP archives),
+// clamd daemons the tests start and stop, and an adapter driven through its
+// seven entry points as the library drives it.
 #ifndef KORMO_TESTS_ENGINES_ENV_H
 #define KORMO_TESTS_ENGINES_ENV_H
 
@@ -25,14 +25,11 @@ std::string Eicar();
 // The marker string of the database's "Kormo.Test.Marker" signature.
 std::string Marker();
 Bytes ToBytes(const std::string& s);
-Bytes ReadFile(const std::string& path);
-void WriteFile(const std::string& path, const Bytes& data);
 
-// A ZIP archive of (name, content) members, stored or deflated.
+// A ZIP archive of (name, content) members, stored or deflated; NestedZip wraps
+// content in `levels` deflated archives, so nothing of it shows outside.
 Bytes StoredZip(const std::vector<std::pair<std::string, Bytes>>& members);
 Bytes DeflatedZip(const std::vector<std::pair<std::string, Bytes>>& members);
-// content wrapped in `levels` nested deflated ZIP archives, so that nothing of
-// the content shows in the outer bytes.
 Bytes NestedZip(const Bytes& content, int levels);
 
 // A fresh directory, removed with its contents.
@@ -52,33 +49,29 @@ class TempDir {
 // A free TCP port on 127.0.0.1 (free when asked; taken soon after).
 int FreePort();
 
-// A clamd daemon of its own: Foreground, a local socket in a temporary
-// directory, a TCP socket on a free loopback port, the test database; archive
-// depth 3 and alerts for limits reached (AlertExceedsMax).
+// A clamd of its own: a local socket, a TCP socket on a free loopback port, the
+// test database, archive depth 3 and alerts for limits reached.
 class Clamd {
   public:
-    // streamMaxLength: clamd's StreamMaxLength, e.g. "1M".
     explicit Clamd(const std::string& streamMaxLength = "2M");
-    ~Clamd();
+    ~Clamd() { Stop(); }
     Clamd(const Clamd&) = delete;
     Clamd& operator=(const Clamd&) = delete;
 
-    // Starts it and waits until it answers PING; false with a reason.
+    // Starts it and waits until it answers PING; false with a reason. A
+    // restart keeps the port.
     bool Start(std::string* error);
     void Stop();
-    bool Running() const { return pid_ > 0; }
     std::string UnixAddress() const { return "unix:" + socket_; }
     std::string TcpAddress() const { return "127.0.0.1:" + std::to_string(port_); }
     const std::string& SocketPath() const { return socket_; }
 
   private:
     bool StartOnce(std::string* error);
-    void WriteConfig();
 
     TempDir dir_;
-    std::string streamMax_;
-    std::string socket_;
-    int port_ = 0;  // picked at the first start, kept across restarts
+    std::string streamMax_, socket_;
+    int port_ = 0;
     pid_t pid_ = -1;
 };
 
@@ -130,7 +123,6 @@ struct Events {
     std::vector<std::string> viruses;     // VS_M_VIRUS virus names
     std::vector<std::string> notScanned;  // VS_M_NOTSCANNED error texts
     std::vector<std::string> errors;      // VS_M_ERROR texts
-    std::vector<std::string> objects;     // VS_M_OBJECTFOUND names
     int clean = 0;
     int stopAfterViruses = -1;  // answer stop at this VS_M_VIRUS count
 };
@@ -149,14 +141,19 @@ class Scanner {
              PEL_CALLBACK* callback = nullptr);
     PEL_SCANINFO* Info() const { return info_; }
     std::vector<std::string> Infections() const;
-    std::vector<std::string> ScanErrors() const;
+    // True when a scan error text contains part.
+    bool ScanErrorHas(const std::string& part) const;
     void Release();
 
   private:
+    int Scan(PEL_SCANPARAM& p, PEL_OPTPARAMS* options, PEL_CALLBACK* callback);
     Adapter& adapter_;
     PEL_INIT* init_;
     PEL_SCANINFO* info_ = nullptr;
 };
+
+// True when one of v contains part.
+bool Contains(const std::vector<std::string>& v, const std::string& part);
 
 }  // namespace engines
 

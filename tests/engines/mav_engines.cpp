@@ -6,9 +6,7 @@
 namespace engines {
 
 MAV_SCANINFO Summary() {
-    MAV_SCANINFO si{};
-    si.struct_size = 32;
-    return si;
+    return MAV_SCANINFO{32, 0, 0, 0, 0, 0, 0};
 }
 
 std::string AdapterError(MAV_HANDLE h) {
@@ -72,34 +70,6 @@ std::string Provider(const std::string& name, const std::string& group, const st
              ".Value=" + Escape(p.value) + "\n";
     }
     return s;
-}
-
-std::string BuiltInDefaultConfig() {
-    return "mav.profile.DEFAULT.ProfileSteps.0.ProfileEntryValue=DEFAULT\n"
-           "mav.provider.Pelmark.Adapters.PEL_DEFAULT.ReInitTime=0\n"
-           "mav.profile.DEFAULT.ProfileLinkage=0\n"
-           "mav.provider.Pelmark.Adapters.PEL_DEFAULT.Description=PEL_DEFAULT\n"
-           "mav.defaults.group=DEFAULT\n"
-           "mav.profile.DEFAULT.UseReference=false\n"
-           "mav.profile.DEFAULT.ExceptionOnResult=true\n"
-           "mav.profile.DEFAULT.ProfileSteps.0=0\n"
-           "mav.profile.DEFAULT=DEFAULT\n"
-           "mav.group.DEFAULT.Description=DEFAULT\n"
-           "mav.provider.Pelmark.Adapters.PEL_DEFAULT.PoolMaxInstances=20\n"
-           "mav.provider.Pelmark.Adapters.PEL_DEFAULT.Group=DEFAULT\n"
-           "mav.profile.DEFAULT.ProfileSteps.0.ProfileEntryType=0\n"
-           "mav.provider.Pelmark.TraceSetting.TraceError=false\n"
-           "mav.provider.Pelmark.TraceSetting.TraceMemory=false\n"
-           "mav.profile.DEFAULT.Description=DEFAULT\n"
-           "mav.defaults.provider=PEL_DEFAULT\n"
-           "mav.profile.DEFAULT.ReferenceProfile=\n"
-           "mav.profile.DEFAULT.Active=true\n"
-           "mav.provider.Pelmark.Adapters.PEL_DEFAULT.Active=true\n"
-           "mav.defaults.profile=DEFAULT\n"
-           "mav.group.DEFAULT=DEFAULT\n"
-           "mav.provider.Pelmark.Adapters.PEL_DEFAULT.PoolInstanceTimeOut=3600\n"
-           "mav.provider.Pelmark.Adapters.PEL_DEFAULT=PEL_DEFAULT\n"
-           "mav.provider.Pelmark.Adapters.PEL_DEFAULT.AdapterPath=\n";
 }
 
 }  // namespace engines

@@ -38,8 +38,6 @@ struct Param {
 };
 std::string Provider(const std::string& provider, const std::string& group,
                      const std::string& adapterPath, int pool, const std::vector<Param>& params);
-// The library's built-in default configuration text.
-std::string BuiltInDefaultConfig();
 
 }  // namespace engines
 
