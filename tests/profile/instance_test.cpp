@@ -1,5 +1,6 @@
 // instance_test.cpp - scan instances over two adapters (linkage walks, the C
 // walk behind a profile instance handle) and the exceptions.
+#include <filesystem>
 #include <memory>
 
 #include "profile_fixture.h"
@@ -39,23 +40,32 @@ TEST(MavInstanceEmpty, ScansCleanAndKeepsTheFallbackHandle) {
     EXPECT_EQ(inst.getMavHandle(), &marker);
 }
 
+// What a scan threw: "infection|what|text", "scan|what" or "" for nothing.
+template <typename F>
+std::string Thrown(F scan) {
+    try {
+        scan();
+    } catch (const mav::MavCInfectionException& e) {
+        return std::string("infection|") + e.what() + "|" + e.getText();
+    } catch (const mav::MavCScanException& e) {
+        return std::string("scan|") + e.what();
+    }
+    return "";
+}
+
 // Profiles over two separate adapters: the test adapter A and a copy B of it
 // under another name, loaded separately so each has its own script.
 class TwoAdapters : public RuntimeTest {
   protected:
     void SetUp() override {
         RuntimeTest::SetUp();
-        pathB = dir.path + "/libtestpel_b.so";
-        std::string cmd = "cp '" + std::string(pel.path()) + "' '" + pathB + "'";
-        ASSERT_EQ(std::system(cmd.c_str()), 0);
-        const char* old = getenv("TESTPEL_DIR");
-        std::string saved = old != nullptr ? old : "";
+        pathB = dir.file("libtestpel_b.so");
+        ASSERT_TRUE(std::filesystem::copy_file(pel.path(), pathB));
+        const char* env = getenv("TESTPEL_DIR");
+        std::string old = env != nullptr ? env : "";
         setenv("TESTPEL_DIR", dir.path.c_str(), 1);
         pelB.reset(new TestPel("libtestpel_b.so"));
-        if (old != nullptr)
-            setenv("TESTPEL_DIR", saved.c_str(), 1);
-        else
-            unsetenv("TESTPEL_DIR");
+        old.empty() ? unsetenv("TESTPEL_DIR") : setenv("TESTPEL_DIR", old.c_str(), 1);
 
         Config c;
         c.profile("L0", true, "0").step("L0", "0", "0", "GA").step("L0", "1", "0", "GB");
@@ -104,24 +114,15 @@ TEST_F(TwoAdapters, LinkageZeroStopsAtTheFirstFinding) {
     pelB->script_rc(MAV_E_VIRUS_FOUND);
     pelB->script_infection("Virus-B", "inner", 7, 0, 10, "found by B");
     auto inst = take("L0");
-    try {
-        inst->scan(file.c_str());
-        ADD_FAILURE() << "no exception";
-    } catch (const mav::MavCInfectionException& e) {
-        EXPECT_EQ(std::string(e.what()), "Infection \"Virus-B\" in object \"" + file + "\"");
-        EXPECT_EQ(e.getRc(), MAV_E_VIRUS_FOUND);
-    }
+    auto scanFile = [&] { inst->scan(file.c_str()); };
+    EXPECT_EQ("infection|Infection \"Virus-B\" in object \"" + file + "\"|Virus-B",
+              Thrown(scanFile));
     EXPECT_EQ(inst->getCurrent(), 1);
-
+    // A finding without an infection record: the fallback text.
     pel.script_rc(MAV_E_VIRUS_FOUND);
     pelB->script_clear();
-    try {
-        inst->scan(file.c_str());
-        ADD_FAILURE() << "no exception";
-    } catch (const mav::MavCInfectionException& e) {
-        // A scripted no infection record: the fallback text.
-        EXPECT_EQ(e.getText(), "Infection");
-    }
+    EXPECT_EQ("infection|Infection \"Infection\" in object \"" + file + "\"|Infection",
+              Thrown(scanFile));
     EXPECT_EQ(inst->getCurrent(), 0);
     EXPECT_EQ(pelB->calls(TPEL_SCAN), 1u);
 }
@@ -131,7 +132,6 @@ TEST_F(TwoAdapters, LinkageOneStopsAtTheFirstCleanResult) {
     pel.script_rc(MAV_E_SCAN_FAILED);
     EXPECT_EQ(inst->scan(file.c_str()), MAV_OK);
     EXPECT_EQ(pelB->calls(TPEL_SCAN), 1u);
-
     pel.script_rc(MAV_OK);
     EXPECT_EQ(inst->scan(file.c_str()), MAV_OK);
     EXPECT_EQ(pelB->calls(TPEL_SCAN), 1u);
@@ -139,20 +139,12 @@ TEST_F(TwoAdapters, LinkageOneStopsAtTheFirstCleanResult) {
     pel.script_rc(MAV_E_SCAN_FAILED);
     pelB->script_rc(MAV_E_SCAN_FAILED);
     pelB->script_scan_error("inner", 99, "B broke", 1);
-    try {
-        inst->scan(file.c_str());
-        ADD_FAILURE() << "no exception";
-    } catch (const mav::MavCScanException& e) {
-        EXPECT_EQ(std::string(e.what()), "Scan error in object \"" + file + "\": \"B broke\"");
-    }
+    EXPECT_EQ("scan|Scan error in object \"" + file + "\": \"B broke\"",
+              Thrown([&] { inst->scan(file.c_str()); }));
     pelB->script_clear();
     pelB->script_rc(MAV_E_SCAN_FAILED);
-    try {
-        inst->scan(reinterpret_cast<const unsigned char*>("xy"), 2, "mem");
-        ADD_FAILURE() << "no exception";
-    } catch (const mav::MavCScanException& e) {
-        EXPECT_STREQ(e.what(), "Scan error in object \"mem\": \"ScanError\"");
-    }
+    EXPECT_EQ("scan|Scan error in object \"mem\": \"ScanError\"",
+              Thrown([&] { inst->scan(reinterpret_cast<const unsigned char*>("xy"), 2, "mem"); }));
 }
 
 TEST_F(TwoAdapters, SummaryAndObjectNames) {
@@ -189,12 +181,7 @@ TEST_F(TwoAdapters, ProfileInstanceHandleWalksWithoutMovingCurrent) {
     MAV_INST h = nullptr;
     ASSERT_EQ(MavGetProfileInstance("L0", &h), MAV_OK);
     ASSERT_NE(h, nullptr);
-    const MAV_INST_REC* rec = static_cast<const MAV_INST_REC*>(h);
-    EXPECT_EQ(rec->struct_size, MAV_INST_SIZE);
-    EXPECT_EQ(rec->uiHeadMark, MAV_PINST_HEAD);
-    EXPECT_EQ(rec->uiTailMark, MAV_PINST_TAIL);
-    EXPECT_EQ(rec->uiThreadId, ThrGetCurrentId());
-    mav::MavInstance* mi = static_cast<mav::MavInstance*>(rec->pProfileInst);
+    auto* mi = static_cast<mav::MavInstance*>(static_cast<MAV_INST_REC*>(h)->pProfileInst);
     ASSERT_NE(mi, nullptr);
 
     MAV_SCANINFO summary = {32, 0, 0, 0, 0, 0, 0};

@@ -3,18 +3,17 @@
 #define PROFILE_FIXTURE_H
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "mavprofile_i.h"
+#include "temp_dir.h"
 #include "testpel_client.h"
 
 namespace profiletest {
+
+using ::TempDir;
 
 // Builds a properties text line by line.
 struct Config {
@@ -56,24 +55,6 @@ struct Config {
         line(p + "=" + name);
         line(p + ".Type=" + type);
         return line(p + ".Value=" + value);
-    }
-};
-
-// A temporary directory, removed with its files.
-struct TempDir {
-    std::string path;
-    TempDir() {
-        char tmpl[] = "/tmp/kormo_profile_XXXXXX";
-        path = mkdtemp(tmpl);
-    }
-    ~TempDir() {
-        std::string cmd = "rm -rf '" + path + "'";
-        if (std::system(cmd.c_str()) != 0) std::perror("rm");
-    }
-    std::string write(const std::string& name, const std::string& text) const {
-        std::string file = path + "/" + name;
-        std::ofstream(file, std::ios::binary) << text;
-        return file;
     }
 };
 

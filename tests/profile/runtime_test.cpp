@@ -1,9 +1,10 @@
 // runtime_test.cpp - runtime start and stop, configuration sources, key rules,
 // fail-over, profile lookup codes and the cycle guard.
-#include <fcntl.h>
+#include <unistd.h>
 
 #include <cstring>
 
+#include "mav_fixture.h"
 #include "profile_fixture.h"
 
 using profiletest::Config;
@@ -12,29 +13,17 @@ using profiletest::TempDir;
 
 namespace {
 
-// Runs the body in dir with PEL_LIB set to lib (null: unset); restores both.
+// Runs the test in dir with PEL_LIB set to lib (null: unset); restores both.
 struct Environment {
-    std::string oldCwd;
-    std::string oldLib;
-    bool hadLib;
+    char oldCwd[4096];
     Environment(const std::string& dir, const char* lib) {
-        char buf[4096];
-        oldCwd = getcwd(buf, sizeof buf);
-        const char* l = getenv("PEL_LIB");
-        hadLib = l != nullptr;
-        if (hadLib) oldLib = l;
+        EXPECT_NE(nullptr, getcwd(oldCwd, sizeof oldCwd));
         EXPECT_EQ(chdir(dir.c_str()), 0);
-        if (lib != nullptr)
-            setenv("PEL_LIB", lib, 1);
-        else
-            unsetenv("PEL_LIB");
+        if (lib != nullptr) setenv("PEL_LIB", lib, 1);
     }
     ~Environment() {
-        if (chdir(oldCwd.c_str()) != 0) std::perror("chdir");
-        if (hadLib)
-            setenv("PEL_LIB", oldLib.c_str(), 1);
-        else
-            unsetenv("PEL_LIB");
+        EXPECT_EQ(chdir(oldCwd), 0);
+        unsetenv("PEL_LIB");
     }
 };
 
@@ -85,7 +74,7 @@ TEST_F(RuntimeTest, BuiltInDefaultWithTheTestAdapter) {
 
 TEST_F(RuntimeTest, BuiltInDefaultWithoutAdapterFailsTheProvider) {
     TempDir dir;
-    Environment env(dir.path, (dir.path + "/libnone.so").c_str());
+    Environment env(dir.path, dir.file("libnone.so").c_str());
     ASSERT_EQ(MavStartRuntime(nullptr, 0), MAV_OK);
     mav::MavProvider* p = provider("PEL_DEFAULT");
     ASSERT_NE(p, nullptr);
@@ -112,19 +101,16 @@ TEST_F(RuntimeTest, ConfigurationSources) {
     EXPECT_NE(profile("FROMFILE"), nullptr);
     EXPECT_EQ(profile("DEFAULT"), nullptr);
     MavStopRuntime();
-
     // A text that names a file reads the file; its length counts, not a NUL.
     std::string file = dir.write("named.properties", "mav.profile.NAMED=NAMED\n");
     std::string padded = file + "trailing";
     ASSERT_EQ(MavStartRuntime(padded.c_str(), file.size()), MAV_OK);
     EXPECT_NE(profile("NAMED"), nullptr);
     MavStopRuntime();
-
     ASSERT_EQ(start("mav.profile.TEXT=TEXT\n"), MAV_OK);
     EXPECT_NE(profile("TEXT"), nullptr);
     EXPECT_EQ(profile("NAMED"), nullptr);
     MavStopRuntime();
-
     // No valid line: not started.
     EXPECT_EQ(start("# nothing\n"), MAV_E_NOT_INITIALISED);
     EXPECT_FALSE(mav::bRuntimeInit);
@@ -141,7 +127,6 @@ TEST_F(RuntimeTest, StartTwiceStopTwiceAndRestartKeepsOldValues) {
     EXPECT_EQ(MavStopRuntime(), MAV_OK);
     EXPECT_TRUE(mav::mav_providers.empty());
     EXPECT_EQ(MavStopRuntime(), MAV_OK);
-
     // The key map survives the stop: P stays active, Q is new.
     Config second;
     second.profile("P", false).profile("Q");
@@ -171,7 +156,6 @@ TEST_F(RuntimeTest, KeyRules) {
     EXPECT_FALSE(provider("LONE")->isActive());
     EXPECT_EQ(provider("LONE")->getMavHandle(), nullptr);
     EXPECT_EQ(mav::mav_groups["G1"]->getProviders(), (std::vector<std::string>{"P100", "P7"}));
-
     EXPECT_EQ(profile("P")->getLinkage(), 1);
     EXPECT_EQ(profile("L01")->getLinkage(), 0);
     EXPECT_FALSE(profile("UP")->isActive());
@@ -198,7 +182,7 @@ TEST_F(RuntimeTest, GroupFailsOverToItsSecondProvider) {
     TempDir dir;
     Config c;
     c.line("mav.defaults.profile=P").profile("P").step("P", "0", "0", "G").group("G");
-    c.provider("BROKEN", "G", dir.path + "/libnone.so").provider("GOOD", "G", pel.path());
+    c.provider("BROKEN", "G", dir.file("libnone.so")).provider("GOOD", "G", pel.path());
     ASSERT_EQ(start(c.text), MAV_OK);
     ASSERT_TRUE(provider("BROKEN")->isFailed());
     MAV_INST inst = MavGetProfileInstancePointer("P");
@@ -223,7 +207,6 @@ TEST_F(RuntimeTest, LookupCodesInOrder) {
     EXPECT_EQ(MavGetProfileInstance("X", &inst), MAV_E_PROFILE_NOT_VALID);
     EXPECT_EQ(inst, nullptr);
     EXPECT_EQ(MavGetProfileInstance("X", nullptr), MAV_E_NULL_PARAM);
-
     ASSERT_EQ(start("mav.group.G=G\n"), MAV_OK);
     EXPECT_EQ(MavGetProfileInstance(nullptr, &inst), MAV_E_NO_PROFILE_DEFINED);
     EXPECT_EQ(MavGetProfileInstance("X", &inst), MAV_E_NO_PROFILE_DEFINED);
@@ -232,7 +215,7 @@ TEST_F(RuntimeTest, LookupCodesInOrder) {
     TempDir dir;
     Config c;
     c.profile("ON").step("ON", "0", "0", "G").profile("OFF", false).group("G");
-    c.provider("BROKEN", "G", dir.path + "/libnone.so");
+    c.provider("BROKEN", "G", dir.file("libnone.so"));
     ASSERT_EQ(start(c.text), MAV_OK);
     EXPECT_EQ(MavGetProfileInstance(nullptr, &inst), MAV_E_NO_DEFAULT_PROFILE);
     EXPECT_EQ(MavGetProfileInstance("", &inst), MAV_E_NO_DEFAULT_PROFILE);
@@ -250,35 +233,26 @@ TEST_F(RuntimeTest, ProfileInstanceHandleHoldsOnlyMarksThreadAndInstance) {
     MAV_INST inst = nullptr;
     ASSERT_EQ(MavGetProfileInstance("P", &inst), MAV_OK);
     ASSERT_NE(inst, nullptr);
-    const unsigned char* b = static_cast<const unsigned char*>(inst);
-    auto u32 = [b](size_t off) {
-        uint32_t v;
-        memcpy(&v, b + off, sizeof v);
-        return v;
-    };
+    unsigned char b[136];
+    memcpy(b, inst, sizeof b);
     size_t size;
-    memcpy(&size, b, sizeof size);
     void* link;
+    uint32_t u32[4];  // head mark, thread, tail mark
+    memcpy(&size, b, sizeof size);
+    memcpy(&u32[0], b + 8, 4);
+    memcpy(&u32[1], b + 16, 4);
     memcpy(&link, b + 120, sizeof link);
+    memcpy(&u32[2], b + 128, 4);
     EXPECT_EQ(size, 136u);
-    EXPECT_EQ(u32(8), 0xABCDABCDu);
-    EXPECT_EQ(u32(16), ThrGetCurrentId());
+    EXPECT_EQ(u32[0], 0xABCDABCDu);
+    EXPECT_EQ(u32[1], ThrGetCurrentId());
     EXPECT_NE(link, nullptr);
-    EXPECT_EQ(u32(128), 0xDCBADCBAu);
-    for (size_t off = 12; off < 136; ++off) {
-        bool field = off >= 16 && off < 20;
-        field = field || (off >= 120 && off < 132);
-        if (!field) {
-            EXPECT_EQ(b[off], 0) << "byte " << off;
-        }
-    }
+    EXPECT_EQ(u32[2], 0xDCBADCBAu);
+    memset(b, 0, 12);  // every other byte is zero
+    memset(b + 16, 0, 4);
+    memset(b + 120, 0, 12);
+    EXPECT_EQ(std::string(136, '\0'), std::string(b, b + 136));
     EXPECT_EQ(MavFreeInstance(&inst), MAV_OK);
-}
-
-std::vector<std::string> gErrors;
-int collect(const char*, const char*, int, uint32_t level, const char* text) {
-    if (level & MAV_TRC_ERROR) gErrors.push_back(text);
-    return 0;
 }
 
 TEST_F(RuntimeTest, ProfilesThatReachThemselvesAreNotValid) {
@@ -292,23 +266,18 @@ TEST_F(RuntimeTest, ProfilesThatReachThemselvesAreNotValid) {
     c.profile("DIAMOND").step("DIAMOND", "0", "1", "LEAF").step("DIAMOND", "1", "1", "LEAF");
     c.profile("LEAF").step("LEAF", "0", "0", "G").group("G").provider("X", "G", pel.path(), "4");
     ASSERT_EQ(start(c.text), MAV_OK);
-
-    gErrors.clear();
-    MavSetTraceHandler(collect);
-    MavSetTraceLevel(MAV_TRC_ERROR);
     MAV_INST inst = nullptr;
-    EXPECT_EQ(MavGetProfileInstance(nullptr, &inst), MAV_E_PROFILE_NOT_VALID);
-    EXPECT_EQ(inst, nullptr);
-    EXPECT_EQ(MavGetProfileInstance("A", &inst), MAV_E_PROFILE_NOT_VALID);
-    EXPECT_EQ(inst, nullptr);
-    MavSetTraceLevel(0);
-    MavSetTraceHandler(nullptr);
-    ASSERT_FALSE(gErrors.empty());
-    EXPECT_NE(gErrors.back().find("Profile >A<"), std::string::npos) << gErrors.back();
+    {
+        TraceCapture trace(MAV_TRC_ERROR);
+        EXPECT_EQ(MavGetProfileInstance(nullptr, &inst), MAV_E_PROFILE_NOT_VALID);
+        EXPECT_EQ(inst, nullptr);
+        EXPECT_EQ(MavGetProfileInstance("A", &inst), MAV_E_PROFILE_NOT_VALID);
+        EXPECT_EQ(inst, nullptr);
+        EXPECT_GT(trace.CountContaining("Profile >A<"), 0);
+    }
     EXPECT_TRUE(profile("A")->isFailed());
     EXPECT_EQ(MavGetProfileInstance("A", &inst), MAV_E_PROFILE_NOT_VALID);
     EXPECT_FALSE(mav::MavInstance::createInstance("B"));
-
     // Reaching one profile twice without a cycle is fine.
     std::unique_ptr<mav::MavInstance> d = mav::MavInstance::createInstance("DIAMOND");
     ASSERT_TRUE(d);
