@@ -70,16 +70,6 @@ SHIM_EXPORT void JNICALL TESTPEL(setNoAdapterInfo)(JNIEnv*, jclass, jboolean on)
     CALL(tpel_set_no_adapter_info, on ? 1 : 0);
 }
 
-SHIM_EXPORT void JNICALL TESTPEL(setFlags)(JNIEnv*, jclass, jint scan, jint action, jint event,
-                                           jint cio) {
-    CALL(tpel_set_flags, static_cast<uint32_t>(scan), static_cast<uint32_t>(action),
-         static_cast<uint32_t>(event), static_cast<uint32_t>(cio));
-}
-
-SHIM_EXPORT void JNICALL TESTPEL(clearParams)(JNIEnv*, jclass) {
-    CALL(tpel_clear_params);
-}
-
 SHIM_EXPORT void JNICALL TESTPEL(addParam)(JNIEnv* env, jclass, jboolean initList, jint code,
                                            jint type, jstring value) {
     JStr v(env, value);
@@ -107,10 +97,6 @@ SHIM_EXPORT void JNICALL TESTPEL(scriptClear)(JNIEnv*, jclass) {
 
 SHIM_EXPORT void JNICALL TESTPEL(scriptRc)(JNIEnv*, jclass, jint rc) {
     CALL(tpel_script_rc, rc);
-}
-
-SHIM_EXPORT void JNICALL TESTPEL(scriptNoScanInfo)(JNIEnv*, jclass, jboolean on) {
-    CALL(tpel_script_no_scaninfo, on ? 1 : 0);
 }
 
 SHIM_EXPORT void JNICALL TESTPEL(scriptInfection)(JNIEnv* env, jclass, jstring virus,

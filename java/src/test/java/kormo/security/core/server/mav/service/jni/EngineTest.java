@@ -19,28 +19,17 @@ class EngineTest extends BridgeTestBase {
         TestPel.addDriver("main.def", 1, 2, 2000L, 10, 3, 0);
         TestPel.addDriver("extra.def", 7, 8, -5L, 20, 4, 1);
         MavHandle i = instance(open());
-
         Engine e = Mavgate.getEngine(i);
         assertNotNull(e);
         assertEquals(0, i.m_rc);
         assertNull(i.m_lastError);
-        assertEquals(5, e.getMajorVersion());
-        assertEquals(2, e.getMinorVersion());
-        assertEquals("engine five", e.getVersionText());
-        assertEquals(1_000_000_000L, e.getDate());
-        assertEquals(4_000_000_000L, e.getViruses(), "unsigned count widened");
-        assertEquals(2, e.getDrivers());
-
+        // Dates in milliseconds; the unsigned virus count widened.
+        assertEquals("Engine[5.2 engine five, date=1000000000, viruses=4000000000, drivers=2]",
+                e.toString());
         List<Driver> drivers = new ArrayList<>();
         assertEquals(MAV_OK, Mavgate.getDrivers(i, drivers));
-        assertEquals(2, drivers.size());
-        assertEquals("main.def", drivers.get(0).getName());
-        assertEquals(1, drivers.get(0).getMajorVersion());
-        assertEquals(2, drivers.get(0).getMinorVersion());
-        assertEquals(2_000_000L, drivers.get(0).getDate());
-        assertEquals(10, drivers.get(0).getViruses());
-        assertEquals("extra.def", drivers.get(1).getName());
-        assertEquals(-5000L, drivers.get(1).getDate());
+        assertEquals("[Driver[main.def 1.2, date=2000000, viruses=10], "
+                + "Driver[extra.def 7.8, date=-5000, viruses=20]]", drivers.toString());
     }
 
     @Test
@@ -51,7 +40,6 @@ class EngineTest extends BridgeTestBase {
         assertEquals(MAV_E_INVALID_HANDLE, h.m_rc);
         assertEquals("MAV_E_INVALID_HANDLE", h.m_lastError);
         assertEquals(MAV_E_INVALID_HANDLE, Mavgate.getDrivers(h, new ArrayList<>()));
-
         MavHandle none = new MavHandle();
         assertNull(Mavgate.getEngine(none));
         assertEquals(MAV_E_NULL_PARAM, none.m_rc);

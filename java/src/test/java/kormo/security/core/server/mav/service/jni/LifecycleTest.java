@@ -10,6 +10,13 @@ import org.junit.jupiter.api.Test;
 
 class LifecycleTest extends BridgeTestBase {
 
+    /** The adapter fields of a holder and its error fields. */
+    private static String info(MavHandle h) {
+        return h.m_VendorPelName + "|" + h.m_VendorInfoText + "|" + h.m_MajPelVersion + "."
+                + h.m_MinPelVersion + "|" + h.m_NumberOfParameters + "|" + h.m_lastError + "|"
+                + h.m_lastErrorDescription;
+    }
+
     @Test
     void initFillsTheHolderAndEndClearsIt() {
         TestPel.setAdapterInfo(4711, 0, 2, 3, 7, "Vendor X", "adapterX");
@@ -21,54 +28,38 @@ class LifecycleTest extends BridgeTestBase {
         assertEquals(MAV_OK, Mavgate.initPEL(PEL, h));
         track(h, false);
         assertNotEquals(0, h.m_Handle);
-        assertEquals("adapterX", h.m_VendorPelName);
-        assertEquals("Vendor X", h.m_VendorInfoText);
-        assertEquals(3, h.m_MajPelVersion);
-        assertEquals(7, h.m_MinPelVersion);
-        assertEquals(2, h.m_NumberOfParameters);
-        assertNull(h.m_lastError);
-        assertNull(h.m_lastErrorDescription);
-
+        assertEquals("adapterX|Vendor X|3.7|2|null|null", info(h));
         assertEquals(MAV_OK, Mavgate.endPEL(h));
         assertEquals(0, h.m_Handle);
-        assertNull(h.m_VendorPelName);
-        assertNull(h.m_VendorInfoText);
-        assertEquals(0, h.m_MajPelVersion);
-        assertEquals(0, h.m_MinPelVersion);
-        assertEquals(0, h.m_NumberOfParameters);
+        assertEquals("null|null|0.0|0|null|null", info(h));
         assertEquals(1, TestPel.calls(TestPel.CLEANUP));
     }
 
     @Test
-    void failedStartPutsTheAdapterMessageIntoBothFieldsAndEndsTheHandle() {
+    void failedStartsReportAndEndTheHandle() {
+        // The adapter's message goes into both fields; a fresh start works after.
         TestPel.fail(TestPel.STARTUP, 9, null);
         MavHandle h = new MavHandle();
         assertEquals(9, Mavgate.initPEL(PEL, h));
         assertEquals(0, h.m_Handle);
-        assertEquals("Global adapter initialization in PelStartup failed. Please contact PEL vendor.",
-                h.m_lastError);
-        assertEquals(h.m_lastError, h.m_lastErrorDescription);
-
-        // Nothing of the failed start is left: a fresh start works.
+        String text = "Global adapter initialization in PelStartup failed. Please contact PEL vendor.";
+        assertEquals(text + "|" + text, h.m_lastError + "|" + h.m_lastErrorDescription);
         TestPel.fail(TestPel.STARTUP, 0, null);
         open();
-    }
 
-    @Test
-    void missingAdapterInfoGivesInvalidHandleWithNameAndDescription() {
+        // No adapter information: the code's name and description; the handle
+        // was ended, so the adapter went through its clean-up.
+        TestPel.reset();
         TestPel.setNoAdapterInfo(true);
-        MavHandle h = new MavHandle();
-        assertEquals(MAV_E_INVALID_HANDLE, Mavgate.initPEL(PEL, h));
-        assertEquals(0, h.m_Handle);
-        assertEquals("MAV_E_INVALID_HANDLE", h.m_lastError);
-        assertNotNull(h.m_lastErrorDescription);
-        assertNotEquals(h.m_lastError, h.m_lastErrorDescription);
-        // The handle was ended: the adapter went through its clean-up.
+        MavHandle none = new MavHandle();
+        assertEquals(MAV_E_INVALID_HANDLE, Mavgate.initPEL(PEL, none));
+        assertEquals(0, none.m_Handle);
+        assertEquals("MAV_E_INVALID_HANDLE", none.m_lastError);
+        assertNotNull(none.m_lastErrorDescription);
+        assertNotEquals(none.m_lastError, none.m_lastErrorDescription);
         assertEquals(1, TestPel.calls(TestPel.CLEANUP));
-    }
 
-    @Test
-    void initWithANullHolderStartsNothing() {
+        TestPel.reset();
         assertEquals(MAV_E_NULL_PARAM, Mavgate.initPEL(PEL, null));
         assertEquals(0, TestPel.calls(TestPel.STARTUP));
     }

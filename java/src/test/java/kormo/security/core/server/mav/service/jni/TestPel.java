@@ -40,10 +40,6 @@ final class TestPel {
 
     static native void setNoAdapterInfo(boolean on);
 
-    static native void setFlags(int scan, int action, int event, int cio);
-
-    static native void clearParams();
-
     static native void addParam(boolean initList, int code, int type, String value);
 
     static native void fail(int entry, int rc, String vendorText);
@@ -55,8 +51,6 @@ final class TestPel {
     static native void scriptClear();
 
     static native void scriptRc(int rc);
-
-    static native void scriptNoScanInfo(boolean on);
 
     static native void scriptInfection(String virus, String object, int virusId,
             boolean repairable, long size, String freeText);
