@@ -26,6 +26,7 @@
 #include <cstring>
 #include <strings.h>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -67,8 +68,7 @@ int Quiet(const char*, const char*, int, uint32_t, const char*) {
 
 template <typename F>
 void Resolve(void* dl, const char* name, F* fn) {
-    *fn = reinterpret_cast<F>(dlsym(dl, name));
-    check(*fn != nullptr, name);
+    check((*fn = reinterpret_cast<F>(dlsym(dl, name))) != nullptr, name);
 }
 
 // Every type on both lists; a CHAR default that is no UTF-8 as well.
@@ -106,22 +106,14 @@ struct Op {
 
 std::vector<Op> Parse(const std::string& text) {
     std::vector<Op> ops;
-    size_t start = 0;
-    while (start < text.size() && ops.size() < kMaxOps) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        std::string line = text.substr(start, end - start);
-        start = end + 1;
+    std::istringstream in(text);
+    for (std::string line; ops.size() < kMaxOps && std::getline(in, line);) {
         if (line.size() < 2) continue;
         Op op{line[0], line[1], "", "", ""};
-        std::string rest = line.substr(2);
-        size_t a = rest.find('|');
-        op.name = rest.substr(0, a);
-        if (a != std::string::npos) {
-            size_t b = rest.find('|', a + 1);
-            op.type = rest.substr(a + 1, b == std::string::npos ? std::string::npos : b - a - 1);
-            if (b != std::string::npos) op.value = rest.substr(b + 1);
-        }
+        std::istringstream rest(line.substr(2));
+        std::getline(rest, op.name, '|');
+        std::getline(rest, op.type, '|');
+        std::getline(rest, op.value);
         ops.push_back(op);
     }
     return ops;
