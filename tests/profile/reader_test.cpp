@@ -20,11 +20,10 @@ TEST(PropertyReader, BlanksSemicolonsSkippedLinesAndSections) {
     mav::PropertyReader r = readText(
         "  key = va lue  \nk1=a;b\nkv2=value;comment\nab=;c\na=b=c\nsemi;first=xyz\n"
         "tab\tbed=\tx\t\n");
+    // The ';' at position 4 of "semi;first" cuts its value to 4 characters.
     const std::pair<const char*, const char*> values[] = {
         {"key", "value"}, {"k1", "a;b"},         {"kv2", "value;com"}, {"ab", ";c"},
-        {"a", "b=c"},     {"semi;first", "xyz"},  // the ';' at position 4 cuts the value to 4
-                                                  // characters
-        {"tabbed", "x"},  {"key ", "d"}};
+        {"a", "b=c"},     {"semi;first", "xyz"}, {"tabbed", "x"},      {"key ", "d"}};
     for (const auto& v : values) EXPECT_EQ(r.get_string(v.first, "d"), v.second) << v.first;
 
     r = readText(
