@@ -189,6 +189,11 @@ struct MAV_PARAM_ID {
 // recycled, never returned to the allocator: a stale pointer always reads
 // wiped marks and is refused.
 
+// Alignment and size granule of record blocks: two records never share a
+// cache line nor an adjacent-line prefetch pair, so scans on different
+// instances do not contend.
+constexpr size_t MAV_REC_LINE = 128;
+
 enum MAV_REC_KIND { MAV_REC_NONE = 0, MAV_REC_HANDLE, MAV_REC_INSTANCE, MAV_REC_PROFILE };
 
 // A zeroed handle record with size and marks set and pCS pointing to storage

@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr size_t kLine = 64;
+constexpr size_t kLine = MAV_REC_LINE;
 
 // Handle block: record, critical section on its own line, free-list link.
 constexpr size_t kHdlCsOff = 256;

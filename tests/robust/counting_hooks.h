@@ -39,11 +39,12 @@ namespace robust {
 
 // Allocation sizes of the record pool's blocks (see CountingHooks::RecordState).
 constexpr size_t RoundLine(size_t n) {
-    return (n + 63) / 64 * 64;
+    return (n + MAV_REC_LINE - 1) / MAV_REC_LINE * MAV_REC_LINE;
 }
-constexpr size_t kHdlAlloc = RoundLine(256 + sizeof(THR_CRIT_SEC) + sizeof(void*)) + 64;
+constexpr size_t kHdlAlloc =
+    RoundLine(256 + sizeof(THR_CRIT_SEC) + sizeof(void*)) + MAV_REC_LINE;
 constexpr size_t kInstAlloc =
-    RoundLine(sizeof(MAV_INST_REC) + sizeof(PEL_SCANPARAM) + sizeof(void*)) + 64;
+    RoundLine(sizeof(MAV_INST_REC) + sizeof(PEL_SCANPARAM) + sizeof(void*)) + MAV_REC_LINE;
 
 class CountingHooks {
     // Shared state first: the inline members below deduce types from it.
@@ -264,7 +265,8 @@ class CountingHooks {
     enum RecState { kNoRecord, kRecycled, kInUse };
     static RecState RecordState(const Block& b) {
         if (b.size != kHdlAlloc && b.size != kInstAlloc) return kNoRecord;
-        uintptr_t rec = (reinterpret_cast<uintptr_t>(b.ptr) + 63) & ~uintptr_t(63);
+        uintptr_t rec = (reinterpret_cast<uintptr_t>(b.ptr) + MAV_REC_LINE - 1) &
+                        ~uintptr_t(MAV_REC_LINE - 1);
         if (b.size == kHdlAlloc) {
             const MAV_HDL_REC* h = reinterpret_cast<const MAV_HDL_REC*>(rec);
             if (reinterpret_cast<uintptr_t>(h->pCS) != rec + 256) return kNoRecord;
@@ -283,7 +285,7 @@ class CountingHooks {
     // Size word and marks of what looks like a record (empty otherwise).
     static std::string RecordFields(const Block& b) {
         uintptr_t start = reinterpret_cast<uintptr_t>(b.ptr);
-        uintptr_t rec = (start + 63) & ~uintptr_t(63);
+        uintptr_t rec = (start + MAV_REC_LINE - 1) & ~uintptr_t(MAV_REC_LINE - 1);
         if (rec + sizeof(MAV_INST_REC) + sizeof(PEL_SCANPARAM) > start + b.size) return "";
         const MAV_INST_REC* i = reinterpret_cast<const MAV_INST_REC*>(rec);
         char text[192];
