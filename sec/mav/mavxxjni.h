@@ -25,6 +25,10 @@
 
 // Type descriptors of the holder fields.
 #define MAVJNI_STR "Ljava/lang/String;"
+// Exported name of a native of Mavgate.
+#define MAVGATE(name) Java_kormo_security_core_server_mav_service_jni_Mavgate_##name
+// Descriptor of the add method of result lists.
+#define MAVJNI_LIST_ADD "(Ljava/lang/Object;)Z"
 
 namespace mavjni {
 

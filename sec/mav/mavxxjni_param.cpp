@@ -5,15 +5,13 @@
 
 #include "mavxxjni.h"
 
-#define MAVGATE(name) Java_kormo_security_core_server_mav_service_jni_Mavgate_##name
-
 using namespace mavjni;
 
 namespace {
 
 constexpr const char* kParameterClass = "kormo/security/core/server/mav/api/Parameter";
 constexpr const char* kParameterInit = "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;)V";
-constexpr const char* kListAdd = "(Ljava/lang/Object;)Z";
+constexpr const char* kListAdd = MAVJNI_LIST_ADD;
 // Fields of a parameter object.
 constexpr const char* kParameterName = "m_ParameterName";
 constexpr const char* kParameterType = "m_ParameterType";

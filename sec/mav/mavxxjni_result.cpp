@@ -3,8 +3,6 @@
 // objects, and the engine.
 #include "mavxxjni.h"
 
-#define MAVGATE(name) Java_kormo_security_core_server_mav_service_jni_Mavgate_##name
-
 using namespace mavjni;
 
 namespace {
@@ -26,7 +24,7 @@ constexpr const char* kScanErrorClass = "kormo/security/core/server/mav/api/Scan
 constexpr const char* kScanErrorInit = "(JJLjava/lang/String;Ljava/lang/String;J)V";
 constexpr const char* kContentClass = "kormo/security/core/server/mav/api/ContentInfo";
 constexpr const char* kContentInit = "(Ljava/lang/String;Ljava/lang/String;Ljava/lang/String;J)V";
-constexpr const char* kListAdd = "(Ljava/lang/Object;)Z";
+constexpr const char* kListAdd = MAVJNI_LIST_ADD;
 
 // Seconds to milliseconds; wraps instead of overflowing on absurd dates.
 jlong Millis(int64_t seconds) {

@@ -3,8 +3,6 @@
 
 #include "mavxxjni.h"
 
-#define MAVGATE(name) Java_kormo_security_core_server_mav_service_jni_Mavgate_##name
-
 using namespace mavjni;
 
 namespace {
