@@ -1,5 +1,5 @@
 # Install rules, CMake package, pkg-config file and Debian package.
-#   lib:     libkormomav.so.1.0.0 with its SONAME link (the .so link: component dev),
+#   lib:     libkormomav.so.1.1.0 with its SONAME link (the .so link: component dev),
 #            the adapters libkormopel.so (ClamAV) and libkormoclamd.so beside it,
 #            where the library looks for its default adapter ($ORIGIN)
 #   include: kormomav/kormomav.h, kormopel.h, mavprofile.h

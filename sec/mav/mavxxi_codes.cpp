@@ -92,3 +92,20 @@ MAV_API const char* MavErrorDescription(MAV_RC rc) {
 }
 
 }  // extern "C"
+
+// ---- Library version ------------------------------------------------------------
+
+namespace {
+constexpr bool SameText(const char* a, const char* b) {
+    return *a == *b && (*a == '\0' || SameText(a + 1, b + 1));
+}
+#ifdef KORMO_BUILD_VERSION
+static_assert(SameText(KORMOMAV_VERSION, KORMO_BUILD_VERSION),
+              "kormomav.h and the project version in CMakeLists.txt differ");
+#endif
+}  // namespace
+
+extern "C" MAV_API const char* MavGetVersion(uint32_t* num) {
+    if (num != nullptr) *num = KORMOMAV_VERSION_NUM;
+    return KORMOMAV_VERSION;
+}

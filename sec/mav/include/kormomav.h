@@ -42,6 +42,17 @@ extern "C" {
 #define MAV_API __attribute__((visibility("default")))
 #endif
 
+/* ---- Version ---------------------------------------------------------------- */
+
+/* The version of this header. MavGetVersion gives the version of the library
+ * actually loaded, which may be newer (same major number: same ABI). */
+#define KORMOMAV_VERSION_MAJOR 1
+#define KORMOMAV_VERSION_MINOR 1
+#define KORMOMAV_VERSION_PATCH 0
+#define KORMOMAV_VERSION "1.1.0"
+#define KORMOMAV_VERSION_NUM \
+    ((KORMOMAV_VERSION_MAJOR << 16) | (KORMOMAV_VERSION_MINOR << 8) | KORMOMAV_VERSION_PATCH)
+
 /* ---- Basic types ------------------------------------------------------------ */
 
 typedef char KORMO_CHAR;
@@ -351,6 +362,11 @@ MAV_API void MavPFreeInfo(void** ptr);
 
 /* Symbolic name of a code, "Unknown ERROR" for a code without one. Constant. */
 MAV_API const char* MavErrorName(MAV_RC rc);
+
+/* Returns the loaded library's version as text ("1.1.0"): static storage,
+ * never null, never to be freed. Stores the version as KORMOMAV_VERSION_NUM
+ * would give it in *num when num is not null. Needs no MavInit; any thread. */
+MAV_API const char* MavGetVersion(uint32_t* num);
 
 /* One-line description of a code, "Unknown ERROR" for others. Constant. */
 MAV_API const char* MavErrorDescription(MAV_RC rc);
