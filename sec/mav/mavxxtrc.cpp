@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <mutex>
@@ -306,10 +307,34 @@ MAV_API MAV_RC MavActivateTrace(const KORMO_CHAR* fileName, uint32_t basis) {
     return rc;
 }
 
+// The library writes nothing unless asked: without a stream, file or handler
+// set by the application, the operator may ask through the environment.
+// KORMO_TRACE is "stderr" or a file to append to; KORMO_TRACE_LEVEL is a
+// library level (decimal or 0x hex). Read once per process, by the first
+// MavInit; anything else leaves the trace off.
 MAV_LOCAL void MavIOpenDefaultTrace(void) {
-    if (!MavILockFile()) return;
-    if (trcStream.load() == nullptr && CTrcGetFpTf() == nullptr) MavSetTraceFile(stderr);
-    MavIUnlockFile();
+    static std::once_flag envOnce;
+    std::call_once(envOnce, [] {
+        const char* dest = getenv("KORMO_TRACE");
+        if (dest == nullptr || dest[0] == 0) return;
+        const char* levelText = getenv("KORMO_TRACE_LEVEL");
+        if (levelText != nullptr && levelText[0] != 0) {
+            char* end = nullptr;
+            unsigned long level = strtoul(levelText, &end, 0);
+            if (end != nullptr && *end == 0 && level <= 0xFFFFFFFFul)
+                MavSetTraceLevel(static_cast<uint32_t>(level));
+        }
+        if (!MavILockFile()) return;
+        if (trcStream.load() == nullptr && CTrcGetFpTf() == nullptr) {
+            if (strcmp(dest, "stderr") == 0) {
+                MavSetTraceFile(stderr);
+            } else if (FILE* fp = fopen(dest, "ae")) {
+                MavSetTraceFile(fp);
+                trcOwnStream = true;
+            }
+        }
+        MavIUnlockFile();
+    });
 }
 
 }  // extern "C"

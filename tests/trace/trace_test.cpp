@@ -1,5 +1,6 @@
 // Trace level, stream, handler, line format and activation.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -200,10 +201,39 @@ TEST_F(Trace, ActivationKeepsOneOldGeneration) {
     EXPECT_EQ(2u, MavGetTraceLevel());
 }
 
-TEST_F(Trace, SetTraceFileNullKeepsTheStreamAndDefaultIsStandardError) {
-    MavIOpenDefaultTrace();
-    EXPECT_EQ(stderr, MavGetTraceFile());
-    EXPECT_EQ(stderr, CTrcGetFpTf());
+// Silent unless asked: no default stream; KORMO_TRACE (read once per process,
+// so each case runs in a child) names one.
+TEST_F(Trace, DefaultStreamOnlyWhenTheEnvironmentAsks) {
+    const std::string file = dir_.file("env.log");
+    const struct {
+        const char* dest;
+        const char* level;
+        int expect;  // 0 no stream, 1 stderr, 2 the file (level 6)
+    } cases[] = {{nullptr, nullptr, 0}, {"", "6", 0}, {"stderr", nullptr, 1},
+                 {file.c_str(), "6", 2}, {"/nonexistent/dir/x.log", "6", 0}};
+    for (const auto& c : cases) {
+        pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            MavSetTraceFile(nullptr);
+            CTrcSetFpTf(nullptr);
+            if (c.dest != nullptr) setenv("KORMO_TRACE", c.dest, 1); else unsetenv("KORMO_TRACE");
+            if (c.level != nullptr) setenv("KORMO_TRACE_LEVEL", c.level, 1);
+            MavSetTraceLevel(0);
+            MavIOpenDefaultTrace();
+            FILE* fp = MavGetTraceFile();
+            bool ok = c.expect == 0 ? fp == nullptr
+                    : c.expect == 1 ? fp == stderr
+                                    : fp != nullptr && fp != stderr && MavGetTraceLevel() == 6;
+            _exit(ok ? 0 : 1);
+        }
+        int status = 0;
+        waitpid(pid, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << (c.dest ? c.dest : "(unset)");
+    }
+}
+
+TEST_F(Trace, SetTraceFileNullKeepsTheStream) {
     std::string path = dir_.file("own.log");
     FILE* fp = fopen(path.c_str(), "w");
     ASSERT_NE(nullptr, fp);

@@ -404,8 +404,10 @@ MAV_API MAV_RC MavSetBasisTraceLevel(uint32_t basis);
 /* A non-null stream becomes the trace stream and the kernel trace stream
  * (null changes nothing). The library takes it over: MavDeactivateTrace and
  * MavActivateTrace close it (never stdin, stdout or stderr). A stream that
- * MavActivateTrace opened is closed when replaced. Without any stream, MavInit
- * traces to standard error. */
+ * MavActivateTrace opened is closed when replaced. Without any stream the
+ * library writes nothing, unless the environment asks: KORMO_TRACE=stderr or
+ * KORMO_TRACE=/path/file (appended to), with KORMO_TRACE_LEVEL=<level bits>,
+ * read by the first MavInit of the process. */
 MAV_API MAV_RC MavSetTraceFile(FILE* stream);
 
 /* The library's trace stream, else the kernel trace stream. */
