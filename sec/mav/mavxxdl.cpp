@@ -38,19 +38,23 @@ bool Open(const char* fileName, MAV_HDL_REC* hdl, int* rc) {
 
 // Opens a default adapter name: first the file of that name beside this
 // library (the installed pair; also found when the loader's caller is not this
-// library, as under sanitizers), else through the loader's search path.
-// Fixed buffers: MavInit must not meet std::bad_alloc.
+// library, as under sanitizers), then in the private adapter folder "kormomav"
+// beside it (where the packages install adapters), else through the loader's
+// search path. Fixed buffers: MavInit must not meet std::bad_alloc.
 bool OpenDefault(const char* name, MAV_HDL_REC* hdl, int* rc) {
     Dl_info info;
     if (dladdr(reinterpret_cast<void*>(&MavILoadLib), &info) != 0 && info.dli_fname != nullptr) {
         const char* slash = strrchr(info.dli_fname, '/');
-        char beside[PATH_MAX];
-        if (slash != nullptr &&
-            static_cast<size_t>(snprintf(beside, sizeof beside, "%.*s%s",
-                                         static_cast<int>(slash + 1 - info.dli_fname),
-                                         info.dli_fname, name)) < sizeof beside &&
-            access(beside, F_OK) == 0 && Open(beside, hdl, rc))
-            return true;
+        static const char* const kSubdirs[] = {"", "kormomav/"};
+        for (const char* sub : kSubdirs) {
+            char path[PATH_MAX];
+            if (slash != nullptr &&
+                static_cast<size_t>(snprintf(path, sizeof path, "%.*s%s%s",
+                                             static_cast<int>(slash + 1 - info.dli_fname),
+                                             info.dli_fname, sub, name)) < sizeof path &&
+                access(path, F_OK) == 0 && Open(path, hdl, rc))
+                return true;
+        }
     }
     return Open(name, hdl, rc);
 }
