@@ -1,7 +1,8 @@
-# Install rules, CMake package, pkg-config file and Debian package.
-#   lib:     libkormomav.so.1.1.0 with its SONAME link (the .so link: component dev),
-#            the adapters libkormopel.so (ClamAV) and libkormoclamd.so beside it,
-#            where the library looks for its default adapter ($ORIGIN)
+# Install rules, CMake package and pkg-config file (Debian packages: debian/).
+#   lib:     libkormomav.so.1.1.0 with its SONAME link (the .so link: component dev);
+#            the adapters (libkormopel.so, the ClamAV one, libkormoclamd.so, ...) in
+#            the private folder lib/kormomav/, where the library looks for its
+#            default adapter after its own folder
 #   include: kormomav/kormomav.h, kormopel.h, mavprofile.h
 #   bin:     mavscan (run path $ORIGIN/../lib...), man1/mavscan.1
 #   share:   java/kormomav.jar (java/CMakeLists.txt)
@@ -15,9 +16,9 @@ install(FILES ${CMAKE_SOURCE_DIR}/sec/mav/include/kormomav.h
               ${CMAKE_SOURCE_DIR}/sec/mav/include/mavprofile.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kormomav)
 
-foreach(adapter kormopel kormoclamd)
+foreach(adapter kormopel kormoclamd kormoyara kormoicap)
   if(TARGET ${adapter})
-    install(TARGETS ${adapter} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    install(TARGETS ${adapter} LIBRARY DESTINATION ${KORMO_ADAPTER_DIR} COMPONENT ${adapter})
   endif()
 endforeach()
 if(TARGET mavscan)
@@ -44,21 +45,17 @@ string(REGEX REPLACE "/$" "" KORMO_PC_TO_PREFIX "${KORMO_PC_TO_PREFIX}")
 configure_file(${CMAKE_SOURCE_DIR}/cmake/kormomav.pc.in ${CMAKE_BINARY_DIR}/kormomav.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/kormomav.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-# Debian package (cpack -G DEB in the build directory).
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME kormomav)
-set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_VENDOR "libkormomav")
-set(CPACK_PACKAGE_CONTACT "libkormomav maintainers <maintainers@kormomav.invalid>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "One C interface in front of virus-scanning engines")
-set(CPACK_PACKAGE_DESCRIPTION
-    "libkormomav loads a virus-scanning engine through an adapter and offers one C\n"
-    "interface, a profile runtime and a Java bridge in front of it. The package holds\n"
-    "the library, its headers, the ClamAV and clamd adapters, the mavscan command\n"
-    "and the CMake and pkg-config files.")
-string(REPLACE ";" "" CPACK_PACKAGE_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION}")
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "clamav-freshclam, clamav-daemon")
-include(CPack)
+# Section-3 pages of the C interface, made from the header's comments
+# (scripts/man3.py), for the development files.
+find_package(Python3 COMPONENTS Interpreter)
+if(Python3_Interpreter_FOUND)
+  set(KORMO_MAN3_DIR ${CMAKE_BINARY_DIR}/man3)
+  add_custom_command(OUTPUT ${KORMO_MAN3_DIR}/kormomav.3
+      COMMAND ${Python3_EXECUTABLE} ${CMAKE_SOURCE_DIR}/scripts/man3.py
+              ${CMAKE_SOURCE_DIR}/sec/mav/include/kormomav.h ${KORMO_MAN3_DIR} ${PROJECT_VERSION}
+      DEPENDS ${CMAKE_SOURCE_DIR}/scripts/man3.py ${CMAKE_SOURCE_DIR}/sec/mav/include/kormomav.h
+      COMMENT "Manual pages of the C interface")
+  add_custom_target(kormomav_man3 ALL DEPENDS ${KORMO_MAN3_DIR}/kormomav.3)
+  install(DIRECTORY ${KORMO_MAN3_DIR}/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man3
+          COMPONENT dev FILES_MATCHING PATTERN "*.3")
+endif()
