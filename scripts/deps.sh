@@ -10,8 +10,13 @@ KORMO_PACKAGES=(
 )
 
 kormo_install_deps() {
+  kormo_install_packages "${KORMO_PACKAGES[@]}"
+}
+
+# Installs the named packages that are missing.
+kormo_install_packages() {
   local missing=()
-  for p in "${KORMO_PACKAGES[@]}"; do
+  for p in "$@"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
   done
   if [ ${#missing[@]} -eq 0 ]; then
