@@ -60,3 +60,8 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(setTrace)(JNIEnv* env, jobject self, jstring 
     MAVJNI_EXIT(MAV_OK);
     return MAV_OK;
 }
+
+// The library's version text ("1.1.0"), for the Java side's reports.
+MAVJNI_EXPORT jstring JNICALL MAVGATE(getVersion)(JNIEnv* env, jclass) {
+    return env->NewStringUTF(MavGetVersion(nullptr));
+}

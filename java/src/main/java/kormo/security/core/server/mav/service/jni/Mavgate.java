@@ -42,7 +42,33 @@ public final class Mavgate {
         if (path != null && !path.isEmpty()) {
             System.load(path);
         } else {
+            loadFromLibraryPath();
+        }
+    }
+
+    /**
+     * libkormomav.so from java.library.path; else the run-time file
+     * libkormomav.so.1 (all an installation without development files has)
+     * from java.library.path and the system's library folders.
+     */
+    private static void loadFromLibraryPath() {
+        try {
             System.loadLibrary("kormomav");
+            return;
+        } catch (UnsatisfiedLinkError e) {
+            String dirs = System.getProperty("java.library.path", "")
+                    + java.io.File.pathSeparator + "/usr/local/lib"
+                    + java.io.File.pathSeparator + "/usr/lib/x86_64-linux-gnu"
+                    + java.io.File.pathSeparator + "/usr/lib64"
+                    + java.io.File.pathSeparator + "/usr/lib";
+            for (String dir : dirs.split(java.io.File.pathSeparator)) {
+                java.io.File f = new java.io.File(dir, "libkormomav.so.1");
+                if (!dir.isEmpty() && f.isFile()) {
+                    System.load(f.getAbsolutePath());
+                    return;
+                }
+            }
+            throw e;
         }
     }
 
@@ -141,4 +167,9 @@ public final class Mavgate {
     public static native int setParameter(Object holder, Object parameter);
 
     public static native int setDefaultConfig(Object holder);
+
+    // ---- Library ------------------------------------------------------------------
+
+    /** The loaded library's version, for example "1.1.0". */
+    public static native String getVersion();
 }

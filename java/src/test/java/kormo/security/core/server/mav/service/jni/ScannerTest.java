@@ -1,0 +1,97 @@
+package kormo.security.core.server.mav.service.jni;
+
+import static org.junit.jupiter.api.Assertions.assertEquals;
+import static org.junit.jupiter.api.Assertions.assertFalse;
+import static org.junit.jupiter.api.Assertions.assertThrows;
+import static org.junit.jupiter.api.Assertions.assertTrue;
+
+import java.io.ByteArrayInputStream;
+import java.nio.ByteBuffer;
+import java.nio.file.Files;
+import java.nio.file.Path;
+import java.util.Map;
+import kormo.security.core.server.mav.scanner.ScanException;
+import kormo.security.core.server.mav.scanner.ScanResult;
+import kormo.security.core.server.mav.scanner.Scanner;
+import kormo.security.core.server.mav.scanner.Verdict;
+import org.junit.jupiter.api.Test;
+import org.junit.jupiter.api.io.TempDir;
+
+/** The idiomatic scanner API over the test adapter. */
+class ScannerTest extends BridgeTestBase {
+    @TempDir Path dir;
+
+    private static Scanner scanner() throws ScanException {
+        return Scanner.open(Path.of(PEL));
+    }
+
+    @Test
+    void verdictsComeWithWhatWasFound() throws Exception {
+        try (Scanner s = scanner()) {
+            ScanResult clean = s.scan("abc".getBytes());
+            assertTrue(clean.isClean());
+            assertTrue(clean.getInfections().isEmpty());
+            TestPel.scriptInfection("Test.Virus", "upload", 7, false, 3, "free");
+            TestPel.scriptRc(MAV_E_VIRUS_FOUND);
+            ScanResult bad = s.scan("abc".getBytes(), "upload");
+            assertEquals(Verdict.INFECTED, bad.getVerdict());
+            assertEquals("Test.Virus", bad.getInfections().get(0).getVirusName());
+            assertThrows(UnsupportedOperationException.class, () -> bad.getInfections().clear());
+        }
+    }
+
+    @Test
+    void failuresThrowWithCodeAndNameNeverClean() throws Exception {
+        try (Scanner s = scanner()) {
+            TestPel.scriptScanError("upload", 14, "limit reached", 3);
+            TestPel.scriptRc(14);
+            ScanException e = assertThrows(ScanException.class, () -> s.scan(new byte[3], "upload"));
+            assertEquals(14, e.getCode());
+            assertEquals("MAV_E_NOT_SCANNED", e.getCodeName());
+            assertEquals("limit reached", e.getAdapterText());
+        }
+        Scanner closed = scanner();
+        closed.close();
+        closed.close();
+        assertEquals(4, assertThrows(ScanException.class, () -> closed.scan(new byte[1])).getCode());
+        ScanException load = assertThrows(ScanException.class,
+                () -> Scanner.open(dir.resolve("missing.so")));
+        assertEquals("MAV_E_PEL_LOAD_FAILED", load.getCodeName());
+    }
+
+    @Test
+    void everySourceReachesTheEngineWhole() throws Exception {
+        try (Scanner s = scanner()) {
+            ByteBuffer b = ByteBuffer.wrap("xxhello".getBytes());
+            b.position(2);
+            s.scan(b, "buffer");
+            assertEquals(5, TestPel.lastScan()[4]);
+            assertEquals(2, b.position());
+
+            Path f = Files.write(dir.resolve("f.txt"), "data".getBytes());
+            s.scan(f);
+            assertEquals(Mavgate.SCAN_FILE, TestPel.lastScan()[0]);
+            assertEquals(f.toString(), TestPel.lastObjectName());
+
+            s.scan(new ByteArrayInputStream(new byte[10]), "small");
+            assertEquals(Mavgate.SCAN_BYTES, TestPel.lastScan()[0]);
+            ScanResult big = s.scan(new ByteArrayInputStream(new byte[3 << 20]), "big");
+            assertEquals("big", big.getObjectName());
+            assertEquals(Mavgate.SCAN_FILE, TestPel.lastScan()[0]);
+            assertFalse(Files.exists(Path.of(TestPel.lastObjectName())), "temporary file left");
+        }
+    }
+
+    @Test
+    void parametersAndVersion() throws Exception {
+        TestPel.addParam(false, 107, TestPel.INT, "100");  // SCANLIMIT
+        try (Scanner s = Scanner.open(Path.of(PEL), Map.of("SCANLIMIT", "200"))) {
+            assertEquals("200", s.getParameter("scanlimit"));
+            s.setParameter("SCANLIMIT", "300");
+            assertEquals("300", s.getParameter("SCANLIMIT"));
+            assertEquals(20, assertThrows(ScanException.class,
+                    () -> s.setParameter("SCANALLFILES", "1")).getCode());
+        }
+        assertTrue(Scanner.libraryVersion().matches("\\d+\\.\\d+\\.\\d+"));
+    }
+}
