@@ -8,7 +8,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 . scripts/deps.sh
-kormo_install_deps
+# Only what the demo builds and runs: no test, benchmark or Java tools.
+kormo_install_packages build-essential cmake pkg-config libclamav-dev libmagic-dev zlib1g-dev
 
 build=$root/build/demo
 echo "Building libkormomav, the ClamAV adapter and mavscan in $build ..."

@@ -8,7 +8,8 @@ cd "$(dirname "$0")/.."
 kormo_install_deps
 
 jobs=$(nproc)
-cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=Debug -DKORMO_SANITIZE=ON -DKORMO_WERROR=ON
+cmake -S . -B build/asan -DCMAKE_BUILD_TYPE=Debug -DKORMO_SANITIZE=ON -DKORMO_WERROR=ON \
+  -DKORMO_BUILD_TESTS=ON -DKORMO_BUILD_BENCH=ON -DKORMO_BUILD_JAVA=ON
 cmake --build build/asan -j"$jobs"
 status=0
 ctest --test-dir build/asan --output-on-failure -j"$jobs" || status=$?
@@ -16,4 +17,8 @@ ctest --test-dir build/asan --output-on-failure -j"$jobs" || status=$?
 if [ -x scripts/tsan.sh ]; then
   scripts/tsan.sh || status=$?
 fi
+
+# The Debian packages: built, checked by lintian, installed on this machine,
+# used by a consumer and mavscan, and removed again.
+scripts/deb.sh --install build/deb || status=$?
 exit $status
