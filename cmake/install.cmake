@@ -2,7 +2,7 @@
 #   lib:     libkormomav.so.1.1.0 with its SONAME link (the .so link: component dev),
 #            the adapters libkormopel.so (ClamAV) and libkormoclamd.so beside it,
 #            where the library looks for its default adapter ($ORIGIN)
-#   include: kormomav/kormomav.h, kormopel.h, mavprofile.h
+#   include: kormomav/kormomav.h, kormoexport.h, kormotypes.h, kormopel.h, mavprofile.h
 #   bin:     mavscan (run path $ORIGIN/../lib...), man1/mavscan.1
 #   share:   java/kormomav.jar (java/CMakeLists.txt)
 # Both package files are relocatable: `cmake --install --prefix DIR` works.
@@ -11,6 +11,8 @@ include(CMakePackageConfigHelpers)
 install(TARGETS kormomav EXPORT kormomavTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT dev)
 install(FILES ${CMAKE_SOURCE_DIR}/sec/mav/include/kormomav.h
+              ${CMAKE_SOURCE_DIR}/sec/mav/include/kormoexport.h
+              ${CMAKE_SOURCE_DIR}/sec/mav/include/kormotypes.h
               ${CMAKE_SOURCE_DIR}/sec/mav/include/kormopel.h
               ${CMAKE_SOURCE_DIR}/sec/mav/include/mavprofile.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kormomav)

@@ -32,15 +32,13 @@
 #include <stdint.h>
 #include <stdio.h>
 
-#include "kormopel.h"
+#include "kormoexport.h"
+#include "kormotypes.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-#ifndef MAV_API
-#define MAV_API __attribute__((visibility("default")))
-#endif
 
 /* ---- Version ---------------------------------------------------------------- */
 
