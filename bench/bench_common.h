@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "kormomav.h"
+#include "kormopel.h"
 
 namespace bench {
 

@@ -3,7 +3,7 @@
 #            the adapters (libkormopel.so, the ClamAV one, libkormoclamd.so, ...) in
 #            the private folder lib/kormomav/, where the library looks for its
 #            default adapter after its own folder
-#   include: kormomav/kormomav.h, kormopel.h, mavprofile.h
+#   include: kormomav/kormomav.h, kormoexport.h, kormotypes.h, kormopel.h, mavprofile.h
 #   bin:     mavscan (run path $ORIGIN/../lib...), man1/mavscan.1
 #   share:   java/kormomav.jar (java/CMakeLists.txt)
 # Both package files are relocatable: `cmake --install --prefix DIR` works.
@@ -12,6 +12,8 @@ include(CMakePackageConfigHelpers)
 install(TARGETS kormomav EXPORT kormomavTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_COMPONENT dev)
 install(FILES ${CMAKE_SOURCE_DIR}/sec/mav/include/kormomav.h
+              ${CMAKE_SOURCE_DIR}/sec/mav/include/kormoexport.h
+              ${CMAKE_SOURCE_DIR}/sec/mav/include/kormotypes.h
               ${CMAKE_SOURCE_DIR}/sec/mav/include/kormopel.h
               ${CMAKE_SOURCE_DIR}/sec/mav/include/mavprofile.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kormomav)

@@ -1,4 +1,5 @@
-/* Both public headers, included twice each, must compile as strict C99 and C++. */
+/* The C headers, included twice each, must compile as strict C99 and C++. */
+#include "kormotypes.h"
 #include "kormomav.h"
 #include "kormopel.h"
 #include "kormomav.h"

@@ -35,9 +35,6 @@
 
 #include "kormomav.h"
 
-#ifndef MAV_CLASS
-#define MAV_CLASS __attribute__((visibility("default")))
-#endif
 
 namespace mav {
 
