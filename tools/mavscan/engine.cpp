@@ -33,8 +33,17 @@ std::deque<std::string> traceLines;
 
 int keepTraceLine(const char*, const char*, int, uint32_t level, const char* text) {
     if ((level & MAV_TRC_ERROR) == 0 || text == nullptr) return 0;
-    std::string line(text);
-    while (!line.empty() && (line.back() == '\n' || line.back() == ' ')) line.pop_back();
+    // One line per message: the runtime's multi-line texts are joined.
+    std::string line;
+    for (const char* p = text; *p != '\0'; ++p) {
+        bool blank = *p == '\n' || *p == ' ' || *p == '\t';
+        if (!blank) {
+            line += *p;
+        } else if (!line.empty() && line.back() != ' ') {
+            line += ' ';
+        }
+    }
+    if (!line.empty() && line.back() == ' ') line.pop_back();
     std::lock_guard<std::mutex> lock(traceMu);
     traceLines.push_back(line);
     if (traceLines.size() > 8) traceLines.pop_front();
