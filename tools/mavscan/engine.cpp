@@ -560,7 +560,7 @@ bool Engine::start(std::string* error) {
                      " takes no signature directory (INITDRIVERDIRECTORY)";
             return false;
         }
-        return applySets({hdl_}, error, false);
+        return applySets({hdl_}, error);
     }
     error->clear();
     configText_ = configText(error);
@@ -596,10 +596,9 @@ void Engine::stop() {
 // reports; a parameter that no target offers is an error. Start parameters
 // (INIT*) only act before the engine starts: on a handle, not on the running
 // instances a profile hands out.
-bool Engine::applySets(const std::vector<void*>& targets, std::string* error, bool scanOnly) {
+bool Engine::applySets(const std::vector<void*>& targets, std::string* error) {
     for (const auto& s : opt_.sets) {
         int32_t code = MavParamCode(s.first.c_str());
-        if (scanOnly && code >= VS_P_INITDRIVERS && code < VS_P_SCANBESTEFFORT) continue;
         if (runtime_ && code >= VS_P_INITDRIVERS && code < VS_P_SCANBESTEFFORT) {
             *error = s.first +
                      " is a start parameter of the engine: set it in the configuration "
@@ -630,15 +629,65 @@ bool Engine::applySets(const std::vector<void*>& targets, std::string* error, bo
     return true;
 }
 
-void Engine::watchStop(Scanner& s) {
-    if (stop_ == nullptr) return;
+namespace {
+
+struct Param {
+    std::string name, value;
+    int32_t type;
+};
+
+// The scan parameters inst reads now, from its own configuration or its
+// handle's.
+std::vector<Param> scanParams(MAV_INST inst) {
+    std::vector<Param> out;
+    uint32_t count = 0;
+    MavGetPelInfo(inst, nullptr, &count, nullptr, nullptr, nullptr, nullptr, nullptr);
+    for (uint32_t i = 0; i < count + 64; ++i) {
+        KORMO_CHAR name[256], value[4096];
+        size_t nlen = sizeof name, vlen = sizeof value;
+        Param p;
+        MAV_RC rc = MavEnumParameters(inst, i, name, &nlen, &p.type, value, &vlen);
+        if (rc == MAV_E_INVALID_ENUM_INDEX && i < count) continue;
+        if (rc != MAV_OK) break;
+        p.name.assign(name, strnlen(name, nlen));
+        p.value.assign(value, strnlen(value, vlen));
+        int32_t code = MavParamCode(p.name.c_str());
+        if (code < VS_P_INITDRIVERS || code >= VS_P_SCANBESTEFFORT) out.push_back(p);
+    }
+    return out;
+}
+
+}  // namespace
+
+// A handler makes the instance's configuration its own, which may start from
+// the adapter's defaults: every scan parameter the instance read before is
+// set on it again, so that the handler changes nothing but the stop.
+bool Engine::watchStop(Scanner& s, std::string* error) {
+    if (stop_ == nullptr) return true;
     const uint32_t mask = VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR |
                           VS_M_OBJECTFOUND | VS_M_SCANPROGRESS;
     for (MAV_INST inst : s.insts_) {
+        std::vector<Param> before = scanParams(inst);
         // An adapter that sends no events cannot be stopped: its scans end
         // by themselves.
-        MavRegisterSingleEventHandler(inst, onEvent, mask, const_cast<std::atomic<bool>*>(stop_));
+        if (MavRegisterSingleEventHandler(inst, onEvent, mask,
+                                          const_cast<std::atomic<bool>*>(stop_)) != MAV_OK) {
+            continue;
+        }
+        for (const Param& p : before) {
+            char now[4096] = {0};
+            size_t len = sizeof now - 1;
+            if (MavGetParameter(inst, p.name.c_str(), nullptr, now, &len) == MAV_OK &&
+                p.value == std::string(now, strnlen(now, len))) {
+                continue;
+            }
+            if (MavSetParameter(inst, p.name.c_str(), p.type, p.value.c_str()) != MAV_OK) {
+                *error = "cannot keep " + p.name + "=" + p.value + " on a scan instance";
+                return false;
+            }
+        }
     }
+    return true;
 }
 
 // Why a profile got no C instance: the providers the configuration gives its
@@ -695,11 +744,8 @@ std::unique_ptr<Scanner> Engine::acquire(std::string* error) {
                      (why.empty() ? traceErrors() : ": " + why);
             return nullptr;
         }
-        s->insts_.push_back(s->own_);
-        // The handler gives the instance a configuration of its own: the
-        // scan parameters set on the handle are set on it again.
-        watchStop(*s);
-        if (!applySets({s->own_}, error, true)) return nullptr;
+        s->insts_.push_back(s->own_);  // parameters were set on the handle
+        if (!watchStop(*s, error)) return nullptr;
         return s;
     }
     std::string pname =
@@ -723,9 +769,8 @@ std::unique_ptr<Scanner> Engine::acquire(std::string* error) {
     std::unique_ptr<Scanner> s(new Scanner(opt_.clean, mi->getLinkage()));
     s->insts_ = mi->getCInstances();
     s->profile_ = std::move(mi);
-    watchStop(*s);
     std::vector<void*> targets(s->insts_.begin(), s->insts_.end());
-    if (!applySets(targets, error, false)) return nullptr;
+    if (!applySets(targets, error) || !watchStop(*s, error)) return nullptr;
     return s;
 }
 

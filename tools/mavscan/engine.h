@@ -105,12 +105,11 @@ class Engine {
     std::unique_ptr<Scanner> acquire(std::string* error);
 
   private:
-    // scanOnly: the engine's start parameters (INIT*) are left out.
-    bool applySets(const std::vector<void*>& targets, std::string* error, bool scanOnly);
+    bool applySets(const std::vector<void*>& targets, std::string* error);
     std::string traceErrors();
     std::string configText(std::string* error);
     std::string noAdapter(mav::MavInstance& mi);
-    void watchStop(Scanner& s);
+    bool watchStop(Scanner& s, std::string* error);
 
     const Options& opt_;
     const std::atomic<bool>* stop_;
