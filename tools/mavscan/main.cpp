@@ -76,6 +76,9 @@ void catchSignals() {
     struct sigaction sa;
     std::memset(&sa, 0, sizeof sa);
     sa.sa_handler = onSignal;
+    // Restarted: output written to a pipe must not be cut by the signal; the
+    // loops that wait (standard input, the queue) look at the flag.
+    sa.sa_flags = SA_RESTART;
     sigemptyset(&sa.sa_mask);
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);

@@ -39,7 +39,7 @@ const char* usageText() {
            "  -h, --help           show this help and exit\n"
            "\n"
            "Exit status: 0 all clean, 1 something found, 2 an error (an object that could\n"
-           "not be scanned is an error, never clean).\n";
+           "not be scanned is an error, never clean; an error outranks a finding).\n";
 }
 
 std::string versionText() {
