@@ -47,6 +47,19 @@ struct Result {
     std::vector<Infection> infections;
     std::vector<ScanError> errors;
     std::string message;
+
+    static Result failure(MAV_RC rc, const std::string& message) {
+        Result r;
+        r.rc = rc;
+        r.message = message;
+        return r;
+    }
+};
+
+// Closes a descriptor on every path out.
+struct FdCloser {
+    int fd;
+    ~FdCloser();
 };
 
 // The C instances one worker scans with: a profile's instances in step order,
