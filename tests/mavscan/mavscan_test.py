@@ -320,6 +320,20 @@ class ProfilesTest(unittest.TestCase):
                           path("mixed/hash1.bin"): [HASH1_NAME],
                           path("mixed/deep/notes.txt"): [MARKER_NAME]}, found)
 
+    def test_a_later_step_names_what_an_earlier_could_not_scan(self):
+        clam = lambda limit: {"INITDRIVERDIRECTORY": ("CHAR", path("db")),
+                              "SCANLIMIT": ("SIZE_T", limit)}
+        cfg = put("conf/limited.properties", properties(
+            {"TWO": (0, ["FIRST", "SECOND"])},
+            {"SMALL": ("FIRST", CLAMAV, clam("10")), "BIG": ("SECOND", CLAMAV, clam("0"))},
+            default="TWO").encode())
+        rc, out, err = run(["--config", cfg, path("mixed/eicar.com"), path("clean/b.html")])
+        self.assertEqual(2, rc, err)
+        self.assertEqual([path("clean/b.html") + ": ERROR Not scanned: SCANLIMIT exceeded",
+                          path("mixed/eicar.com") + ": " + EICAR_NAME + " FOUND"],
+                         [l[:l.find(" exceeded") + 9] if " ERROR " in l else l
+                          for l in object_lines(out)])
+
     def test_first_clean_step_decides(self):
         rc, out, err = run(["--config", self.config(1), path("mixed")])
         self.assertEqual(0, rc, err)

@@ -235,22 +235,32 @@ MAV_RC Scanner::scanOne(MAV_INST inst, const std::string& name, uint32_t jobId) 
                   : MavScanFile(inst, name.c_str(), jobId, &info);
 }
 
-// The profile's linkage rule over the C instances: with 0 the first instance
-// that does not find the object clean decides, with 1 the first that does.
-// Unlike the runtime's own walk it remembers which instance decided, so that
-// all of that instance's findings can be listed, and it never accepts
+// The profile's linkage rule over the C instances. With 0 every instance must
+// find the object clean: the first finding decides, and an instance that could
+// not scan (MAV_E_NOT_SCANNED or another error) does not end the walk, so that
+// a later engine can still name an infection; without a finding the first
+// error decides. With 1 the first instance that finds the object clean
+// decides. Unlike the runtime's own walk it remembers which instance decided,
+// so that all of that instance's findings can be listed, and it never accepts
 // MAV_E_NOT_SCANNED as clean.
 Result Scanner::walk(const std::string& name, uint32_t jobId) {
-    Result r;
-    MAV_RC rc = MAV_OK;
-    MAV_INST decider = nullptr;
+    MAV_RC rc = MAV_OK, firstError = MAV_OK;
+    MAV_INST decider = nullptr, errorAt = nullptr;
     for (MAV_INST inst : insts_) {
         rc = scanOne(inst, name, jobId);
         decider = inst;
-        if (rc != MAV_OK && linkage_ == 0) break;
-        if (rc == MAV_OK && linkage_ == 1) break;
+        if (linkage_ == 1 ? rc == MAV_OK : rc < 0) break;
+        if (linkage_ == 0 && rc > 0 && errorAt == nullptr) {
+            firstError = rc;
+            errorAt = inst;
+        }
     }
     if (decider == nullptr) return Result::failure(MAV_E_NOT_SCANNED, "no scan instance");
+    if (linkage_ == 0 && rc >= 0 && errorAt != nullptr) {
+        rc = firstError;
+        decider = errorAt;
+    }
+    Result r;
     collect(decider, rc, &r);
     if (rc == MAV_E_CBC_TERMINATED) r.message = "interrupted";
     return r;
