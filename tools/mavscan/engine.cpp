@@ -605,11 +605,15 @@ std::string Engine::noAdapter(mav::MavInstance& mi) {
         rd.readbuffer(configText_.data(), configText_.size());
         std::string profile =
             opt_.profile.empty() ? rd.get_string("mav.defaults.profile", "") : opt_.profile;
-        std::vector<std::string> groups;
-        const std::string sp = "mav.profile." + profile + ".ProfileSteps";
-        for (const std::string& k : rd.getKeys(sp)) {
-            if (rd.get_string(sp + "." + k + ".ProfileEntryType", "") == "0") {
-                groups.push_back(rd.get_string(sp + "." + k + ".ProfileEntryValue", ""));
+        // The groups of the profile's steps, through sub-profiles (type 1).
+        std::vector<std::string> groups, profiles{profile};
+        for (size_t n = 0; n < profiles.size() && n < 64; ++n) {
+            const std::string sp = "mav.profile." + profiles[n] + ".ProfileSteps";
+            for (const std::string& k : rd.getKeys(sp)) {
+                std::string type = rd.get_string(sp + "." + k + ".ProfileEntryType", "");
+                std::string value = rd.get_string(sp + "." + k + ".ProfileEntryValue", "");
+                if (type == "0") groups.push_back(value);
+                if (type == "1") profiles.push_back(value);
             }
         }
         const std::string pp = "mav.provider.Pelmark.Adapters";
