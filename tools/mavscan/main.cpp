@@ -112,7 +112,7 @@ bool eachPath(const Options& opt, const std::vector<std::string>& given, Fn fn,
     if (opt.fileList.empty()) return true;
     std::ifstream list(opt.fileList);
     if (!list) {
-        *error = "cannot read the file list " + opt.fileList + ": " + std::strerror(errno);
+        *error = std::string("cannot read the file list: ") + std::strerror(errno);
         return false;
     }
     std::string line;
