@@ -123,6 +123,79 @@ bool eachPath(const Options& opt, const std::vector<std::string>& given, Fn fn,
     return true;
 }
 
+// Walks the paths and scans what the walk finds, one worker per scanner,
+// until the walk ends or the run is stopped.
+void scanAll(const Options& opt, const PathFilter& filter,
+             std::vector<std::unique_ptr<Scanner>>& scanners, Report& report, bool progress) {
+    std::atomic<uint32_t> jobId{1};
+
+    // Standard input is scanned by a worker like a file, in its place on the
+    // command line (once), so that the walk goes on while it is read.
+    Queue queue;
+    std::vector<std::thread> workers;
+    for (auto& s : scanners) {
+        Scanner* sc = s.get();
+        workers.emplace_back([&, sc] {
+            Target t;
+            // After a stop the queue is emptied without scanning.
+            while (queue.pop(&t)) {
+                if (stopRun.load()) continue;
+                if (t.standardInput) {
+                    report.object(t.path, sc->scanStream(STDIN_FILENO, t.path, jobId++, stopRun));
+                } else {
+                    report.object(t.path, sc->scanFile(t, jobId++));
+                }
+            }
+        });
+    }
+    // The progress line is redrawn four times a second until the scan ends.
+    std::mutex tickMu;
+    std::condition_variable tickCv;
+    bool running = true;
+    std::thread ticker;
+    if (progress) {
+        ticker = std::thread([&] {
+            std::unique_lock<std::mutex> lock(tickMu);
+            while (
+                !tickCv.wait_for(lock, std::chrono::milliseconds(250), [&] { return !running; })) {
+                report.progress();
+            }
+        });
+    }
+    WalkRules rules;
+    rules.followLinks = opt.followLinks;
+    rules.filter = &filter;
+    rules.stop = &stopRun;
+    bool stdinQueued = false;
+    std::string error;
+    bool listed = eachPath(
+        opt, opt.paths,
+        [&](const std::string& p) {
+            if (stopRun.load()) return;
+            if (p == "-") {
+                Target t;
+                t.path = "stdin";
+                t.standardInput = true;
+                if (!stdinQueued) queue.push(t);
+                stdinQueued = true;
+                return;
+            }
+            walk(
+                p, rules, [&](const Target& t) { queue.push(t); },
+                [&](const std::string& f, const std::string& m) { report.error(f, m); });
+        },
+        &error);
+    if (!listed) report.error(opt.fileList, error);
+    queue.close();
+    for (auto& t : workers) t.join();
+    {
+        std::lock_guard<std::mutex> lock(tickMu);
+        running = false;
+    }
+    tickCv.notify_all();
+    if (ticker.joinable()) ticker.join();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -183,72 +256,7 @@ int main(int argc, char** argv) {
     ro.progress = isatty(STDERR_FILENO) && !opt.quiet;
     ro.log = log;
     Report report(ro);
-    std::atomic<uint32_t> jobId{1};
-
-    // Standard input is scanned by a worker like a file, in its place on the
-    // command line (once), so that the walk goes on while it is read.
-    Queue queue;
-    std::vector<std::thread> workers;
-    for (auto& s : scanners) {
-        Scanner* sc = s.get();
-        workers.emplace_back([&, sc] {
-            Target t;
-            // After a stop the queue is emptied without scanning.
-            while (queue.pop(&t)) {
-                if (stopRun.load()) continue;
-                if (t.standardInput) {
-                    report.object(t.path, sc->scanStream(STDIN_FILENO, t.path, jobId++, stopRun));
-                } else {
-                    report.object(t.path, sc->scanFile(t, jobId++));
-                }
-            }
-        });
-    }
-    // The progress line is redrawn four times a second until the scan ends.
-    std::mutex tickMu;
-    std::condition_variable tickCv;
-    bool running = true;
-    std::thread ticker;
-    if (ro.progress) {
-        ticker = std::thread([&] {
-            std::unique_lock<std::mutex> lock(tickMu);
-            while (
-                !tickCv.wait_for(lock, std::chrono::milliseconds(250), [&] { return !running; })) {
-                report.progress();
-            }
-        });
-    }
-    WalkRules rules;
-    rules.followLinks = opt.followLinks;
-    rules.filter = &filter;
-    rules.stop = &stopRun;
-    bool stdinQueued = false;
-    bool listed = eachPath(
-        opt, opt.paths,
-        [&](const std::string& p) {
-            if (stopRun.load()) return;
-            if (p == "-") {
-                Target t;
-                t.path = "stdin";
-                t.standardInput = true;
-                if (!stdinQueued) queue.push(t);
-                stdinQueued = true;
-                return;
-            }
-            walk(
-                p, rules, [&](const Target& t) { queue.push(t); },
-                [&](const std::string& f, const std::string& m) { report.error(f, m); });
-        },
-        &error);
-    if (!listed) report.error(opt.fileList, error);
-    queue.close();
-    for (auto& t : workers) t.join();
-    {
-        std::lock_guard<std::mutex> lock(tickMu);
-        running = false;
-    }
-    tickCv.notify_all();
-    if (ticker.joinable()) ticker.join();
+    scanAll(opt, filter, scanners, report, ro.progress);
     scanners.clear();
     engine.stop();  // engines remove their temporary files
     bool interrupted = stopRun.load();
