@@ -9,12 +9,17 @@ library, as installed; nothing points the loader at it.
 The signatures come from scripts/make-testdb.sh; the EICAR test file is
 assembled here, in pieces, and never stored.
 """
+import base64
+import fcntl
 import json
 import os
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
+import termios
+import time
 import unittest
 
 MAVSCAN = os.environ["MAVSCAN"]
@@ -213,6 +218,16 @@ class ConfigTest(unittest.TestCase):
         self.assertIn("the default profile has no usable adapter", err)
         self.assertIn("freshclam", err)
         self.assertIn(path("empty-db"), err)
+        # With a configuration: which provider, which adapter, and why.
+        cfg = put("conf/nodb.properties", properties(
+            {"MAIN": (0, ["G"])}, {"CLAM": ("G", CLAMAV, {}), "OFF": ("G", TESTPEL, {})},
+            default="MAIN").encode().replace(b"OFF.Active=true", b"OFF.Active=True"))
+        rc, out, err = run(["--config", cfg, path("clean")], db=path("empty-db"))
+        self.assertEqual((2, ""), (rc, out))
+        for text in ("provider CLAM (group G), adapter %s: did not start" % CLAMAV,
+                     "provider OFF (group G), adapter %s: not active" % TESTPEL,
+                     "No ClamAV signature database found in " + path("empty-db")):
+            self.assertIn(text, err)
 
     def test_mav_properties_in_the_working_directory(self):
         cwd = path("cwd-props")
@@ -239,9 +254,10 @@ class ConfigTest(unittest.TestCase):
         rc, out, err = run(["--config", cfg, path("mixed")], db=path("empty-db"))
         self.assertEqual(1, rc, err)
         self.assertEqual("3", summary(out)["Infected objects"])
-        rc, _, err = run(["--config", path("conf/none.properties"), path("clean")])
-        self.assertEqual(2, rc)
-        self.assertIn("cannot read configuration", err)
+        for name, why in (("conf/none.properties", "No such file"), ("conf", "not a regular")):
+            rc, _, err = run(["--config", path(name), path("clean")])
+            self.assertEqual(2, rc)
+            self.assertIn("cannot read configuration %s: %s" % (path(name), why), err)
 
     def test_adapter_and_typed_set(self):
         # --set acts before the engine starts: the database comes from it.
@@ -304,6 +320,20 @@ class ProfilesTest(unittest.TestCase):
                           path("mixed/hash1.bin"): [HASH1_NAME],
                           path("mixed/deep/notes.txt"): [MARKER_NAME]}, found)
 
+    def test_a_later_step_names_what_an_earlier_could_not_scan(self):
+        clam = lambda limit: {"INITDRIVERDIRECTORY": ("CHAR", path("db")),
+                              "SCANLIMIT": ("SIZE_T", limit)}
+        cfg = put("conf/limited.properties", properties(
+            {"TWO": (0, ["FIRST", "SECOND"])},
+            {"SMALL": ("FIRST", CLAMAV, clam("10")), "BIG": ("SECOND", CLAMAV, clam("0"))},
+            default="TWO").encode())
+        rc, out, err = run(["--config", cfg, path("mixed/eicar.com"), path("clean/b.html")])
+        self.assertEqual(2, rc, err)
+        self.assertEqual([path("clean/b.html") + ": ERROR Not scanned: SCANLIMIT exceeded",
+                          path("mixed/eicar.com") + ": " + EICAR_NAME + " FOUND"],
+                         [l[:l.find(" exceeded") + 9] if " ERROR " in l else l
+                          for l in object_lines(out)])
+
     def test_first_clean_step_decides(self):
         rc, out, err = run(["--config", self.config(1), path("mixed")])
         self.assertEqual(0, rc, err)
@@ -361,18 +391,29 @@ class JsonTest(unittest.TestCase):
         self.assertIn("SCANLIMIT", o["scan_errors"][0]["text"])
         self.assertEqual(o["scan_errors"][0]["text"], o["error"])
 
-    def test_awkward_names_survive(self):
-        name = put('odd/qu"ote\\back\nline\tand\x01ctl \xe9.txt'.encode().decode(), b"fine\n")
+    def test_names_cannot_forge_results(self):
+        name = put('odd/qu"ote\\back\tand\x01ctl \xe9.txt'.encode().decode(), b"fine\n")
+        forged = os.path.join(path("odd").encode(), b"x\nforged: OK")
         raw = os.path.join(path("odd").encode(), b"bad\xffbyte.txt")
-        with open(raw, "wb") as f:
-            f.write(EICAR)
+        look_alike = put("odd/bad\u00ffbyte.txt", b"fine\n")  # U+00FF, not the byte 0xFF
+        for f, data in ((forged, b"fine\n"), (raw, EICAR)):
+            with open(f, "wb") as fh:
+                fh.write(data)
         rc, out, err = run(["--json", path("odd")])
         self.assertEqual(1, rc, err)
         objs, _ = json_lines(out)
-        paths = {o["path"]: o["verdict"] for o in objs}
-        self.assertEqual("OK", paths[name])
-        # Bytes that are not UTF-8 come out as \u00XX, one per byte.
-        self.assertEqual("FOUND", paths[path("odd") + "/bad\u00ffbyte.txt"])
+        by_bytes = {base64.b64decode(o["path_bytes"]) if "path_bytes" in o else o["path"].encode():
+                    o["verdict"] for o in objs}
+        self.assertEqual({name.encode(): "OK", forged: "OK", raw: "FOUND",
+                          look_alike.encode(): "OK"}, by_bytes)
+        # Text: one line per object; no control byte reaches the terminal.
+        p = subprocess.run([MAVSCAN, path("odd")], capture_output=True, env=base_env())
+        lines = p.stdout.split(b"\n----------- SCAN SUMMARY")[0].splitlines()
+        self.assertEqual(4, len(lines))
+        self.assertFalse(any(l.startswith(b"forged") for l in lines))
+        self.assertFalse(any(c < 0x20 and c not in b"\n" or c == 0x7F for c in p.stdout))
+        self.assertIn(path("odd").encode() + b"/bad\\xffbyte.txt: " + EICAR_NAME.encode() + b" FOUND",
+                      lines)
 
     def test_quiet_json_lists_only_findings(self):
         rc, out, _ = run(["--json", "-q", path("mixed")])
@@ -480,6 +521,134 @@ class AccessTest(unittest.TestCase):
         self.assertEqual(("2", "0"), (summary(out)["Errors"], summary(out)["Infected objects"]))
 
 
+def wait_for(cond, what):
+    for _ in range(600):
+        if cond():
+            return
+        time.sleep(0.05)
+    raise AssertionError("timed out waiting for " + what)
+
+
+def start(args, env=None):
+    return subprocess.Popen([MAVSCAN] + args, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                            stderr=subprocess.PIPE, cwd=path("cwd"), env=env or base_env())
+
+
+class SwapTest(unittest.TestCase):
+    """Objects replaced between the walk and the scan: an error line, never a
+    hang, never the new object scanned."""
+
+    def test_swapped_objects(self):
+        put("swap-secret/eicar.com", EICAR)
+        cases = {  # name: (replace, expected error)
+            "fifo": (lambda f: (os.unlink(f), os.mkfifo(f)), "not a regular file"),
+            "link": (lambda f: (os.unlink(f), os.symlink(path("swap-secret/eicar.com"), f)),
+                     "symbolic link"),
+            "repl": (lambda f: os.rename(put("swap-new", EICAR), f), "another file"),  # new inode
+        }
+        shutil.rmtree(path("swap"), ignore_errors=True)
+        for name in cases:
+            put("swap/" + name, b"harmless\n")
+        listing = path("swap-list")
+        if not os.path.exists(listing):
+            os.mkfifo(listing)
+        # One worker, held by standard input, while the walk of the listed
+        # folder is done and mavscan waits for the next line of the list.
+        p = start(["-j1", "-", "-f", listing])
+        with open(listing, "wb", buffering=0) as lst:
+            lst.write(path("swap").encode() + b"\n")
+
+            def walked():
+                n = fcntl.ioctl(lst, termios.FIONREAD, b"\0\0\0\0")
+                with open("/proc/%d/syscall" % p.pid) as f:
+                    return n == b"\0\0\0\0" and f.read().startswith("0 ")  # in read()
+            wait_for(walked, "the walk")
+            for name, (replace, _) in cases.items():
+                replace(path("swap/" + name))
+        out, err = p.communicate(b"", timeout=60)
+        self.assertEqual(2, p.returncode, err)
+        lines = object_lines(out.decode())
+        errors = dict(l.split(": ERROR ", 1) for l in lines if ": ERROR " in l)
+        self.assertEqual((["stdin: OK"], {path("swap/" + n) for n in cases}),
+                         ([l for l in lines if ": ERROR " not in l], set(errors)))
+        for name, (_, text) in cases.items():
+            self.assertIn(text, errors[path("swap/" + name)])
+
+
+class SignalTest(unittest.TestCase):
+    """SIGTERM ends a run: what was done is summed up, exit 2, no temporary
+    file left behind."""
+
+    def test_sigterm_during_a_run(self):
+        tmp = path("sigtmp")
+        os.makedirs(tmp, exist_ok=True)
+        env = base_env()
+        env["TMPDIR"] = tmp
+        p = start(["-j1", "-", path("mixed")], env=env)
+        p.stdin.write(EICAR[:20])
+        p.stdin.flush()
+
+        def caught():
+            with open("/proc/%d/status" % p.pid) as f:
+                mask = [l for l in f if l.startswith("SigCgt:")][0].split()[1]
+            return int(mask, 16) & (1 << (signal.SIGTERM - 1))
+        wait_for(caught, "the signal handler")
+        p.send_signal(signal.SIGTERM)
+        out, err = p.communicate(timeout=60)
+        self.assertEqual(2, p.returncode, err)
+        self.assertIn("Interrupted", summary(out.decode()))
+        self.assertNotIn(b"FOUND", out)
+        self.assertEqual([], os.listdir(tmp))
+
+
+class OptionsTest(unittest.TestCase):
+    """The options a clamscan user expects, one row each."""
+
+    def test_option_table(self):
+        cfg = put("conf/empty-db.properties", properties(
+            {"MAIN": (0, ["G"])},
+            {"CLAM": ("G", CLAMAV, {"INITDRIVERDIRECTORY": ("CHAR", path("empty-db"))})},
+            default="MAIN").encode())
+        files = put("conf/list.txt", ("%s\n\n%s\n" % (path("mixed/eicar.com"),
+                                                      path("clean/a.txt"))).encode())
+        log = path("conf/scan.log")
+        eicar, readme = path("mixed/eicar.com") + ": " + EICAR_NAME + " FOUND", path(
+            "mixed/readme.txt") + ": OK"
+        notes = path("mixed/deep/notes.txt") + ": " + MARKER_NAME + " FOUND"
+        rows = (  # args, standard input, exit status, lines present, texts absent
+            (["-d", path("db"), path("mixed/eicar.com")], b"", 1, [eicar], []),
+            (["--config", cfg, "-d", path("db"), path("mixed/eicar.com")], b"", 1, [eicar], []),
+            (["--adapter", CLAMAV, "--database", path("db"), path("mixed")], b"", 1, [eicar], []),
+            (["--exclude", "eicar", "--exclude-dir", "deep$", path("mixed")], b"", 1, [readme],
+             ["eicar", "deep"]),
+            (["--include", r"\.(txt|com)$", path("mixed")], b"", 1, [eicar, notes],
+             ["hash1", "empty.dat"]),
+            (["-i", path("mixed")], b"", 1, [eicar, "Infected objects: 3"], [": OK"]),
+            (["--no-summary", path("mixed")], b"", 1, [eicar, readme], ["SUMMARY"]),
+            (["-f", files], b"", 1, [eicar, path("clean/a.txt") + ": OK"], []),
+            (["-l", log, path("clean/a.txt")], b"", 0, [path("clean/a.txt") + ": OK"], []),
+            (["--set", "SCANLIMIT=30", "-", path("clean")], b"x" * 31, 2,
+             ["stdin: ERROR Not scanned: larger than SCANLIMIT (30 bytes)",
+              path("clean/a.txt") + ": OK", "Data scanned: 0.00 MB",
+              "Engine: clamav: ClamAV"], []),
+        )
+        for args, stdin, status, present, absent in rows:
+            db = path("empty-db") if {"-d", "--database"} & set(args) else None
+            rc, out, err = run(args, db=db, stdin=stdin)
+            self.assertEqual(status, rc, (args, out, err))
+            for line in present:
+                self.assertIn(line, out.splitlines() + [l[:len(line)] for l in out.splitlines()],
+                              args)
+            for text in absent:
+                self.assertNotIn(text, out, args)
+        with open(log) as f:
+            self.assertIn(path("clean/a.txt") + ": OK\n", f.read())
+        # Only bytes an engine read count: a.txt (15) scanned, b.html over the limit.
+        rc, out, _ = run(["--json", "--set", "SCANLIMIT=20", path("clean/a.txt"),
+                          path("clean/b.html")])
+        self.assertEqual(15, json_lines(out)[1][0]["bytes"])
+
+
 class UsageTest(unittest.TestCase):
     """The command line itself."""
 
@@ -489,20 +658,27 @@ class UsageTest(unittest.TestCase):
                            (["-j", "0", "x"], "-j needs a number"),
                            (["--trace-level", "4", "x"], "--trace-level needs"),
                            (["--set", "NOVALUE", "x"], "--set needs NAME=VALUE"),
-                           (["--adapter", CLAMAV, "--profile", "P", "x"], "cannot be combined")):
+                           (["--adapter", CLAMAV, "--profile", "P", "x"], "cannot be combined"),
+                           (["--exclude", "(", "x"], "pattern ( is not valid"),
+                           (["-d"], "-d needs a value")):
             rc, out, err = run(args)
             self.assertEqual((2, ""), (rc, out), args)
-            self.assertIn(text, err)
-            self.assertIn("Usage: mavscan", err)
+            lines = err.splitlines()
+            self.assertEqual(2, len(lines), err)
+            self.assertIn(text, lines[0])
+            self.assertEqual("Try 'mavscan --help' for more information.", lines[1])
 
     def test_version_and_help(self):
-        rc, out, _ = run(["--version"])
+        rc, out, _ = run(["-V"])
         self.assertEqual(0, rc)
-        self.assertRegex(out, r"^mavscan \(libkormomav\) \d+\.\d+\.\d+\n$")
+        self.assertRegex(out, r"^mavscan \d+\.\d+\.\d+\nlibkormomav \d+\.\d+\.\d+\n"
+                              r"engine clamav: ClamAV [\d.]+, 4 signatures of .*; kormo-test\.hdb")
         rc, out, _ = run(["--help"])
         self.assertEqual(0, rc)
         for opt in ("-j N", "--config", "--profile", "--adapter", "--set", "--clean", "--json",
-                    "--quiet", "--trace FILE", "--trace-level", "--info", "--version"):
+                    "--quiet", "--trace FILE", "--trace-level", "--info", "--version", "--database",
+                    "--exclude", "--exclude-dir", "--include", "--infected", "--no-summary", "--log",
+                    "--file-list"):
             self.assertIn(opt, out)
 
     def test_trace_file(self):

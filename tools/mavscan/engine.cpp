@@ -5,10 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <deque>
 #include <functional>
 #include <mutex>
@@ -30,8 +32,17 @@ std::deque<std::string> traceLines;
 
 int keepTraceLine(const char*, const char*, int, uint32_t level, const char* text) {
     if ((level & MAV_TRC_ERROR) == 0 || text == nullptr) return 0;
-    std::string line(text);
-    while (!line.empty() && (line.back() == '\n' || line.back() == ' ')) line.pop_back();
+    // One line per message: the runtime's multi-line texts are joined.
+    std::string line;
+    for (const char* p = text; *p != '\0'; ++p) {
+        bool blank = *p == '\n' || *p == ' ' || *p == '\t';
+        if (!blank) {
+            line += *p;
+        } else if (!line.empty() && line.back() != ' ') {
+            line += ' ';
+        }
+    }
+    if (!line.empty() && line.back() == ' ') line.pop_back();
     std::lock_guard<std::mutex> lock(traceMu);
     traceLines.push_back(line);
     if (traceLines.size() > 8) traceLines.pop_front();
@@ -167,73 +178,125 @@ void describeInstance(MAV_INST inst, std::string* out) {
 
 // ---- Scanner -------------------------------------------------------------------
 
+FdCloser::~FdCloser() {
+    if (fd >= 0) close(fd);
+}
+
+namespace {
+
+// "/proc/self/fd/N" where the engine finds an open descriptor: the object it
+// reads is the one opened and checked here, whatever happens to the name.
+std::string fdPath(int fd) {
+    return "/proc/self/fd/" + std::to_string(fd);
+}
+
+// Replaces from (not followed by a digit) by to in s.
+void rename(std::string* s, const std::string& from, const std::string& to) {
+    for (size_t at = s->find(from); at != std::string::npos; at = s->find(from, at)) {
+        size_t end = at + from.size();
+        if (end < s->size() && (*s)[end] >= '0' && (*s)[end] <= '9') {
+            at = end;
+            continue;
+        }
+        s->replace(at, from.size(), to);
+        at += to.size();
+    }
+}
+
+void renameResult(Result* r, const std::string& from, const std::string& to) {
+    rename(&r->message, from, to);
+    for (auto& f : r->infections) rename(&f.object, from, to);
+    for (auto& e : r->errors) {
+        rename(&e.object, from, to);
+        rename(&e.text, from, to);
+    }
+}
+
+// Stops a running scan at its next event once the run is interrupted.
+VS_CALLRC onEvent(MAV_INST, uint32_t, void*, void* stop) {
+    return static_cast<const std::atomic<bool>*>(stop)->load() ? VS_CALLRC_STOP
+                                                               : VS_CALLRC_CONTINUE;
+}
+
+}  // namespace
+
 Scanner::~Scanner() {
+    // The pool's instances go back without this run's handler.
+    for (MAV_INST inst : insts_) MavRegisterSingleEventHandler(inst, nullptr, 0, nullptr);
     profile_.reset();  // returns the profile's C instances to their pools
     if (own_ != nullptr) MavFreeInstance(&own_);
 }
 
-MAV_RC Scanner::scanOne(MAV_INST inst, const std::string& name, std::vector<unsigned char>* data,
-                        uint32_t jobId) {
+MAV_RC Scanner::scanOne(MAV_INST inst, const std::string& name, uint32_t jobId) {
     MAV_SCANINFO info;
     std::memset(&info, 0, sizeof info);
     info.struct_size = sizeof info;
-    if (data == nullptr) {
-        return clean_ ? MavCleanFile(inst, name.c_str(), jobId, &info)
-                      : MavScanFile(inst, name.c_str(), jobId, &info);
-    }
-    // Bytes in memory are only scanned: a cleaned copy would go nowhere.
-    static unsigned char none[1] = {0};
-    unsigned char* bytes = data->empty() ? none : data->data();
-    return MavScanBytes(inst, name.c_str(), bytes, data->size(), jobId, &info);
+    return clean_ ? MavCleanFile(inst, name.c_str(), jobId, &info)
+                  : MavScanFile(inst, name.c_str(), jobId, &info);
 }
 
-// The profile's linkage rule over the C instances: with 0 the first instance
-// that does not find the object clean decides, with 1 the first that does.
-// Unlike the runtime's own walk it remembers which instance decided, so that
-// all of that instance's findings can be listed, and it never accepts
+// The profile's linkage rule over the C instances. With 0 every instance must
+// find the object clean: the first finding decides, and an instance that could
+// not scan (MAV_E_NOT_SCANNED or another error) does not end the walk, so that
+// a later engine can still name an infection; without a finding the first
+// error decides. With 1 the first instance that finds the object clean
+// decides. Unlike the runtime's own walk it remembers which instance decided,
+// so that all of that instance's findings can be listed, and it never accepts
 // MAV_E_NOT_SCANNED as clean.
-Result Scanner::walk(const std::string& name, std::vector<unsigned char>* data, uint32_t jobId) {
-    Result r;
-    MAV_RC rc = MAV_OK;
-    MAV_INST decider = nullptr;
+Result Scanner::walk(const std::string& name, uint32_t jobId) {
+    MAV_RC rc = MAV_OK, firstError = MAV_OK;
+    MAV_INST decider = nullptr, errorAt = nullptr;
     for (MAV_INST inst : insts_) {
-        rc = scanOne(inst, name, data, jobId);
+        rc = scanOne(inst, name, jobId);
         decider = inst;
-        if (rc != MAV_OK && linkage_ == 0) break;
-        if (rc == MAV_OK && linkage_ == 1) break;
+        if (linkage_ == 1 ? rc == MAV_OK : rc < 0) break;
+        if (linkage_ == 0 && rc > 0 && errorAt == nullptr) {
+            firstError = rc;
+            errorAt = inst;
+        }
     }
-    if (decider == nullptr) {
-        r.rc = MAV_E_NOT_SCANNED;
-        r.message = "no scan instance";
-        return r;
+    if (decider == nullptr) return Result::failure(MAV_E_NOT_SCANNED, "no scan instance");
+    if (linkage_ == 0 && rc >= 0 && errorAt != nullptr) {
+        rc = firstError;
+        decider = errorAt;
     }
-    collect(decider, rc, &r);
-    return r;
-}
-
-Result Scanner::scanFile(const std::string& path, uint32_t jobId) {
     Result r;
-    struct stat st;
-    // Opened here first so that every adapter reports a missing or unreadable
-    // file alike, with the system's words.
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
-    if (fd < 0 || fstat(fd, &st) != 0) {
-        r.rc = MAV_E_INVALID_SCANOBJECT;
-        r.message = std::strerror(errno);
-        if (fd >= 0) close(fd);
-        return r;
-    }
-    close(fd);
-    r = walk(path, nullptr, jobId);
-    r.size = static_cast<uint64_t>(st.st_size);
+    collect(decider, rc, &r);
+    if (rc == MAV_E_CBC_TERMINATED) r.message = "interrupted";
     return r;
 }
 
-Result Scanner::scanBytes(const std::string& name, std::vector<unsigned char>& data,
-                          uint32_t jobId) {
-    uint64_t size = data.size();
-    Result r = walk(name, &data, jobId);
-    r.size = size;
+Result Scanner::scanDescriptor(int fd, const std::string& name, uint32_t jobId) {
+    std::string proc = fdPath(fd);
+    Result r = walk(proc, jobId);
+    renameResult(&r, proc, name);
+    return r;
+}
+
+// The walk saw a regular file with this device and inode; the name is opened
+// again without blocking (a FIFO put in its place must not stall the run) and
+// without following a link put in its place, and scanned only when it is still
+// that file.
+Result Scanner::scanFile(const Target& t, uint32_t jobId) {
+    int flags = O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | (t.follow ? 0 : O_NOFOLLOW);
+    FdCloser fd{open(t.path.c_str(), flags)};
+    struct stat st;
+    if (fd.fd < 0 && errno == ELOOP && !t.follow) {
+        return Result::failure(MAV_E_INVALID_SCANOBJECT,
+                               "replaced by a symbolic link after the walk: not followed");
+    }
+    if (fd.fd < 0 || fstat(fd.fd, &st) != 0) {
+        return Result::failure(MAV_E_INVALID_SCANOBJECT, std::strerror(errno));
+    }
+    if (!S_ISREG(st.st_mode)) {
+        return Result::failure(MAV_E_INVALID_SCANOBJECT,
+                               "replaced by something that is not a regular file after the walk");
+    }
+    if (st.st_dev != t.dev || st.st_ino != t.ino) {
+        return Result::failure(MAV_E_INVALID_SCANOBJECT, "replaced by another file after the walk");
+    }
+    Result r = scanDescriptor(fd.fd, t.path, jobId);
+    if (r.rc <= 0) r.size = static_cast<uint64_t>(st.st_size);
     return r;
 }
 
@@ -248,12 +311,128 @@ std::string Scanner::describe() {
     return out;
 }
 
+std::vector<std::string> Scanner::engines(bool drivers) {
+    std::vector<std::string> out;
+    for (MAV_INST inst : insts_) {
+        std::string adapter = fetchText([&](KORMO_CHAR* b, size_t* l) {
+            return MavGetPelInfo(inst, nullptr, nullptr, nullptr, b, l, nullptr, nullptr);
+        });
+        uint32_t viruses = 0;
+        uint64_t date = 0;
+        uint16_t count = 0;
+        std::string line = adapter + ": ";
+        if (MavGetEngineInfo(inst, nullptr, nullptr, nullptr, &date, &viruses, &count) != MAV_OK) {
+            out.push_back(line + "no engine information");
+            continue;
+        }
+        line += fetchText([&](KORMO_CHAR* b, size_t* l) {
+            return MavGetEngineInfo(inst, nullptr, b, l, nullptr, nullptr, nullptr);
+        });
+        line += ", " + std::to_string(viruses) + " signatures";
+        if (date != 0) {
+            char when[32];
+            time_t t = static_cast<time_t>(date);
+            struct tm tm;
+            if (gmtime_r(&t, &tm) != nullptr &&
+                strftime(when, sizeof when, "%Y-%m-%d %H:%M UTC", &tm)) {
+                line += std::string(" of ") + when;
+            }
+        }
+        for (uint32_t i = 0; drivers && i < count; ++i) {
+            uint32_t v = 0;
+            if (MavEnumDriverInfo(inst, i, &v, nullptr, nullptr, nullptr, nullptr) != MAV_OK) break;
+            line += (i ? ", " : "; ") + fetchText([&](KORMO_CHAR* b, size_t* l) {
+                        return MavEnumDriverInfo(inst, i, nullptr, b, l, nullptr, nullptr);
+                    });
+            // Signature files without a version (plain databases) give 0.
+            if (v >> 16 != 0) line += " version " + std::to_string(v >> 16);
+        }
+        out.push_back(line);
+    }
+    return out;
+}
+
 // ---- Engine --------------------------------------------------------------------
 
 std::string Engine::traceErrors() {
     std::lock_guard<std::mutex> lock(traceMu);
     std::string text;
     for (const auto& l : traceLines) text += "\n  " + l;
+    return text;
+}
+
+namespace {
+
+bool readFile(const std::string& path, std::string* text, std::string* error) {
+    FdCloser fd{open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)};
+    struct stat st;
+    if (fd.fd < 0 || fstat(fd.fd, &st) != 0) {
+        *error = std::strerror(errno);
+        return false;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        *error = "not a regular file";
+        return false;
+    }
+    char buf[65536];
+    ssize_t n;
+    while ((n = read(fd.fd, buf, sizeof buf)) > 0) text->append(buf, static_cast<size_t>(n));
+    if (n < 0) *error = std::strerror(errno);
+    return n == 0;
+}
+
+// A configuration value: blanks, separators and bytes from 0x80 as \u00XX.
+std::string escapeValue(const std::string& v) {
+    std::string out;
+    char esc[8];
+    for (unsigned char c : v) {
+        if (c >= 0x80 || std::strchr(" \t;=\\", c) != nullptr) {
+            std::snprintf(esc, sizeof esc, "\\u%04X", c);
+            out += esc;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+// Every signature directory a provider or group of the configuration sets
+// becomes dir: -d wins over the configuration as it wins over the environment.
+std::string withDatabase(const std::string& text, const std::string& dir) {
+    static const std::string kSuffix = ".Parameters.INITDRIVERDIRECTORY.Value";
+    std::string out;
+    for (size_t pos = 0; pos < text.size();) {
+        size_t nl = std::min(text.find('\n', pos), text.size());
+        std::string line = text.substr(pos, nl - pos), key;
+        for (char c : line.substr(0, line.find('='))) {
+            if (c != ' ' && c != '\t') key += c;
+        }
+        if (key.compare(0, 4, "mav.") == 0 && key.size() > kSuffix.size() &&
+            key.compare(key.size() - kSuffix.size(), kSuffix.size(), kSuffix) == 0) {
+            line = key + "=" + escapeValue(dir);
+        }
+        out += line + "\n";
+        pos = nl + 1;
+    }
+    return out;
+}
+
+}  // namespace
+
+// The configuration text for the runtime: --config (a file that must open),
+// else ./mav.properties, else empty (the built-in default). Read here so that
+// a mistyped file name never becomes a configuration text.
+std::string Engine::configText(std::string* error) {
+    std::string text;
+    if (!opt_.config.empty()) {
+        if (!readFile(opt_.config, &text, error)) {
+            *error = "cannot read configuration " + opt_.config + ": " + *error;
+        }
+        return text;
+    }
+    if (access("mav.properties", F_OK) == 0 && !readFile("mav.properties", &text, error)) {
+        *error = "cannot read configuration mav.properties: " + *error;
+    }
     return text;
 }
 
@@ -268,6 +447,9 @@ bool Engine::start(std::string* error) {
         MavSetTraceHandler(keepTraceLine);
     }
     trace_ = true;
+    // The ClamAV adapter takes its signature directory from this variable
+    // when nothing sets INITDRIVERDIRECTORY.
+    if (!opt_.database.empty()) setenv("KORMO_CLAMAV_DATABASE", opt_.database.c_str(), 1);
     if (!opt_.adapter.empty()) {
         MAV_RC rc = MavInit(opt_.adapter.c_str(), &hdl_);
         if (rc != MAV_OK) {
@@ -277,20 +459,20 @@ bool Engine::start(std::string* error) {
             if (hdl_ != nullptr) MavEnd(&hdl_);
             return false;
         }
-        return applySets({hdl_}, error);
-    }
-    MAV_RC rc;
-    if (!opt_.config.empty()) {
-        // The runtime reads a text that names no readable file as properties:
-        // a mistyped file name must not become a configuration.
-        if (access(opt_.config.c_str(), R_OK) != 0) {
-            *error = "cannot read configuration " + opt_.config + ": " + std::strerror(errno);
+        if (!opt_.database.empty() && MavSetParameter(hdl_, "INITDRIVERDIRECTORY", VS_TYPE_CHAR,
+                                                      opt_.database.c_str()) != MAV_OK) {
+            *error = "--database: the adapter " + opt_.adapter +
+                     " takes no signature directory (INITDRIVERDIRECTORY)";
             return false;
         }
-        rc = MavStartRuntime(opt_.config.c_str(), opt_.config.size());
-    } else {
-        rc = MavStartRuntime(nullptr, 0);
+        return applySets({hdl_}, error);
     }
+    error->clear();
+    configText_ = configText(error);
+    if (!error->empty()) return false;
+    if (!opt_.database.empty()) configText_ = withDatabase(configText_, opt_.database);
+    MAV_RC rc = configText_.empty() ? MavStartRuntime(nullptr, 0)
+                                    : MavStartRuntime(configText_.data(), configText_.size());
     if (rc != MAV_OK) {
         *error = "cannot start the profile runtime: " + describeRc(rc) + traceErrors();
         return false;
@@ -352,6 +534,115 @@ bool Engine::applySets(const std::vector<void*>& targets, std::string* error) {
     return true;
 }
 
+namespace {
+
+struct Param {
+    std::string name, value;
+    int32_t type;
+};
+
+// The scan parameters inst reads now, from its own configuration or its
+// handle's.
+std::vector<Param> scanParams(MAV_INST inst) {
+    std::vector<Param> out;
+    uint32_t count = 0;
+    MavGetPelInfo(inst, nullptr, &count, nullptr, nullptr, nullptr, nullptr, nullptr);
+    for (uint32_t i = 0; i < count + 64; ++i) {
+        KORMO_CHAR name[256], value[4096];
+        size_t nlen = sizeof name, vlen = sizeof value;
+        Param p;
+        MAV_RC rc = MavEnumParameters(inst, i, name, &nlen, &p.type, value, &vlen);
+        if (rc == MAV_E_INVALID_ENUM_INDEX && i < count) continue;
+        if (rc != MAV_OK) break;
+        p.name.assign(name, strnlen(name, nlen));
+        p.value.assign(value, strnlen(value, vlen));
+        int32_t code = MavParamCode(p.name.c_str());
+        if (code < VS_P_INITDRIVERS || code >= VS_P_SCANBESTEFFORT) out.push_back(p);
+    }
+    return out;
+}
+
+}  // namespace
+
+// A handler makes the instance's configuration its own, which may start from
+// the adapter's defaults: every scan parameter the instance read before is
+// set on it again, so that the handler changes nothing but the stop.
+bool Engine::watchStop(Scanner& s, std::string* error) {
+    if (stop_ == nullptr) return true;
+    const uint32_t mask = VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR |
+                          VS_M_OBJECTFOUND | VS_M_SCANPROGRESS;
+    for (MAV_INST inst : s.insts_) {
+        std::vector<Param> before = scanParams(inst);
+        // An adapter that sends no events cannot be stopped: its scans end
+        // by themselves.
+        if (MavRegisterSingleEventHandler(inst, onEvent, mask,
+                                          const_cast<std::atomic<bool>*>(stop_)) != MAV_OK) {
+            continue;
+        }
+        for (const Param& p : before) {
+            char now[4096] = {0};
+            size_t len = sizeof now - 1;
+            if (MavGetParameter(inst, p.name.c_str(), nullptr, now, &len) == MAV_OK &&
+                p.value == std::string(now, strnlen(now, len))) {
+                continue;
+            }
+            if (MavSetParameter(inst, p.name.c_str(), p.type, p.value.c_str()) != MAV_OK) {
+                *error = "cannot keep " + p.name + "=" + p.value + " on a scan instance";
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+// Why a profile got no C instance: the providers the configuration gives its
+// groups, with their adapters, and the adapter's error text of the last one
+// that could not be used (the runtime keeps no more than that).
+std::string Engine::noAdapter(mav::MavInstance& mi) {
+    std::string text;
+    if (!configText_.empty()) {
+        mav::PropertyReader rd;
+        rd.readbuffer(configText_.data(), configText_.size());
+        std::string profile =
+            opt_.profile.empty() ? rd.get_string("mav.defaults.profile", "") : opt_.profile;
+        // The groups of the profile's steps, through sub-profiles (type 1).
+        std::vector<std::string> groups, profiles{profile};
+        for (size_t n = 0; n < profiles.size() && n < 64; ++n) {
+            const std::string sp = "mav.profile." + profiles[n] + ".ProfileSteps";
+            for (const std::string& k : rd.getKeys(sp)) {
+                std::string type = rd.get_string(sp + "." + k + ".ProfileEntryType", "");
+                std::string value = rd.get_string(sp + "." + k + ".ProfileEntryValue", "");
+                if (type == "0") groups.push_back(value);
+                if (type == "1") profiles.push_back(value);
+            }
+        }
+        const std::string pp = "mav.provider.Pelmark.Adapters";
+        for (const std::string& name : rd.getKeys(pp)) {
+            std::string group = rd.get_string(pp + "." + name + ".Group", "");
+            if (std::find(groups.begin(), groups.end(), group) == groups.end()) continue;
+            std::string path = mav::FromHex(rd.get_string(pp + "." + name + ".AdapterPath", ""));
+            bool active = rd.get_string(pp + "." + name + ".Active", "") == "true";
+            text += "\n  provider " + name + " (group " + group + "), adapter " +
+                    (path.empty() ? std::string("the default adapter") : path) +
+                    (active ? (MavGetHandleByName(name.c_str(), name.size()) != nullptr
+                                   ? ": started"
+                                   : ": did not start")
+                            : ": not active (Active is not exactly \"true\")");
+        }
+    }
+    MAV_HANDLE last = mi.getMavHandle();
+    std::string adapter;
+    if (last != nullptr) {
+        adapter = fetchText([&](KORMO_CHAR* b, size_t* l) {
+            return MavGetPelInfo(last, nullptr, nullptr, nullptr, b, l, nullptr, nullptr);
+        });
+    }
+    std::string why = adapterErrorText(last);
+    if (why.empty()) return text + traceErrors();
+    return text + "\n  " + (adapter.empty() ? std::string("adapter") : adapter + " adapter") +
+           " error: " + why;
+}
+
 std::unique_ptr<Scanner> Engine::acquire(std::string* error) {
     if (hdl_ != nullptr) {
         std::unique_ptr<Scanner> s(new Scanner(opt_.clean, 0));
@@ -363,6 +654,7 @@ std::unique_ptr<Scanner> Engine::acquire(std::string* error) {
             return nullptr;
         }
         s->insts_.push_back(s->own_);  // parameters were set on the handle
+        if (!watchStop(*s, error)) return nullptr;
         return s;
     }
     std::string pname =
@@ -379,16 +671,15 @@ std::unique_ptr<Scanner> Engine::acquire(std::string* error) {
         return nullptr;
     }
     if (mi->getCInstances().empty()) {
-        // An empty instance scans everything as clean: refuse it.
-        std::string why = adapterErrorText(mi->getMavHandle());
-        *error = pname + " has no usable adapter" + (why.empty() ? traceErrors() : ": " + why);
+        // An instance without C instances scans nothing: refuse it.
+        *error = pname + " has no usable adapter" + noAdapter(*mi);
         return nullptr;
     }
     std::unique_ptr<Scanner> s(new Scanner(opt_.clean, mi->getLinkage()));
     s->insts_ = mi->getCInstances();
     s->profile_ = std::move(mi);
     std::vector<void*> targets(s->insts_.begin(), s->insts_.end());
-    if (!applySets(targets, error)) return nullptr;
+    if (!applySets(targets, error) || !watchStop(*s, error)) return nullptr;
     return s;
 }
 

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <thread>
 
+#include "kormomav.h"
+
 namespace mavscan {
 
 const char* usageText() {
@@ -12,6 +14,11 @@ const char* usageText() {
            "Scan files, directories (recursively) and standard input (\"-\") for malware.\n"
            "\n"
            "  -j N                 worker threads, each with its own instance (default: cores)\n"
+           "  -d, --database DIR   signature directory of the ClamAV engine (also under profiles)\n"
+           "  -f, --file-list FILE scan the paths listed in FILE, one per line\n"
+           "      --exclude REGEX  do not scan files whose path matches REGEX\n"
+           "      --exclude-dir REGEX  do not enter directories whose path matches REGEX\n"
+           "      --include REGEX  scan only files whose path matches REGEX\n"
            "      --config FILE    profile configuration (default: ./mav.properties, else the\n"
            "                       built-in default configuration)\n"
            "      --profile NAME   profile to scan with (default: the configuration's default)\n"
@@ -19,16 +26,25 @@ const char* usageText() {
            "      --set NAME=VALUE set an adapter parameter (typed as the adapter reports it)\n"
            "      --clean          clean infected files where the engine can\n"
            "      --json           one JSON object per scanned object\n"
-           "  -q, --quiet          print only findings and errors, no summary\n"
+           "  -i, --infected       print only findings and errors (no OK lines)\n"
+           "      --no-summary     print no summary\n"
+           "  -q, --quiet          -i and --no-summary, and no progress line\n"
+           "  -l, --log FILE       append the report to FILE as well\n"
            "  -L, --follow-symlinks  follow symbolic links while walking directories\n"
            "      --trace FILE     write the library trace to FILE\n"
            "      --trace-level N  trace detail 0..3 (default 1)\n"
            "      --info           show adapter, engine, drivers and parameters, then exit\n"
-           "      --version        show the version and exit\n"
+           "  -V, --version        show the versions of mavscan, the library, engines and\n"
+           "                       signatures, then exit\n"
            "  -h, --help           show this help and exit\n"
            "\n"
            "Exit status: 0 all clean, 1 something found, 2 an error (an object that could\n"
-           "not be scanned is an error, never clean).\n";
+           "not be scanned is an error, never clean; an error outranks a finding).\n";
+}
+
+std::string versionText() {
+    return std::string("mavscan ") + KORMOMAV_VERSION + "\nlibkormomav " + MavGetVersion(nullptr) +
+           "\n";
 }
 
 namespace {
@@ -71,7 +87,7 @@ bool parseOptions(int argc, char** argv, Options* o, std::string* error) {
             onlyPaths = true;
         } else if (a == "-h" || a == "--help") {
             o->help = true;
-        } else if (a == "--version") {
+        } else if (a == "-V" || a == "--version") {
             o->version = true;
         } else if (a == "--info") {
             o->info = true;
@@ -80,7 +96,11 @@ bool parseOptions(int argc, char** argv, Options* o, std::string* error) {
         } else if (a == "--json") {
             o->json = true;
         } else if (a == "-q" || a == "--quiet") {
-            o->quiet = true;
+            o->quiet = o->infectedOnly = o->noSummary = true;
+        } else if (a == "-i" || a == "--infected") {
+            o->infectedOnly = true;
+        } else if (a == "--no-summary") {
+            o->noSummary = true;
         } else if (a == "-L" || a == "--follow-symlinks") {
             o->followLinks = true;
         } else if (a.compare(0, 2, "-j") == 0 && a.size() > 2) {
@@ -99,6 +119,19 @@ bool parseOptions(int argc, char** argv, Options* o, std::string* error) {
                 return false;
             }
             o->jobs = static_cast<unsigned>(n);
+        } else if (a == "-d" || is("--database")) {
+            if (!value(a == "-d" ? "-d" : "--database", &o->database)) return false;
+        } else if (a == "-l" || is("--log")) {
+            if (!value(a == "-l" ? "-l" : "--log", &o->logFile)) return false;
+        } else if (a == "-f" || is("--file-list")) {
+            if (!value(a == "-f" ? "-f" : "--file-list", &o->fileList)) return false;
+        } else if (is("--exclude") || is("--exclude-dir") || is("--include")) {
+            std::string name = a.substr(0, a.find('='));
+            auto* list = name == "--exclude"   ? &o->exclude
+                         : name == "--include" ? &o->include
+                                               : &o->excludeDir;
+            list->emplace_back();
+            if (!value(name.c_str(), &list->back())) return false;
         } else if (is("--config")) {
             if (!value("--config", &o->config)) return false;
         } else if (is("--adapter")) {
@@ -138,7 +171,7 @@ bool parseOptions(int argc, char** argv, Options* o, std::string* error) {
         unsigned n = std::thread::hardware_concurrency();
         o->jobs = n == 0 ? 1 : n;
     }
-    if (!o->help && !o->version && !o->info && o->paths.empty()) {
+    if (!o->help && !o->version && !o->info && o->paths.empty() && o->fileList.empty()) {
         *error = "no path given";
         return false;
     }

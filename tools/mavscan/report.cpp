@@ -27,6 +27,30 @@ size_t utf8Len(const std::string& s, size_t i) {
     return n;
 }
 
+bool validUtf8(const std::string& s) {
+    for (size_t i = 0; i < s.size();) {
+        size_t n = utf8Len(s, i);
+        if (n == 0) return false;
+        i += n;
+    }
+    return true;
+}
+
+std::string base64(const std::string& s) {
+    static const char k[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    for (size_t i = 0; i < s.size(); i += 3) {
+        uint32_t v = static_cast<unsigned char>(s[i]) << 16;
+        if (i + 1 < s.size()) v |= static_cast<unsigned char>(s[i + 1]) << 8;
+        if (i + 2 < s.size()) v |= static_cast<unsigned char>(s[i + 2]);
+        out += k[(v >> 18) & 63];
+        out += k[(v >> 12) & 63];
+        out += i + 1 < s.size() ? k[(v >> 6) & 63] : '=';
+        out += i + 2 < s.size() ? k[v & 63] : '=';
+    }
+    return out;
+}
+
 }  // namespace
 
 std::string jsonString(const std::string& s) {
@@ -34,40 +58,77 @@ std::string jsonString(const std::string& s) {
     char esc[8];
     for (size_t i = 0; i < s.size();) {
         unsigned char c = static_cast<unsigned char>(s[i]);
+        size_t n = utf8Len(s, i);
         if (c == '"' || c == '\\') {
             out += '\\';
             out += static_cast<char>(c);
-            ++i;
         } else if (c < 0x20) {
             std::snprintf(esc, sizeof esc, "\\u%04x", c);
             out += esc;
-            ++i;
-        } else if (c < 0x80) {
-            out += static_cast<char>(c);
-            ++i;
-        } else if (size_t n = utf8Len(s, i)) {
+        } else if (n > 0) {
             out.append(s, i, n);
             i += n;
+            continue;
         } else {
-            std::snprintf(esc, sizeof esc, "\\u%04x", c);
-            out += esc;
-            ++i;
+            out += "\\ufffd";
         }
+        ++i;
     }
     return out + "\"";
 }
 
-Report::Report(bool json, bool quiet, bool progress)
-    : json_(json), quiet_(quiet), progress_(progress), start_(std::chrono::steady_clock::now()) {}
+std::string jsonName(const std::string& key, const std::string& s) {
+    std::string j = "\"" + key + "\":" + jsonString(s);
+    if (!validUtf8(s)) j += ",\"" + key + "_bytes\":\"" + base64(s) + "\"";
+    return j;
+}
 
-// Object lines go to standard output; the progress line on standard error is
-// taken away first and drawn again below them.
+std::string textSafe(const std::string& s) {
+    std::string out;
+    char esc[8];
+    for (size_t i = 0; i < s.size();) {
+        unsigned char c = static_cast<unsigned char>(s[i]);
+        size_t n = utf8Len(s, i);
+        // U+0080..U+009F are control characters too (C2 80..C2 9F).
+        bool c1 = n == 2 && c == 0xC2 && static_cast<unsigned char>(s[i + 1]) < 0xA0;
+        if (c == '\\') {
+            out += "\\\\";
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (n > 1 && !c1) {
+            out.append(s, i, n);
+            i += n;
+            continue;
+        } else if (c < 0x20 || c >= 0x7F) {
+            std::snprintf(esc, sizeof esc, "\\x%02x", c);
+            out += esc;
+        } else {
+            out += static_cast<char>(c);
+        }
+        ++i;
+    }
+    return out;
+}
+
+Report::Report(const ReportOptions& options)
+    : opt_(options), start_(std::chrono::steady_clock::now()) {}
+
+// Object lines go to standard output (and the log); the progress line on
+// standard error is taken away first and drawn again below them.
 void Report::emit(const std::string& line) {
     std::lock_guard<std::mutex> lock(mu_);
-    if (progress_ && !progressText_.empty()) std::fputs("\r\033[K", stderr);
+    if (opt_.progress && !progressText_.empty()) std::fputs("\r\033[K", stderr);
     std::fwrite(line.data(), 1, line.size(), stdout);
     std::fflush(stdout);
-    if (progress_ && !progressText_.empty()) {
+    if (opt_.log != nullptr) {
+        std::fwrite(line.data(), 1, line.size(), opt_.log);
+        std::fflush(opt_.log);
+    }
+    if (opt_.progress && !progressText_.empty()) {
         std::fputs(progressText_.c_str(), stderr);
         std::fflush(stderr);
     }
@@ -75,23 +136,23 @@ void Report::emit(const std::string& line) {
 
 void Report::object(const std::string& path, const Result& r) {
     files_++;
-    bytes_ += r.size;
+    if (r.rc <= 0) bytes_ += r.size;  // only what an engine read
     const char* verdict = r.rc == MAV_OK ? "OK" : r.rc < 0 ? "FOUND" : "ERROR";
     if (r.rc < 0) found_++;
     if (r.rc > 0) errors_++;
-    if (json_) {
-        if (quiet_ && r.rc == MAV_OK) return;
-        std::string j = "{\"path\":" + jsonString(path) + ",\"verdict\":\"" + verdict +
+    if (r.rc == MAV_OK && opt_.infectedOnly) return;
+    if (opt_.json) {
+        std::string j = "{" + jsonName("path", path) + ",\"verdict\":\"" + verdict +
                         "\",\"code\":\"" + MavErrorName(r.rc) + "\",\"infections\":[";
         for (size_t i = 0; i < r.infections.size(); ++i) {
             j += (i ? "," : "") + std::string("{\"name\":") + jsonString(r.infections[i].name) +
-                 ",\"object\":" + jsonString(r.infections[i].object) + "}";
+                 "," + jsonName("object", r.infections[i].object) + "}";
         }
         j += "],\"scan_errors\":[";
         for (size_t i = 0; i < r.errors.size(); ++i) {
             j += (i ? "," : "") + std::string("{\"code\":") + std::to_string(r.errors[i].code) +
-                 ",\"text\":" + jsonString(r.errors[i].text) +
-                 ",\"object\":" + jsonString(r.errors[i].object) + "}";
+                 ",\"text\":" + jsonString(r.errors[i].text) + "," +
+                 jsonName("object", r.errors[i].object) + "}";
         }
         j += "]";
         if (r.rc > 0) j += ",\"error\":" + jsonString(r.message);
@@ -99,17 +160,18 @@ void Report::object(const std::string& path, const Result& r) {
         emit(j);
         return;
     }
+    std::string name = textSafe(path);
     if (r.rc == MAV_OK) {
-        if (!quiet_) emit(path + ": OK\n");
+        emit(name + ": OK\n");
     } else if (r.rc < 0) {
         std::string lines;
-        for (const auto& f : r.infections) lines += path + ": " + f.name + " FOUND\n";
-        if (r.infections.empty()) lines += path + ": " + MavErrorName(r.rc) + " FOUND\n";
-        if (r.rc == MAV_E_CLEAN_OK) lines += path + ": cleaned\n";
-        if (r.rc == MAV_E_CLEAN_FAILED) lines += path + ": not cleaned\n";
+        for (const auto& f : r.infections) lines += name + ": " + textSafe(f.name) + " FOUND\n";
+        if (r.infections.empty()) lines += name + ": " + MavErrorName(r.rc) + " FOUND\n";
+        if (r.rc == MAV_E_CLEAN_OK) lines += name + ": cleaned\n";
+        if (r.rc == MAV_E_CLEAN_FAILED) lines += name + ": not cleaned\n";
         emit(lines);
     } else {
-        emit(path + ": ERROR " + r.message + "\n");
+        emit(name + ": ERROR " + textSafe(r.message) + "\n");
     }
 }
 
@@ -121,7 +183,7 @@ void Report::error(const std::string& path, const std::string& message) {
 }
 
 void Report::progress() {
-    if (!progress_) return;
+    if (!opt_.progress) return;
     double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
     if (secs <= 0) secs = 1e-9;
     char text[160];
@@ -134,30 +196,37 @@ void Report::progress() {
     std::fflush(stderr);
 }
 
-void Report::summary() {
-    if (quiet_) return;  // no progress line either
-    double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-    std::lock_guard<std::mutex> lock(mu_);
-    if (progress_ && !progressText_.empty()) std::fputs("\r\033[K", stderr);
-    progressText_.clear();
-    if (json_) {
-        std::printf(
-            "{\"summary\":{\"scanned\":%llu,\"found\":%llu,\"errors\":%llu,\"bytes\":%llu,"
-            "\"seconds\":%.3f}}\n",
-            static_cast<unsigned long long>(files_.load()),
-            static_cast<unsigned long long>(found_.load()),
-            static_cast<unsigned long long>(errors_.load()),
-            static_cast<unsigned long long>(bytes_.load()), secs);
-    } else {
-        std::printf(
-            "\n----------- SCAN SUMMARY -----------\n"
-            "Scanned objects: %llu\nInfected objects: %llu\nErrors: %llu\n"
-            "Data scanned: %.2f MB\nTime: %.3f sec\n",
-            static_cast<unsigned long long>(files_.load()),
-            static_cast<unsigned long long>(found_.load()),
-            static_cast<unsigned long long>(errors_.load()), bytes_.load() / 1048576.0, secs);
+void Report::summary(const std::vector<std::string>& engines, bool interrupted) {
+    {
+        std::lock_guard<std::mutex> lock(mu_);
+        if (opt_.progress && !progressText_.empty()) std::fputs("\r\033[K", stderr);
+        progressText_.clear();
     }
-    std::fflush(stdout);
+    if (opt_.noSummary) return;
+    double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    unsigned long long files = files_.load(), found = found_.load(), errors = errors_.load(),
+                       bytes = bytes_.load();
+    char line[256];
+    std::string text;
+    if (opt_.json) {
+        std::snprintf(line, sizeof line,
+                      "{\"summary\":{\"scanned\":%llu,\"found\":%llu,\"errors\":%llu,"
+                      "\"bytes\":%llu,\"seconds\":%.3f,\"interrupted\":%s,\"engines\":[",
+                      files, found, errors, bytes, secs, interrupted ? "true" : "false");
+        text = line;
+        for (size_t i = 0; i < engines.size(); ++i) text += (i ? "," : "") + jsonString(engines[i]);
+        text += "]}}\n";
+    } else {
+        text = "\n----------- SCAN SUMMARY -----------\n";
+        for (const std::string& e : engines) text += "Engine: " + textSafe(e) + "\n";
+        std::snprintf(line, sizeof line,
+                      "Scanned objects: %llu\nInfected objects: %llu\nErrors: %llu\n"
+                      "Data scanned: %.2f MB\nTime: %.3f sec\n",
+                      files, found, errors, bytes / 1048576.0, secs);
+        text += line;
+        if (interrupted) text += "Interrupted: the scan did not end\n";
+    }
+    emit(text);
 }
 
 int Report::exitStatus() const {

@@ -5,16 +5,26 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "engine.h"
 
 namespace mavscan {
 
+struct ReportOptions {
+    bool json = false;
+    bool infectedOnly = false;  // no OK lines
+    bool noSummary = false;
+    bool progress = false;  // progress line on standard error
+    FILE* log = nullptr;    // a copy of every line written to standard output
+};
+
 class Report {
   public:
-    Report(bool json, bool quiet, bool progress);
+    explicit Report(const ReportOptions& options);
 
     // Records and prints the outcome for one object (thread safe).
     void object(const std::string& path, const Result& r);
@@ -22,8 +32,8 @@ class Report {
     void error(const std::string& path, const std::string& message);
     // Rewrites the progress line on standard error (when enabled).
     void progress();
-    // Prints the closing summary.
-    void summary();
+    // Prints the closing summary; engines are the lines of Scanner::engines.
+    void summary(const std::vector<std::string>& engines, bool interrupted);
 
     // 0 all clean, 1 something found, 2 any error.
     int exitStatus() const;
@@ -31,15 +41,21 @@ class Report {
   private:
     void emit(const std::string& line);
 
-    const bool json_, quiet_, progress_;
+    const ReportOptions opt_;
     std::mutex mu_;
     std::string progressText_;  // the progress line as last drawn
     std::atomic<uint64_t> files_{0}, found_{0}, errors_{0}, bytes_{0};
     const std::chrono::steady_clock::time_point start_;
 };
 
-// JSON string literal of arbitrary bytes (invalid UTF-8 bytes as \u00XX).
+// JSON string literal of arbitrary bytes; bytes that are not UTF-8 become
+// U+FFFD (jsonName keeps them).
 std::string jsonString(const std::string& s);
+// "key":"text" and, when s is not valid UTF-8, "key_bytes":"base64 of s".
+std::string jsonName(const std::string& key, const std::string& s);
+// s for a terminal: control characters, backslash and bytes that are not
+// UTF-8 as C escapes (\n, \t, \\, \xHH).
+std::string textSafe(const std::string& s);
 
 }  // namespace mavscan
 
