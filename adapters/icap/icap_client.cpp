@@ -104,9 +104,10 @@ Client::Outcome Client::Exchange(const ServerUrl& server, const Options& options
                                  const Limits& limits, Reply* reply, std::string* error) {
     conn_.ResetGotAny();
     const size_t size = source.length;
-    long preview = options.preview >= 0 ? static_cast<long>(std::min<size_t>(
-                                              static_cast<size_t>(options.preview), size))
-                                        : -1;
+    long preview =
+        options.preview >= 0
+            ? static_cast<long>(std::min<size_t>(static_cast<size_t>(options.preview), size))
+            : -1;
     std::string head = RespmodHead(server, name, size, preview);
     bool all = preview < 0 || static_cast<size_t>(preview) == size;
     Outcome o = SendChunks(head, source, 0, all ? size : static_cast<size_t>(preview),
@@ -142,8 +143,8 @@ Client::Outcome Client::SendChunks(const std::string& head, const Source& source
         if (source.bytes == nullptr && n > 0) {
             size_t got = 0;
             while (got < n) {
-                ssize_t r = pread(source.fd, buffer.data() + got, n - got,
-                                  static_cast<off_t>(at + got));
+                ssize_t r =
+                    pread(source.fd, buffer.data() + got, n - got, static_cast<off_t>(at + got));
                 if (r < 0 && errno == EINTR) continue;
                 if (r <= 0) {
                     *error = r < 0 ? std::strerror(errno) : "the file became shorter while read";

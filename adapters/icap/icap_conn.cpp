@@ -122,8 +122,10 @@ bool Connection::Open(const std::string& host, const std::string& port, bool tls
             if (!ok) errno = so;
         }
         if (!ok) {
-            if (error->compare(0, 9, "timed out") != 0) *error = Errno("connect");
-            else *error = "connect timed out";
+            if (error->compare(0, 9, "timed out") != 0)
+                *error = Errno("connect");
+            else
+                *error = "connect timed out";
             close(fd);
             fd_ = -1;
         }
@@ -195,7 +197,8 @@ bool Connection::Readable() {
 long Connection::RawWrite(const void* data, size_t n, short* waitFor, std::string* error) {
 #ifdef KORMO_ICAP_TLS
     if (ssl_ != nullptr) {
-        int r = SSL_write(static_cast<SSL*>(ssl_), data, static_cast<int>(std::min<size_t>(n, 1 << 30)));
+        int r = SSL_write(static_cast<SSL*>(ssl_), data,
+                          static_cast<int>(std::min<size_t>(n, 1 << 30)));
         if (r > 0) return r;
         int e = SSL_get_error(static_cast<SSL*>(ssl_), r);
         if (e == SSL_ERROR_WANT_READ || e == SSL_ERROR_WANT_WRITE) {
@@ -265,7 +268,9 @@ bool Connection::Send(const struct iovec* pieces, int count, const Limits& limit
 }
 
 bool Connection::Send(const std::string& data, const Limits& limits, std::string* error) {
-    struct iovec v{const_cast<char*>(data.data()), data.size()};
+    struct iovec v {
+        const_cast<char*>(data.data()), data.size()
+    };
     return Send(&v, 1, limits, error);
 }
 

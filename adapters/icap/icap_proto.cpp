@@ -102,12 +102,13 @@ bool ParseEncapsulated(const std::string& value, size_t* headLength, bool* body,
     bool any = false;
     while (start <= value.size()) {
         size_t comma = value.find(',', start);
-        std::string item = Trim(value.substr(start, comma == std::string::npos ? comma : comma - start));
+        std::string item =
+            Trim(value.substr(start, comma == std::string::npos ? comma : comma - start));
         start = comma == std::string::npos ? value.size() + 1 : comma + 1;
         size_t eq = item.find('=');
         unsigned long long off = 0;
-        if (eq == std::string::npos || !Number(Trim(item.substr(eq + 1)), kMaxEncapsulatedHead, &off) ||
-            off < last) {
+        if (eq == std::string::npos ||
+            !Number(Trim(item.substr(eq + 1)), kMaxEncapsulatedHead, &off) || off < last) {
             *error = "malformed Encapsulated header: \"" + value + "\"";
             return false;
         }
@@ -214,7 +215,8 @@ bool ParseUrl(const std::string& text, ServerUrl* out, std::string* error) {
     std::string service = slash == std::string::npos ? "" : text.substr(slash + 1);
     if (authority.empty() || service.empty() ||
         text.find_first_of(" \t\r\n") != std::string::npos) {
-        *error = "INITSERVERS: \"" + text + "\" needs a host and a service (icap://host:port/service)";
+        *error =
+            "INITSERVERS: \"" + text + "\" needs a host and a service (icap://host:port/service)";
         return false;
     }
     out->port = out->tls ? "11344" : "1344";
@@ -294,9 +296,9 @@ bool ParseOptions(const Reply& r, Options* o, std::string* error) {
     unsigned long long n = 0;
     if (const std::string* v = r.Header("preview"); v != nullptr && Number(*v, 1u << 30, &n))
         o->preview = static_cast<long>(n);
-    if (const std::string* v = r.Header("allow"))
-        o->allow204 = v->find("204") != std::string::npos;
-    if (const std::string* v = r.Header("max-connections"); v != nullptr && Number(*v, UINT32_MAX, &n))
+    if (const std::string* v = r.Header("allow")) o->allow204 = v->find("204") != std::string::npos;
+    if (const std::string* v = r.Header("max-connections");
+        v != nullptr && Number(*v, UINT32_MAX, &n))
         o->maxConnections = static_cast<uint32_t>(n);
     if (const std::string* v = r.Header("options-ttl"); v != nullptr && Number(*v, UINT32_MAX, &n))
         o->ttl = static_cast<uint32_t>(n);
@@ -325,7 +327,7 @@ std::vector<Finding> Findings(const Reply& r) {
             f.header = "X-Infection-Found";
             f.name = Field(h.second, "Threat");
             std::string type = Field(h.second, "Type"), res = Field(h.second, "Resolution");
-            f.kind = type == "1" ? FindingKind::kPolicy
+            f.kind = type == "1"   ? FindingKind::kPolicy
                      : type == "2" ? FindingKind::kNotScanned
                                    : FindingKind::kInfection;
             if (res.size() == 1 && res[0] >= '0' && res[0] <= '2') f.resolution = res[0] - '0';
@@ -358,11 +360,12 @@ std::string OptionsRequest(const ServerUrl& url) {
            "\r\nUser-Agent: libkormomav\r\nEncapsulated: null-body=0\r\n\r\n";
 }
 
-std::string RespmodHead(const ServerUrl& url, const std::string& name, size_t size,
-                        long preview) {
+std::string RespmodHead(const ServerUrl& url, const std::string& name, size_t size, long preview) {
     std::string req = "GET " + PathOf(name) + " HTTP/1.1\r\nHost: localhost\r\n\r\n";
-    std::string res = "HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\n"
-                      "Content-Length: " + std::to_string(size) + "\r\n\r\n";
+    std::string res =
+        "HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\n"
+        "Content-Length: " +
+        std::to_string(size) + "\r\n\r\n";
     std::string head = "RESPMOD " + url.uri + " ICAP/1.0\r\nHost: " + url.host +
                        "\r\nUser-Agent: libkormomav\r\nAllow: 204\r\n";
     if (preview >= 0) head += "Preview: " + std::to_string(preview) + "\r\n";

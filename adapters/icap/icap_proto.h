@@ -33,10 +33,10 @@ struct Options {
     std::string istag;    // without quotes
     std::string service;  // Service header (the server's product text)
     std::string methods;
-    long preview = -1;           // bytes; -1: the server takes no preview
-    bool allow204 = false;       // Allow: 204 offered
-    uint32_t maxConnections = 0; // 0: not said
-    uint32_t ttl = 0;            // seconds; 0: not said
+    long preview = -1;            // bytes; -1: the server takes no preview
+    bool allow204 = false;        // Allow: 204 offered
+    uint32_t maxConnections = 0;  // 0: not said
+    uint32_t ttl = 0;             // seconds; 0: not said
 };
 
 // A reply: status line, headers (names lower-cased, folded lines kept as
@@ -86,8 +86,7 @@ std::string OptionsRequest(const ServerUrl& url);
 // The head of a RESPMOD for an object of size bytes named name: ICAP headers
 // (Allow: 204, Preview when preview >= 0) and the encapsulated HTTP request
 // and response headers; the chunked body follows.
-std::string RespmodHead(const ServerUrl& url, const std::string& name, size_t size,
-                        long preview);
+std::string RespmodHead(const ServerUrl& url, const std::string& name, size_t size, long preview);
 
 }  // namespace icappel
 

@@ -67,8 +67,7 @@ void ServerBook::MarkGood(const std::string& server) {
 bool ServerBook::FreshOptions(const std::string& server, uint32_t defaultTtl, Options* out) {
     return With(server, [&](State& s) {
         uint32_t ttl = s.options.ttl != 0 ? s.options.ttl : defaultTtl;
-        if (!s.haveOptions || Clock::now() - s.optionsAt >= std::chrono::seconds(ttl))
-            return false;
+        if (!s.haveOptions || Clock::now() - s.optionsAt >= std::chrono::seconds(ttl)) return false;
         *out = s.options;
         return true;
     });

@@ -24,8 +24,8 @@ int SameAsOriginal(const Reply& r, const Source& s) {
         return s.length == 0 || std::memcmp(r.body.data(), s.bytes, s.length) == 0 ? 1 : 0;
     std::vector<char> buf(std::min<size_t>(s.length, 256 * 1024));
     for (size_t at = 0; at < s.length;) {
-        ssize_t n = pread(s.fd, buf.data(), std::min(buf.size(), s.length - at),
-                          static_cast<off_t>(at));
+        ssize_t n =
+            pread(s.fd, buf.data(), std::min(buf.size(), s.length - at), static_cast<off_t>(at));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) return -1;
         if (std::memcmp(buf.data(), r.body.data() + at, static_cast<size_t>(n)) != 0) return 0;
@@ -52,7 +52,8 @@ Verdict Judge(const Reply& r, const Source& original) {
     bool http2xx = r.httpStatus >= 200 && r.httpStatus < 300;
     int same = r.status == 204 ? 1 : SameAsOriginal(r, original);
     if (same < 0) {
-        v.error = std::string("cannot read the object to compare the reply: ") + std::strerror(errno);
+        v.error =
+            std::string("cannot read the object to compare the reply: ") + std::strerror(errno);
         return v;
     }
     if (v.findings.empty() && same == 1 && (r.status == 204 || http2xx)) {

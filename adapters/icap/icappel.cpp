@@ -71,12 +71,14 @@ bool ParseList(const std::string& list, ServerList* out, std::string* error) {
     size_t start = 0;
     while (start <= list.size()) {
         size_t comma = list.find(',', start);
-        std::string item = Trim(list.substr(start, comma == std::string::npos ? comma : comma - start));
+        std::string item =
+            Trim(list.substr(start, comma == std::string::npos ? comma : comma - start));
         start = comma == std::string::npos ? list.size() + 1 : comma + 1;
         if (item.empty()) continue;
         size_t eq = item.find('=');
         if (item.find("://") == std::string::npos && eq != std::string::npos) {
-            std::string key = Lower(Trim(item.substr(0, eq))), value = Lower(Trim(item.substr(eq + 1)));
+            std::string key = Lower(Trim(item.substr(0, eq))),
+                        value = Lower(Trim(item.substr(eq + 1)));
             bool on = value == "on" || value == "yes" || value == "true" || value == "1";
             bool off = value == "off" || value == "no" || value == "false" || value == "0";
             bool ok = key == "connect"    ? Seconds(value, &out->timeouts.connect)
@@ -128,8 +130,8 @@ class Instance {
     // One object on the servers in turn; the verdict of the first that answers.
     Verdict Ask(const std::string& name, const Source& src, Reply* reply, std::string* server);
     void Describe(size_t bound, const std::vector<std::string>& states);
-    static int WriteBack(PEL_SCANPARAM* param, bool memory, const Reply& reply,
-                         PEL_SCANINFO* info, std::string* error);
+    static int WriteBack(PEL_SCANPARAM* param, bool memory, const Reply& reply, PEL_SCANINFO* info,
+                         std::string* error);
 
     Block block_;
     ServerList list_;
@@ -150,15 +152,13 @@ bool Instance::SelfTest(size_t i, const Options& o, Clock::time_point deadline,
     src.bytes = reinterpret_cast<const unsigned char*>(eicar.data());
     src.length = eicar.size();
     Reply r;
-    if (client_->Respmod(s, o, "eicar.com", src, kBodySlack, deadline, &r, error) !=
-        Client::kReply)
+    if (client_->Respmod(s, o, "eicar.com", src, kBodySlack, deadline, &r, error) != Client::kReply)
         return false;
     if (Judge(r, src).kind == Verdict::kFound) {
         ServerBook::SetSelfTested(s.text);
         return true;
     }
-    *error = "self-test failed: the server did not report the EICAR test string (" +
-             r.statusLine +
+    *error = "self-test failed: the server did not report the EICAR test string (" + r.statusLine +
              "); a server that passes everything would make every scan clean - check its "
              "service name and engine";
     return false;
@@ -205,8 +205,8 @@ int Instance::Start(const PEL_INITPARAMS* params) {
     reconnect_ = ParamNumber32(params, VS_P_INITRECONNECTTIME, kDefaultReconnect);
     std::string error;
     if (!ParseList(text, &list_, &error)) return Fail(kInvalidParam, error);
-    list_.timeouts.overall = std::chrono::milliseconds(
-        static_cast<int64_t>(timeout == 0 ? 86400u : timeout) * 1000);
+    list_.timeouts.overall =
+        std::chrono::milliseconds(static_cast<int64_t>(timeout == 0 ? 86400u : timeout) * 1000);
     client_ = std::make_unique<Client>(list_.timeouts);
 
     std::vector<std::string> states(list_.servers.size());
@@ -236,8 +236,7 @@ int Instance::Start(const PEL_INITPARAMS* params) {
     if (!selfTestReasons.empty())
         return Fail(kLoadFailed, "ICAP self-test failed" + selfTestReasons);
     if (!any)
-        return Fail(kLoadFailed,
-                    "No ICAP server reachable (INITSERVERS=" + text + ")" + reasons);
+        return Fail(kLoadFailed, "No ICAP server reachable (INITSERVERS=" + text + ")" + reasons);
     Describe(bound_, states);
     block_.init.hEngine = client_.get();
     return kOk;
@@ -282,8 +281,8 @@ Verdict Instance::Ask(const std::string& name, const Source& src, Reply* reply,
     return v;
 }
 
-int Instance::WriteBack(PEL_SCANPARAM* param, bool memory, const Reply& reply,
-                        PEL_SCANINFO* info, std::string* error) {
+int Instance::WriteBack(PEL_SCANPARAM* param, bool memory, const Reply& reply, PEL_SCANINFO* info,
+                        std::string* error) {
     const std::string& body = reply.body;
     if (memory) {
         if (body.size() > param->lLength) {
@@ -350,7 +349,8 @@ int Instance::Scan(const PEL_CALLBACK* cb, PEL_SCANPARAM* param, PEL_SCANINFO** 
                     continue;
                 }
                 (f.kind == FindingKind::kPolicy ? policy : infection) = true;
-                result->AddInfection(f.name, kDetectSignature, "ICAP " + server + " (" + f.header + ")");
+                result->AddInfection(f.name, kDetectSignature,
+                                     "ICAP " + server + " (" + f.header + ")");
             }
             rc = infection ? kVirusFound : policy ? kBlockedByPolicy : kNotScanned;
             if (rc == kVirusFound && (param->tActionCode & VS_A_CLEAN) != 0) {
