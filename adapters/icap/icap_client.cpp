@@ -30,10 +30,7 @@ bool WantsClose(const Reply& r) {
 
 void Client::Drop() {
     conn_.Close();
-    if (!server_.empty()) {
-        ServerBook::Bind(server_, -1);
-        if (counted_) ServerBook::ReleaseKept(server_);
-    }
+    if (!server_.empty() && counted_) ServerBook::ReleaseKept(server_);
     server_.clear();
     counted_ = false;
 }
@@ -49,7 +46,6 @@ bool Client::Ensure(const ServerUrl& server, const Limits& limits, bool* fresh,
     if (!conn_.Open(server.host, server.port, server.tls, t_.verifyTls, t_.connect, limits, error))
         return false;
     server_ = server.text;
-    ServerBook::Bind(server_, +1);
     counted_ = ServerBook::TakeKept(server_);
     return true;
 }

@@ -11,12 +11,10 @@ namespace icappel {
 namespace {
 
 struct State {
-    Clock::time_point downUntil{};
     bool haveOptions = false;
     Options options;
     Clock::time_point optionsAt{};
     uint32_t kept = 0;
-    uint32_t bound = 0;
     bool selfTested = false;
 };
 
@@ -39,27 +37,9 @@ auto With(const std::string& server, F&& f) {
 
 }  // namespace
 
-bool ServerBook::Usable(const std::string& server, uint32_t* secondsLeft) {
-    return With(server, [&](State& s) {
-        auto now = Clock::now();
-        if (s.downUntil <= now) return true;
-        *secondsLeft = static_cast<uint32_t>(
-            std::chrono::duration_cast<std::chrono::seconds>(s.downUntil - now).count() + 1);
-        return false;
-    });
-}
-
-void ServerBook::MarkFailed(const std::string& server, uint32_t reconnectSeconds) {
-    With(server, [&](State& s) {
-        s.downUntil = Clock::now() + std::chrono::seconds(reconnectSeconds);
-        s.haveOptions = false;  // asked again when it is back
-        return 0;
-    });
-}
-
-void ServerBook::MarkGood(const std::string& server) {
+void ServerBook::Forget(const std::string& server) {
     With(server, [](State& s) {
-        s.downUntil = Clock::time_point{};
+        s.haveOptions = false;
         return 0;
     });
 }
@@ -97,13 +77,6 @@ void ServerBook::ReleaseKept(const std::string& server) {
     });
 }
 
-void ServerBook::Bind(const std::string& server, int delta) {
-    With(server, [&](State& s) {
-        if (delta > 0 || s.bound > 0) s.bound += static_cast<uint32_t>(delta);
-        return 0;
-    });
-}
-
 bool ServerBook::SelfTested(const std::string& server) {
     return With(server, [](State& s) { return s.selfTested; });
 }
@@ -113,34 +86,6 @@ void ServerBook::SetSelfTested(const std::string& server) {
         s.selfTested = true;
         return 0;
     });
-}
-
-std::vector<size_t> ServerBook::Order(const std::vector<ServerUrl>& servers, size_t preferred) {
-    Book& b = TheBook();
-    std::lock_guard<std::mutex> l(b.lock);
-    auto now = Clock::now();
-    std::vector<size_t> usable, down;
-    size_t best = servers.size();
-    uint32_t bestBound = UINT32_MAX;
-    for (size_t i = 0; i < servers.size(); ++i) {
-        const State& s = b.servers[servers[i].text];
-        if (s.downUntil > now) {
-            down.push_back(i);
-            continue;
-        }
-        usable.push_back(i);
-        // A server's own instance is not counted against it.
-        uint32_t bound = s.bound - (i == preferred && s.bound > 0 ? 1 : 0);
-        if (bound < bestBound || (bound == bestBound && i == preferred)) {
-            best = i;
-            bestBound = bound;
-        }
-    }
-    if (usable.empty()) return down;
-    std::vector<size_t> order{best};
-    for (size_t i : usable)
-        if (i != best) order.push_back(i);
-    return order;
 }
 
 void ServerBook::Clear() {

@@ -24,6 +24,7 @@
 #include "icap_servers.h"
 #include "icap_verdict.h"
 #include "kormopel.h"
+#include "pel_farm.h"
 #include "pel_init.h"
 #include "pel_params.h"
 #include "pel_records.h"
@@ -42,6 +43,7 @@ const char kDefaultServers[] = "icap://127.0.0.1:1344/avscan";
 constexpr uint32_t kDefaultTimeout = 60;    // seconds per object
 constexpr uint32_t kDefaultReconnect = 10;  // seconds before a failed server is tried again
 constexpr uint32_t kDefaultOptionsTtl = 3600;
+constexpr uint32_t kBackoffMs = 1000;  // retry of a farm that is all down
 constexpr size_t kBodySlack = 64 * 1024;
 constexpr size_t kMaxBody = 256u * 1024 * 1024;
 
@@ -129,12 +131,19 @@ class Instance {
     bool SelfTest(size_t i, const Options& o, Clock::time_point deadline, std::string* error);
     // One object on the servers in turn; the verdict of the first that answers.
     Verdict Ask(const std::string& name, const Source& src, Reply* reply, std::string* server);
+    // Server i failed: skipped for INITRECONNECTTIME, its options asked again.
+    void Failed(size_t i) {
+        farm_.MarkFailed(i);
+        ServerBook::Forget(list_.servers[i].text);
+        client_->Drop();
+    }
     void Describe(size_t bound, const std::vector<std::string>& states);
     static int WriteBack(PEL_SCANPARAM* param, bool memory, const Reply& reply, PEL_SCANINFO* info,
                          std::string* error);
 
     Block block_;
     ServerList list_;
+    Farm farm_;
     std::unique_ptr<Client> client_;
     size_t bound_ = 0;
     uint32_t reconnect_ = kDefaultReconnect;
@@ -208,6 +217,17 @@ int Instance::Start(const PEL_INITPARAMS* params) {
     list_.timeouts.overall =
         std::chrono::milliseconds(static_cast<int64_t>(timeout == 0 ? 86400u : timeout) * 1000);
     client_ = std::make_unique<Client>(list_.timeouts);
+    // Health and spreading go by the servers' addresses.
+    std::string addresses;
+    for (const ServerUrl& u : list_.servers) {
+        bool v6 = u.host.find(':') != std::string::npos;
+        addresses +=
+            (addresses.empty() ? "" : ", ") + (v6 ? "[" + u.host + "]" : u.host) + ":" + u.port;
+    }
+    uint32_t backoffMs = std::min<uint32_t>(kBackoffMs, reconnect_ * 1000u);
+    if (!farm_.Configure(addresses, "INITSERVERS", FarmMode::kSpread, reconnect_, backoffMs,
+                         &error))
+        return Fail(kInvalidParam, error);
 
     std::vector<std::string> states(list_.servers.size());
     std::string reasons, selfTestReasons;
@@ -216,19 +236,18 @@ int Instance::Start(const PEL_INITPARAMS* params) {
         const ServerUrl& s = list_.servers[i];
         Options o;
         bool selfTestFailed = false;
-        uint32_t left = 0;
         auto deadline = Clock::now() + list_.timeouts.overall;
-        if (!ServerBook::Usable(s.text, &left)) {
-            error = "failed recently, tried again in " + std::to_string(left) + " s";
+        if (!farm_.IsUp(i)) {
+            error = "failed recently (INITRECONNECTTIME)";
         } else if (Ready(i, deadline, &o, &selfTestFailed, &error)) {
-            ServerBook::MarkGood(s.text);
+            farm_.MarkGood(i);
+            farm_.SetVersion(i, o.istag);
             states[i] = s.text + " ISTag \"" + o.istag + "\"";
             if (!any) bound_ = i;
             any = true;
             continue;
         } else {
-            ServerBook::MarkFailed(s.text, reconnect_);
-            client_->Drop();
+            Failed(i);
         }
         states[i] = s.text + " down: " + error;
         (selfTestFailed ? selfTestReasons : reasons) += "; " + s.text + ": " + error;
@@ -237,6 +256,7 @@ int Instance::Start(const PEL_INITPARAMS* params) {
         return Fail(kLoadFailed, "ICAP self-test failed" + selfTestReasons);
     if (!any)
         return Fail(kLoadFailed, "No ICAP server reachable (INITSERVERS=" + text + ")" + reasons);
+    farm_.Bind(bound_);
     Describe(bound_, states);
     block_.init.hEngine = client_.get();
     return kOk;
@@ -248,7 +268,16 @@ Verdict Instance::Ask(const std::string& name, const Source& src, Reply* reply,
     size_t bodyLimit = std::min(kMaxBody, src.length + kBodySlack);
     std::string reasons;
     Verdict v;
-    for (size_t i : ServerBook::Order(list_.servers, bound_)) {
+    std::vector<bool> tried(list_.servers.size());
+    for (;;) {
+        std::string why;
+        size_t i = farm_.Pick(tried, &why);
+        if (i == Farm::kNone) {
+            if (reasons.empty()) reasons = "; " + why;
+            break;
+        }
+        tried[i] = true;
+        farm_.Bind(i);
         const ServerUrl& s = list_.servers[i];
         std::string error;
         Options o;
@@ -264,15 +293,14 @@ Verdict Instance::Ask(const std::string& name, const Source& src, Reply* reply,
         if (out == Client::kReply) {
             v = Judge(*reply, src);
             if (v.kind != Verdict::kRetry) {
-                ServerBook::MarkGood(s.text);
+                farm_.MarkGood(i);
                 bound_ = i;
                 *server = s.text;
                 return v;
             }
             error = v.error;
         }
-        ServerBook::MarkFailed(s.text, reconnect_);
-        client_->Drop();
+        Failed(i);
         reasons += "; " + s.text + ": " + error;
         if (Clock::now() >= deadline) break;
     }
@@ -462,6 +490,7 @@ PEL_EXPORT int PelEnd(PEL_INIT** ppInit, PEL_CONFIG** /*ppConfig*/) {
 PEL_EXPORT int PelCleanup(void) {
     G().failed.Cleanup();
     ServerBook::Clear();
+    Farm::ResetAll();
     return kOk;
 }
 

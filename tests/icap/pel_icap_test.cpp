@@ -115,11 +115,11 @@ class IcapAdapter : public ::testing::Test {
         EXPECT_EQ(0, adapter_->Cleanup());
         delete adapter_;
     }
-    int Open(const std::string& servers, PEL_INIT** out) {
+    int Open(const std::string& servers, PEL_INIT** out, uint64_t reconnect = 1) {
         ParamList init(config_->pInitParams);
         init.SetText(VS_P_INITSERVERS, servers);
         init.SetNumber(VS_P_INITTIMEOUT, 20);
-        init.SetNumber(VS_P_INITRECONNECTTIME, 1);
+        init.SetNumber(VS_P_INITRECONNECTTIME, reconnect);
         return adapter_->Init(nullptr, init.Get(), out);
     }
     void Close(PEL_INIT** in) {
@@ -186,7 +186,7 @@ TEST_F(IcapAdapter, MapsEveryReplyToAVerdictAndNeverCleanOnAnError) {
     };
     FakeIcap fake;
     PEL_INIT* in = nullptr;
-    ASSERT_EQ(0, Open(fake.Url() + ", io=0.5", &in)) << in->pszErrorText;
+    ASSERT_EQ(0, Open(fake.Url() + ", io=0.5", &in, 0)) << in->pszErrorText;
     EXPECT_NE(nullptr, std::strstr(in->pszEngineVersionText, "fake-1"));
     for (const Case& c : cases) {
         fake.Set(c.reply, c.delayMs);
