@@ -19,7 +19,8 @@ namespace {
 
 // 1: the body equals the object; 0: it differs; -1: the object could not be read.
 int SameAsOriginal(const Reply& r, const Source& s) {
-    if (!r.hasBody || r.bodyCut || r.body.size() != s.length) return 0;
+    if (!r.hasBody) return s.length == 0 ? 1 : 0;  // null-body: nothing came back
+    if (r.bodyCut || r.body.size() != s.length) return 0;
     if (s.bytes != nullptr || s.length == 0)
         return s.length == 0 || std::memcmp(r.body.data(), s.bytes, s.length) == 0 ? 1 : 0;
     std::vector<char> buf(std::min<size_t>(s.length, 256 * 1024));
