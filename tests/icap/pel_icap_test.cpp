@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <mutex>
 #include <thread>
 
 #include "engines_env.h"
@@ -47,7 +48,8 @@ class FakeIcap {
     }
     std::string Url() const { return "icap://127.0.0.1:" + std::to_string(port_) + "/scan"; }
     void Set(const std::string& reply, int delayMs) {
-        reply_ = reply;  // set between scans only: the server thread reads it per request
+        std::lock_guard<std::mutex> l(lock_);
+        reply_ = reply;
         delayMs_ = delayMs;
     }
 
@@ -75,6 +77,7 @@ class FakeIcap {
                 "ICAP/1.0 200 OK\r\nMethods: RESPMOD\r\nISTag: \"fake-1\"\r\n"
                 "Encapsulated: null-body=0\r\n\r\n";
             if (in.compare(0, 7, "RESPMOD") == 0) {
+                std::unique_lock<std::mutex> l(lock_);
                 std::this_thread::sleep_for(std::chrono::milliseconds(delayMs_));
                 out = reply_;
             }
@@ -84,8 +87,9 @@ class FakeIcap {
     }
     int fd_ = -1, port_ = 0;
     std::atomic<bool> stop_{false};
+    std::mutex lock_;
     std::string reply_;
-    std::atomic<int> delayMs_{0};
+    int delayMs_ = 0;
     std::thread thread_;
 };
 
