@@ -128,7 +128,8 @@ class Instance {
     // failed self-test sets *selfTestFailed.
     bool Ready(size_t i, Clock::time_point deadline, Options* o, bool* selfTestFailed,
                std::string* error);
-    bool SelfTest(size_t i, const Options& o, Clock::time_point deadline, std::string* error);
+    // 1: the server reported EICAR; 0: it answered without a finding; -1: it failed.
+    int SelfTest(size_t i, const Options& o, Clock::time_point deadline, std::string* error);
     // One object on the servers in turn; the verdict of the first that answers.
     Verdict Ask(const std::string& name, const Source& src, Reply* reply, std::string* server);
     // Server i failed: skipped for INITRECONNECTTIME, its options asked again.
@@ -152,8 +153,7 @@ class Instance {
     std::vector<PEL_DRIVERINFO> drivers_;
 };
 
-bool Instance::SelfTest(size_t i, const Options& o, Clock::time_point deadline,
-                        std::string* error) {
+int Instance::SelfTest(size_t i, const Options& o, Clock::time_point deadline, std::string* error) {
     const ServerUrl& s = list_.servers[i];
     std::string eicar = std::string("X5O!P%@AP[4\\PZX54(P^)7CC)7}") + "$EICAR-STANDARD-" +
                         "ANTIVIRUS-TEST-FILE!$H+H*";
@@ -162,15 +162,15 @@ bool Instance::SelfTest(size_t i, const Options& o, Clock::time_point deadline,
     src.length = eicar.size();
     Reply r;
     if (client_->Respmod(s, o, "eicar.com", src, kBodySlack, deadline, &r, error) != Client::kReply)
-        return false;
+        return -1;
     if (Judge(r, src).kind == Verdict::kFound) {
         ServerBook::SetSelfTested(s.text);
-        return true;
+        return 1;
     }
     *error = "self-test failed: the server did not report the EICAR test string (" + r.statusLine +
              "); a server that passes everything would make every scan clean - check its "
              "service name and engine";
-    return false;
+    return 0;
 }
 
 bool Instance::Ready(size_t i, Clock::time_point deadline, Options* o, bool* selfTestFailed,
@@ -180,11 +180,10 @@ bool Instance::Ready(size_t i, Clock::time_point deadline, Options* o, bool* sel
         if (client_->FetchOptions(s, deadline, o, error) != Client::kReply) return false;
         ServerBook::PutOptions(s.text, *o);
     }
-    if (list_.selfTest && !ServerBook::SelfTested(s.text) && !SelfTest(i, *o, deadline, error)) {
-        *selfTestFailed = true;
-        return false;
-    }
-    return true;
+    if (!list_.selfTest || ServerBook::SelfTested(s.text)) return true;
+    int passed = SelfTest(i, *o, deadline, error);
+    *selfTestFailed = passed == 0;
+    return passed == 1;
 }
 
 void Instance::Describe(size_t bound, const std::vector<std::string>& states) {
