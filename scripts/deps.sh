@@ -7,6 +7,7 @@ KORMO_PACKAGES=(
   default-jdk-headless junit5
   libclamav-dev clamav clamav-daemon clamdscan libmagic-dev zlib1g-dev
   valgrind file python3
+  libssl-dev c-icap libc-icap-mod-virus-scan
 )
 
 kormo_install_deps() {
@@ -29,4 +30,6 @@ kormo_install_packages() {
   # clamav-daemon must not start a system daemon or download signatures here.
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -q --no-install-recommends "${missing[@]}"
   $sudo systemctl disable --now clamav-freshclam clamav-daemon >/dev/null 2>&1 || true
+  # c-icap: the ICAP tests start their own server; no system one on port 1344.
+  $sudo systemctl disable --now c-icap >/dev/null 2>&1 || true
 }
