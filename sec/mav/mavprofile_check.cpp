@@ -75,8 +75,8 @@ Check profileKey(const std::string& tail, const std::string& value) {
         }
         return kKnown;
     }
-    if (!oneOf(tail, {"Active", "Description", "UseReference", "ReferenceProfile",
-                      "ProfileLinkage", "ExceptionOnResult"})) {
+    if (!oneOf(tail, {"Active", "Description", "UseReference", "ReferenceProfile", "ProfileLinkage",
+                      "ExceptionOnResult"})) {
         return kUnknown;
     }
     return valueCheck(tail, value);

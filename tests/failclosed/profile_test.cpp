@@ -178,8 +178,8 @@ TEST_F(FailClosedProfile, IgnoredConfigurationLinesAreTraced) {
     }
     TraceCapture trace(MAV_TRC_WARNING);
     ASSERT_EQ(start(c.text), MAV_OK);
-    for (const char* part : {"key >mav.profile.P.Colour<", "value >True<", "value >01<",
-                             "key >mav.bogus<"}) {
+    for (const char* part :
+         {"key >mav.profile.P.Colour<", "value >True<", "value >01<", "key >mav.bogus<"}) {
         EXPECT_EQ(TraceCapture::CountContaining(part), 1) << part;
     }
     EXPECT_EQ(TraceCapture::CountContaining("Configuration >mav_buffer<"), 4);
