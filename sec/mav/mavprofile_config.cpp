@@ -215,9 +215,15 @@ void MavGroup::getInstance(MavInstance& inst) {
         MavProvider* provider = it->second;
         Note(failed, provider->isFailed());
         if (provider->isActive() && !provider->isFailed()) {
+            size_t before = inst.getCInstances().size();
             provider->getInstance(inst);
-            inst.setParameters(parameters);
-            return;
+            if (inst.getCInstances().size() > before) {
+                inst.setParameters(parameters);
+                return;
+            }
+            // No instance from this provider: the next one of the group stands in.
+            MAV_TRC_W("Provider >%s< of group >%s< gave no scan instance\n", pname.c_str(),
+                      name.c_str());
         }
         inst.setMavHandle(provider->getMavHandle());
     }
@@ -327,6 +333,7 @@ MavInstance* MavProfile::getInstance() {
     tlsLastBuildCyclic = false;
     if (entries.empty()) return nullptr;
     std::unique_ptr<MavInstance> inst(new MavInstance(linkage));
+    inst->profileName = cname != nullptr ? cname : name;
     std::vector<const MavProfile*> path(1, this);
     bool cycle = false;
     walk(*inst, true, path, cycle);

@@ -47,6 +47,11 @@ MAV_LOCAL MAV_RC MavIXFindProfile(const char* profileName, MavProfile** profile)
 // profile that refers to itself.
 MAV_LOCAL bool MavIXLastBuildCyclic();
 
+// Traces at warning level, naming the configuration, every key of
+// mav_properties the runtime does not know and every value it ignores (such
+// as Active=True). Does nothing while the warning level is off.
+MAV_LOCAL void MavIXCheckConfiguration(const char* configName);
+
 // Sets every parameter on one C instance (MavISetConfigValue).
 MAV_LOCAL void MavIXApplyParameters(MAV_INST inst, const std::vector<MavParameter*>& params);
 

@@ -1,9 +1,12 @@
 // mavprofile_instance.cpp - scan instances of profiles and their exceptions.
 //
 // A MavInstance walks its C instances in step order. Linkage 0 stops at the
-// first result that is not clean, linkage 1 at the first clean one; the last
-// result decides otherwise. Only handleReturnCode throws; the C walk
-// (MavIXScanClean) reports codes.
+// first finding, linkage 1 at the first clean result; the last result decides
+// otherwise. "Not scanned" (14) is judged per step: it is accepted (becomes 0)
+// only when every step that returned it accepts it by its own configuration,
+// and an accepted 14 never ends the walk, so a later engine still gets to look.
+// An instance without C instances has no engine and answers 14. The C++ scan
+// throws; the C walk (MavIXScanClean) reports codes.
 #include <cstring>
 #include <new>
 #include <vector>
@@ -48,6 +51,30 @@ bool firstText(MAV_INST inst, bool infection, std::string& out) {
     if (rc == MAV_OK) out.assign(buf, strnlen(buf, size));
     MavIFree(buf);
     return rc == MAV_OK;
+}
+
+// Runs the steps of one walk: scanStep(i) scans the object with step i and
+// returns its code. The combined code, 14 judged as described at the top.
+template <typename ScanStep>
+MAV_RC WalkSteps(const std::vector<MAV_INST>& steps, int32_t linkage, ScanStep scanStep) {
+    MAV_RC rc = MAV_E_NOT_SCANNED;
+    bool accepted = true;  // every 14 so far was accepted by its own step
+    for (size_t i = 0; i < steps.size(); ++i) {
+        rc = scanStep(i);
+        if (rc == MAV_E_NOT_SCANNED) {
+            if (notScannedAccepted(steps[i])) continue;
+            accepted = false;
+        }
+        if (rc != MAV_OK && linkage == 0) return rc;
+        if (rc == MAV_OK && linkage == 1) return MAV_OK;
+    }
+    // Linkage 0 gets here only with clean results and accepted 14s.
+    if (rc == MAV_E_NOT_SCANNED && accepted) return MAV_OK;
+    return rc;
+}
+
+std::string noEngineText(const std::string& profile) {
+    return "Profile >" + profile + "< has no scan engine; the object was not scanned";
 }
 
 }  // namespace
@@ -137,27 +164,25 @@ std::unique_ptr<MavInstance> MavInstance::createInstance(const char* profileName
 
 MAV_RC MavInstance::walk(uint32_t scanCode, const char* fileName, unsigned char* bytes,
                          size_t* length, const char* object, bool alwaysInfo) {
-    MAV_RC rc = MAV_OK;
-    for (size_t i = 0; i < instances.size(); ++i) {
+    if (instances.empty()) {
+        MAV_TRC_E("%s\n", noEngineText(profileName).c_str());
+        handleReturnCode(MAV_E_NOT_SCANNED, object);  // throws: no engine, no verdict
+    }
+    MAV_RC rc = WalkSteps(instances, linkage, [&](size_t i) {
         MAV_INST inst = instances[i];
         MAV_CFG* cfg = cfgOf(inst);
         uint32_t action = cfg != nullptr ? cfg->uiDefaultAction : 0;
         MAV_SCANINFO* info = &scanInfo;
         if (!alwaysInfo && cfg != nullptr && cfg->bNoScanInfo == 1) info = nullptr;
-        if (scanCode == VS_SC_FILE) {
-            rc = MavScanClean(inst, VS_SC_FILE, action, nullptr, fileName, nullptr, nullptr, 0,
-                              info);
-        } else {
-            rc = MavScanClean(inst, VS_SC_BYTES, action, nullptr, object, bytes, length, 0, info);
-        }
         current = static_cast<int32_t>(i);
-        if (rc != MAV_OK && linkage == 0) break;
-        if (rc == MAV_OK && linkage == 1) {
-            handleReturnCode(MAV_OK, object);
-            return MAV_OK;
+        if (scanCode == VS_SC_FILE) {
+            return MavScanClean(inst, VS_SC_FILE, action, nullptr, fileName, nullptr, nullptr, 0,
+                                info);
         }
-    }
-    handleReturnCode(rc, object);
+        return MavScanClean(inst, VS_SC_BYTES, action, nullptr, object, bytes, length, 0, info);
+    });
+    // The walk has judged every 14 already: what is left is raised as it is.
+    if (rc != MAV_OK) raise(rc, object);
     return rc;
 }
 
@@ -188,9 +213,23 @@ MAV_RC MavInstance::scan(const unsigned char* bytes, unsigned long length) {
 
 void MavInstance::handleReturnCode(MAV_RC rc, const char* object) {
     if (rc == MAV_OK) return;
-    MAV_INST inst = (current >= 0 && static_cast<size_t>(current) < instances.size())
-                        ? instances[static_cast<size_t>(current)]
-                        : nullptr;
+    if (rc == MAV_E_NOT_SCANNED) {
+        if (instances.empty()) {
+            throw MavCScanException(rc, noEngineText(profileName).c_str(), object);
+        }
+        if (notScannedAccepted(currentInstance())) return;
+    }
+    raise(rc, object);
+}
+
+MAV_INST MavInstance::currentInstance() const {
+    return (current >= 0 && static_cast<size_t>(current) < instances.size())
+               ? instances[static_cast<size_t>(current)]
+               : nullptr;
+}
+
+void MavInstance::raise(MAV_RC rc, const char* object) {
+    MAV_INST inst = currentInstance();
     std::string text;
     if (rc < 0) {
         if (inst != nullptr && firstText(inst, true, text)) {
@@ -198,7 +237,6 @@ void MavInstance::handleReturnCode(MAV_RC rc, const char* object) {
         }
         throw MavCInfectionException(rc, "Infection", object);
     }
-    if (rc == MAV_E_NOT_SCANNED && notScannedAccepted(inst)) return;
     if (inst != nullptr && firstText(inst, false, text)) {
         throw MavCScanException(rc, text.c_str(), object);
     }
@@ -216,18 +254,13 @@ extern "C" MAV_RC MavIXScanClean(void* mavInstance, uint32_t scanCode, uint32_t 
     mav::MavInstance* mi = static_cast<mav::MavInstance*>(mavInstance);
     if (mi == nullptr) return MAV_E_INVALID_HANDLE;
     const std::vector<MAV_INST>& list = mi->getCInstances();
-    if (list.empty()) return MAV_OK;
-    MAV_RC rc = MAV_OK;
-    for (MAV_INST inst : list) {
-        rc = MavScanClean(inst, scanCode, actionCode, objectNameUtf8, objectName, bytes, length,
-                          jobId, scanInfo);
-        if (rc != MAV_OK && mi->getLinkage() == 0) break;
-        if (rc == MAV_OK && mi->getLinkage() == 1) return MAV_OK;
+    if (list.empty()) {
+        // No provider gave an instance: no engine judged the object.
+        MAV_TRC_E("%s\n", noEngineText(mi->getProfileName()).c_str());
+        return MAV_E_NOT_SCANNED;
     }
-    if (rc != MAV_E_NOT_SCANNED) return rc;
-    int32_t cur = mi->getCurrent();
-    MAV_INST decider = (cur >= 0 && static_cast<size_t>(cur) < list.size())
-                           ? list[static_cast<size_t>(cur)]
-                           : nullptr;
-    return notScannedAccepted(decider) ? MAV_OK : MAV_E_NOT_SCANNED;
+    return WalkSteps(list, mi->getLinkage(), [&](size_t i) {
+        return MavScanClean(list[i], scanCode, actionCode, objectNameUtf8, objectName, bytes,
+                            length, jobId, scanInfo);
+    });
 }

@@ -143,6 +143,7 @@ MAV_API MAV_RC MavStartRuntime(const char* config, size_t length) {
             return MAV_E_NOT_INITIALISED;
         }
         MAV_TRC_ENTRY(">> start >> %s(%s)\n", __func__, shown);
+        MavIXCheckConfiguration(shown);
         buildRuntimeObjects();
     } catch (const std::exception&) {
         // Out of memory half-way: nothing of this start stays.

@@ -80,13 +80,13 @@ TEST_F(RuntimeTest, BuiltInDefaultWithoutAdapterFailsTheProvider) {
     ASSERT_NE(p, nullptr);
     EXPECT_TRUE(p->isFailed());
     EXPECT_FALSE(p->isActive());
-    // The first build finds no usable provider: an empty instance that scans
-    // clean, and the profile is marked failed for every later lookup.
+    // The first build finds no usable provider: an empty instance that never
+    // answers clean, and the profile is marked failed for every later lookup.
     MAV_INST inst = nullptr;
     ASSERT_EQ(MavGetProfileInstance("DEFAULT", &inst), MAV_OK);
     ASSERT_NE(inst, nullptr);
     unsigned char bytes[] = "abc";
-    EXPECT_EQ(MavScanBytes(inst, "b", bytes, 3, 0, nullptr), MAV_OK);
+    EXPECT_EQ(MavScanBytes(inst, "b", bytes, 3, 0, nullptr), MAV_E_NOT_SCANNED);
     EXPECT_EQ(MavFreeInstance(&inst), MAV_OK);
     EXPECT_EQ(MavGetProfileInstance(nullptr, &inst), MAV_E_PROFILE_NOT_VALID);
     EXPECT_EQ(MavGetProfileInstancePointer(nullptr), nullptr);

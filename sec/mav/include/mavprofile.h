@@ -195,8 +195,10 @@ class MAV_CLASS MavParameter {
 
 /* What a profile hands out: C instances in step order plus the linkage rule.
  * linkage 0: the first instance that does not find the object clean decides;
- * linkage 1: the first instance that finds it clean decides. Destroying it
- * returns the C instances to their pools. */
+ * linkage 1: the first instance that finds it clean decides. MAV_E_NOT_SCANNED
+ * is accepted (becomes 0) only when every step that returned it accepts it by
+ * its own configuration, and an accepted one does not end the walk. Destroying
+ * it returns the C instances to their pools. */
 class MAV_CLASS MavInstance {
   public:
     /* Empty instance with the profile's linkage. */
@@ -220,9 +222,12 @@ class MAV_CLASS MavInstance {
      * runtime has no profiles. */
     static std::unique_ptr<MavInstance> createInstance(const char* profileName);
 
-    /* Scans a file through the C instances. Returns 0 for clean (also
-     * MAV_E_NOT_SCANNED when the instance accepts it); throws
-     * MavCInfectionException or MavCScanException otherwise. */
+    /* Scans a file through the C instances. Returns 0 for clean, also when
+     * every step that answered MAV_E_NOT_SCANNED accepts that by its own
+     * configuration (an accepted "not scanned" never ends the walk: the later
+     * steps still run). Throws MavCInfectionException or MavCScanException
+     * otherwise; without C instances (no engine) always MavCScanException with
+     * MAV_E_NOT_SCANNED and a text naming the profile. */
     MAV_RC scan(const char* fileName);
     /* Scans length bytes in memory, results reported under objectName. With the
      * clean action configured the adapter works on a copy, bytes stay as they
@@ -230,9 +235,10 @@ class MAV_CLASS MavInstance {
     MAV_RC scan(const unsigned char* bytes, unsigned long length, const char* objectName);
     /* scan(bytes, length, "profile"). */
     MAV_RC scan(const unsigned char* bytes, unsigned long length);
-    /* Throws for a non-zero rc, with the texts of the C instance that produced
-     * it (first infection or scan error); returns for 0 and for an accepted
-     * MAV_E_NOT_SCANNED. */
+    /* Throws for a non-zero rc, with the texts of the C instance at the
+     * current index (first infection or scan error); returns for 0 and for a
+     * MAV_E_NOT_SCANNED that the current C instance accepts. Without C
+     * instances MAV_E_NOT_SCANNED always throws. */
     void handleReturnCode(MAV_RC rc, const char* object);
 
     /* The C instances in step order. */
@@ -242,16 +248,24 @@ class MAV_CLASS MavInstance {
     int32_t getCurrent() const { return current; }
     /* Summary of the last scan(). */
     const MAV_SCANINFO& getScanInfo() const { return scanInfo; }
+    /* Name of the profile that built the instance (empty when built by hand). */
+    const std::string& getProfileName() const { return profileName; }
 
   private:
+    friend class MavProfile;
+
     MAV_RC walk(uint32_t scanCode, const char* fileName, unsigned char* bytes, size_t* length,
                 const char* object, bool alwaysInfo);
+    MAV_INST currentInstance() const;
+    /* Throws the exception for a non-zero rc, with the current instance's texts. */
+    [[noreturn]] void raise(MAV_RC rc, const char* object);
 
     std::vector<MAV_INST> instances;
     int32_t linkage;
     int32_t current;
     MAV_SCANINFO scanInfo;
     MAV_HANDLE mavHandle;
+    std::string profileName;
 };
 
 /* ---- Providers, groups, profiles --------------------------------------------------- */
@@ -273,7 +287,8 @@ class MAV_CLASS MavProvider {
     void setActive(bool on);
     MAV_HANDLE getMavHandle();
     /* Takes one C instance from the handle into inst and gives it the
-     * provider's parameters; adds nothing on failure. */
+     * provider's parameters; adds nothing on failure (the group then tries its
+     * next provider). */
     void getInstance(MavInstance& inst);
 
     const std::string& getName() const { return name; }
@@ -304,8 +319,9 @@ class MAV_CLASS MavGroup {
 
     /* Appends a provider name. */
     void addProvider(const std::string& name);
-    /* Takes an instance from the first active, not failed provider; each
-     * unusable provider's handle becomes inst's fallback handle. */
+    /* Takes an instance from the first active, not failed provider that can
+     * give one; each provider passed over leaves its handle as inst's fallback
+     * handle. */
     void getInstance(MavInstance& inst);
 
     const std::string& getName() const { return name; }
