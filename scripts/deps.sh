@@ -7,6 +7,7 @@ KORMO_PACKAGES=(
   default-jdk-headless junit5
   libclamav-dev clamav clamav-daemon clamdscan libmagic-dev zlib1g-dev
   valgrind file python3
+  libyara-dev
 )
 
 kormo_install_deps() {
