@@ -48,7 +48,8 @@ bool ListFiles(const std::string& dir, std::vector<RuleFile>* files, std::string
         *error = "The YARA rules directory " + dir + " does not exist (INITDRIVERDIRECTORY).";
         return false;
     }
-    fs::recursive_directory_iterator it(dir, fs::directory_options::follow_directory_symlink, ec);
+    // Links to folders are not followed: a loop would never end.
+    fs::recursive_directory_iterator it(dir, ec);
     for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
         std::error_code fec;
         if (!it->is_regular_file(fec) || !IsRulesFile(it->path())) continue;
