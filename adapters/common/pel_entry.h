@@ -56,8 +56,8 @@ struct Entry {
             return kNoSpace;
         }
     }
-    static int Scan(PEL_INIT* pInit, PEL_CALLBACK* cb, PEL_SCANPARAM* param,
-                    PEL_OPTPARAMS* options, PEL_SCANINFO** ppScanInfo) {
+    static int Scan(PEL_INIT* pInit, PEL_CALLBACK* cb, PEL_SCANPARAM* param, PEL_OPTPARAMS* options,
+                    PEL_SCANINFO** ppScanInfo) {
         return ScanOn<typename A::Owner>(pInit, ppScanInfo, [&](typename A::Owner* owner) {
             return owner->Scan(cb, param, options, ppScanInfo);
         });
@@ -75,27 +75,31 @@ struct Entry {
 
 }  // namespace pelcommon
 
-#define PEL_DEFINE_ENTRY_POINTS(A)                                                           \
-    extern "C" {                                                                             \
-    PEL_EXPORT int PelStartup(void) { return pelcommon::Entry<A>::Startup(); }               \
-    PEL_EXPORT int PelGetConfig(PEL_CONFIG** ppConfig) {                                     \
-        return pelcommon::Entry<A>::GetConfig(ppConfig);                                     \
-    }                                                                                        \
-    PEL_EXPORT int PelInit(PEL_CALLBACK* /*pCallback*/, PEL_INITPARAMS* pInitParams,         \
-                           PEL_INIT** ppInit) {                                              \
-        return pelcommon::Entry<A>::Init(pInitParams, ppInit);                               \
-    }                                                                                        \
-    PEL_EXPORT int PelScan(PEL_INIT* pInit, PEL_CALLBACK* pCallback, PEL_SCANPARAM* pParam,  \
-                           PEL_OPTPARAMS* pOptParams, PEL_SCANINFO** ppScanInfo) {           \
-        return pelcommon::Entry<A>::Scan(pInit, pCallback, pParam, pOptParams, ppScanInfo);  \
-    }                                                                                        \
-    PEL_EXPORT int PelReleaseScan(PEL_SCANINFO** ppScanInfo) {                               \
-        return pelcommon::ReleaseScan(ppScanInfo, A::kResultMark);                           \
-    }                                                                                        \
-    PEL_EXPORT int PelEnd(PEL_INIT** ppInit, PEL_CONFIG** /*ppConfig*/) {                    \
-        return A::Failed().End(ppInit);                                                      \
-    }                                                                                        \
-    PEL_EXPORT int PelCleanup(void) { return pelcommon::Entry<A>::Cleanup(); }               \
+#define PEL_DEFINE_ENTRY_POINTS(A)                                                          \
+    extern "C" {                                                                            \
+    PEL_EXPORT int PelStartup(void) {                                                       \
+        return pelcommon::Entry<A>::Startup();                                              \
+    }                                                                                       \
+    PEL_EXPORT int PelGetConfig(PEL_CONFIG** ppConfig) {                                    \
+        return pelcommon::Entry<A>::GetConfig(ppConfig);                                    \
+    }                                                                                       \
+    PEL_EXPORT int PelInit(PEL_CALLBACK* /*pCallback*/, PEL_INITPARAMS* pInitParams,        \
+                           PEL_INIT** ppInit) {                                             \
+        return pelcommon::Entry<A>::Init(pInitParams, ppInit);                              \
+    }                                                                                       \
+    PEL_EXPORT int PelScan(PEL_INIT* pInit, PEL_CALLBACK* pCallback, PEL_SCANPARAM* pParam, \
+                           PEL_OPTPARAMS* pOptParams, PEL_SCANINFO** ppScanInfo) {          \
+        return pelcommon::Entry<A>::Scan(pInit, pCallback, pParam, pOptParams, ppScanInfo); \
+    }                                                                                       \
+    PEL_EXPORT int PelReleaseScan(PEL_SCANINFO** ppScanInfo) {                              \
+        return pelcommon::ReleaseScan(ppScanInfo, A::kResultMark);                          \
+    }                                                                                       \
+    PEL_EXPORT int PelEnd(PEL_INIT** ppInit, PEL_CONFIG** /*ppConfig*/) {                   \
+        return A::Failed().End(ppInit);                                                     \
+    }                                                                                       \
+    PEL_EXPORT int PelCleanup(void) {                                                       \
+        return pelcommon::Entry<A>::Cleanup();                                              \
+    }                                                                                       \
     }
 
 #endif

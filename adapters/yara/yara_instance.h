@@ -26,7 +26,7 @@ namespace yarapel {
 using namespace pelcommon;
 
 constexpr uint32_t kResultMark = 0x59415253u;  // "YARS"
-constexpr uint32_t kDefaultTimeout = 60;        // seconds per scan (INITTIMEOUT)
+constexpr uint32_t kDefaultTimeout = 60;       // seconds per scan (INITTIMEOUT)
 
 // The rules directory when INITDRIVERDIRECTORY is not set: the environment
 // variable KORMO_YARA_RULES when set and not empty, else /etc/kormomav/yara.

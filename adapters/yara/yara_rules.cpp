@@ -217,6 +217,7 @@ bool RuleSet::Compile(const std::vector<std::string>& texts, std::string* error)
     for (const char* name : kExternalNames) yr_compiler_define_string_variable(compiler, name, "");
     bool ok = true;
     for (size_t i = 0; ok && i < files_.size(); ++i) {
+        if (texts[i].empty()) continue;
         // From the text already read (and hashed), under the file's own name
         // so that messages and relative includes refer to it.
         FILE* f = fmemopen(const_cast<char*>(texts[i].data()), texts[i].size(), "r");
@@ -225,9 +226,8 @@ bool RuleSet::Compile(const std::vector<std::string>& texts, std::string* error)
             ok = false;
             break;
         }
-        int failed = texts[i].empty() ? 0
-                                      : yr_compiler_add_file(compiler, f, files_[i].nameSpace.c_str(),
-                                                             files_[i].path.c_str());
+        int failed =
+            yr_compiler_add_file(compiler, f, files_[i].nameSpace.c_str(), files_[i].path.c_str());
         fclose(f);
         ok = failed == 0;  // the compiler takes no more files after an error
     }
@@ -256,7 +256,8 @@ void RuleSet::LoadCache(const std::string& file) {
 void RuleSet::SaveCache(const std::string& file) const {
     // Written beside and renamed: a reader never sees half a file.
     std::string tmp = file + ".tmp" + std::to_string(getpid());
-    if (yr_rules_save(rules_, tmp.c_str()) == ERROR_SUCCESS && rename(tmp.c_str(), file.c_str()) == 0) {
+    if (yr_rules_save(rules_, tmp.c_str()) == ERROR_SUCCESS &&
+        rename(tmp.c_str(), file.c_str()) == 0) {
         return;
     }
     unlink(tmp.c_str());  // no cache this time; the rules are compiled anyway

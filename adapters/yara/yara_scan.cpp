@@ -43,7 +43,9 @@ std::string RuleName(const YR_RULE* rule) {
 std::string FreeText(const YR_RULE* rule) {
     std::string description, tags, meta;
     const char* tag = nullptr;
-    yr_rule_tags_foreach(rule, tag) { tags += (tags.empty() ? "" : " ") + std::string(tag); }
+    yr_rule_tags_foreach(rule, tag) {
+        tags += (tags.empty() ? "" : " ") + std::string(tag);
+    }
     const YR_META* m = nullptr;
     yr_rule_metas_foreach(rule, m) {
         std::string value = m->type == META_TYPE_STRING    ? std::string(m->string)
@@ -81,13 +83,20 @@ int OnScanEvent(YR_SCAN_CONTEXT* context, int message, void* data, void* user) {
 
 std::string YaraErrorText(int rc) {
     switch (rc) {
-        case ERROR_INSUFFICIENT_MEMORY: return "out of memory";
-        case ERROR_EXEC_STACK_OVERFLOW: return "a rule's condition overflowed the stack";
-        case ERROR_TOO_MANY_RE_FIBERS: return "a regular expression needs too many fibers";
-        case ERROR_INTERNAL_FATAL_ERROR: return "internal error";
-        case ERROR_INVALID_MODULE_DATA: return "invalid module data";
-        case ERROR_BLOCK_NOT_READY: return "data block not ready";
-        default: return "error " + std::to_string(rc);
+        case ERROR_INSUFFICIENT_MEMORY:
+            return "out of memory";
+        case ERROR_EXEC_STACK_OVERFLOW:
+            return "a rule's condition overflowed the stack";
+        case ERROR_TOO_MANY_RE_FIBERS:
+            return "a regular expression needs too many fibers";
+        case ERROR_INTERNAL_FATAL_ERROR:
+            return "internal error";
+        case ERROR_INVALID_MODULE_DATA:
+            return "invalid module data";
+        case ERROR_BLOCK_NOT_READY:
+            return "data block not ready";
+        default:
+            return "error " + std::to_string(rc);
     }
 }
 
@@ -163,8 +172,8 @@ int Instance::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, const PEL
     if (int bad = CheckScanParam(param, &memory); bad != kOk) return bad;
     const std::string name = param->pszObjectName != nullptr ? param->pszObjectName : "";
     const uint64_t limit = ParamNumber(options, VS_P_SCANLIMIT, 0);
-    const uint32_t timeMs = ParamNumber32(options, VS_P_SCANEXTRACT_TIME, 0);
-    const uint32_t timeoutS = timeMs != 0 ? (timeMs + 999) / 1000 : timeoutS_;
+    const uint64_t timeMs = ParamNumber(options, VS_P_SCANEXTRACT_TIME, 0);
+    const uint64_t timeoutS = timeMs != 0 ? (timeMs + 999) / 1000 : timeoutS_;
 
     ObjectFile file;
     Bytes bytes;
@@ -191,7 +200,7 @@ int Instance::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, const PEL
         SetExternals(name, bytes.Data(), bytes.Size(), &mime);
         ScanContext ctx{result.get(), cb, Init(), false, std::string()};
         yr_scanner_set_callback(scanner_, OnScanEvent, &ctx);
-        yr_scanner_set_timeout(scanner_, static_cast<int>(std::min<uint32_t>(timeoutS, INT32_MAX)));
+        yr_scanner_set_timeout(scanner_, static_cast<int>(std::min<uint64_t>(timeoutS, INT32_MAX)));
         static const uint8_t kNothing = 0;
         int r = yr_scanner_scan_mem(scanner_, bytes.Size() != 0 ? bytes.Data() : &kNothing,
                                     bytes.Size());
@@ -204,10 +213,10 @@ int Instance::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, const PEL
                                                   " s (SCANEXTRACT_TIME, INITTIMEOUT)");
         } else if (r == ERROR_TOO_MANY_MATCHES || !ctx.tooMany.empty()) {
             rc = kNotScanned;
-            result->AddScanError(kNotScanned,
-                                 "Not scanned completely: too many matches" +
-                                     (ctx.tooMany.empty() ? std::string()
-                                                          : " of string " + ctx.tooMany));
+            result->AddScanError(
+                kNotScanned,
+                "Not scanned completely: too many matches" +
+                    (ctx.tooMany.empty() ? std::string() : " of string " + ctx.tooMany));
         } else if (r != ERROR_SUCCESS) {
             rc = kScanFailed;
             engineError = "YARA scan of " + name + " failed: " + YaraErrorText(r);

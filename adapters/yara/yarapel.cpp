@@ -141,8 +141,8 @@ struct Adapter {
         g.initList = ParamList(g.initParams, 3);
         g.optList = ParamList(g.optParams, 2);
         g.config = pelcommon::Config(&g.info, PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY, VS_A_SCAN,
-                          VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR, &g.initList,
-                          &g.optList);
+                                     VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR,
+                                     &g.initList, &g.optList);
         g.started = true;
         return kOk;
     }

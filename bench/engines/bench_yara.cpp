@@ -151,8 +151,8 @@ int main(int argc, char** argv) {
 
     std::vector<std::string> direct = {fs::canonical("/proc/self/exe").string(), "direct", rules};
     direct.insert(direct.end(), files.begin(), files.end());
-    const std::vector<std::string> mavscan = {argv[1], "--adapter", argv[2], "-j", "1", "-q",
-                                              corpusDir};
+    const std::vector<std::string> mavscan = {argv[1], "--adapter", argv[2],  "-j",
+                                              "1",     "-q",        corpusDir};
     std::vector<double> t[2];
     for (int r = 0; r < rounds; ++r) {
         for (int k = 0; k < 2; ++k) {
@@ -160,8 +160,8 @@ int main(int argc, char** argv) {
             t[way].push_back(Run(way == 0 ? direct : mavscan));
         }
     }
-    std::printf("%zu files (%.1f MiB), %u rules in %u files, median of %d rounds\n",
-                files.size(), mb, ruleCount, (ruleCount + 24) / 25, rounds);
+    std::printf("%zu files (%.1f MiB), %u rules in %u files, median of %d rounds\n", files.size(),
+                mb, ruleCount, (ruleCount + 24) / 25, rounds);
     std::printf("%-34s %9s %9s %8s\n", "way", "seconds", "MiB/s", "ratio");
     const char* names[2] = {"libyara direct (yr_rules_scan_file)", "mavscan -j1 (YARA adapter)"};
     const double base = Median(t[0]);
