@@ -28,11 +28,21 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The sets in use, by source; a set lives as long as an instance holds it.
-std::mutex gRegistryLock;
-std::map<std::string, std::weak_ptr<RuleSet>>& Registry() {
-    static auto* r = new std::map<std::string, std::weak_ptr<RuleSet>>();
-    return *r;
+// The set in use for one source, and the lock that lets one start compile
+// it while others of the same source wait (and then share it). Starts on
+// other sources do not wait.
+struct Slot {
+    std::mutex compile;
+    std::weak_ptr<RuleSet> set;  // lives as long as an instance holds it
+};
+
+std::shared_ptr<Slot> SlotOf(const std::string& key) {
+    static std::mutex lock;
+    static auto* slots = new std::map<std::string, std::shared_ptr<Slot>>();
+    std::lock_guard<std::mutex> l(lock);
+    std::shared_ptr<Slot>& s = (*slots)[key];
+    if (s == nullptr) s = std::make_shared<Slot>();
+    return s;
 }
 
 bool IsRulesFile(const fs::path& p) {
@@ -41,9 +51,27 @@ bool IsRulesFile(const fs::path& p) {
     return ext == ".yar" || ext == ".yara";
 }
 
+// Fills the size and modification time of f.path; false when it is gone.
+bool Stamp(RuleFile* f) {
+    struct stat st;
+    if (stat(f->path.c_str(), &st) != 0) return false;
+    f->size = static_cast<uint64_t>(st.st_size);
+    f->mtimeNs = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+    return true;
+}
+
 // The rules files under dir in path order, with the namespace of each.
 bool ListFiles(const std::string& dir, std::vector<RuleFile>* files, std::string* error) {
     std::error_code ec;
+    RuleFile one;
+    one.path = dir;
+    if (fs::is_regular_file(dir, ec) && Stamp(&one)) {
+        // One rules file named instead of a directory: that file alone.
+        one.relative = fs::path(dir).filename().string();
+        one.nameSpace = fs::path(dir).stem().string();
+        files->push_back(one);
+        return true;
+    }
     if (!fs::is_directory(dir, ec)) {
         *error = "The YARA rules directory " + dir + " does not exist (INITDRIVERDIRECTORY).";
         return false;
@@ -53,14 +81,10 @@ bool ListFiles(const std::string& dir, std::vector<RuleFile>* files, std::string
     for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
         std::error_code fec;
         if (!it->is_regular_file(fec) || !IsRulesFile(it->path())) continue;
-        struct stat st;
-        if (stat(it->path().c_str(), &st) != 0) continue;  // gone meanwhile
         RuleFile f;
         f.path = it->path().string();
         f.relative = it->path().lexically_relative(dir).string();
-        f.size = static_cast<uint64_t>(st.st_size);
-        f.mtimeNs = static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-        files->push_back(f);
+        if (Stamp(&f)) files->push_back(f);  // else gone meanwhile
     }
     if (ec) {
         *error = "Cannot read the YARA rules directory " + dir + ": " + ec.message();
@@ -164,15 +188,14 @@ std::shared_ptr<RuleSet> RuleSet::Get(const RuleSource& source, std::string* err
     std::vector<RuleFile> files;
     if (!ListFiles(source.directory, &files, error)) return nullptr;
     const std::string key = source.directory + '\0' + source.cacheDir;
-    // One compile at a time: instances of one handle created together share
-    // the first one's set instead of compiling it again.
-    std::lock_guard<std::mutex> l(gRegistryLock);
-    std::shared_ptr<RuleSet> set = Registry()[key].lock();
+    std::shared_ptr<Slot> slot = SlotOf(key);
+    std::lock_guard<std::mutex> l(slot->compile);
+    std::shared_ptr<RuleSet> set = slot->set.lock();
     if (set != nullptr && SameFiles(set->files_, files)) return set;
     set.reset(new RuleSet());
     set->files_ = std::move(files);
     if (!set->Build(source, error)) return nullptr;
-    Registry()[key] = set;
+    slot->set = set;
     return set;
 }
 

@@ -88,8 +88,9 @@ void Instance::Describe() {
     in.pDriver = drivers_.data();
     in.usEngineMajVersion = YR_MAJOR_VERSION;
     in.usEngineMinVersion = YR_MINOR_VERSION;
-    versionText_ = std::string("YARA ") + YR_VERSION + ", " + std::to_string(rules_->RuleCount()) +
-                   " rules, sources " + rules_->SourceHash() +
+    const uint32_t n = rules_->RuleCount();
+    versionText_ = std::string("YARA ") + YR_VERSION + ", " + std::to_string(n) +
+                   (n == 1 ? " rule" : " rules") + ", sources " + rules_->SourceHash() +
                    (rules_->FromCache() ? " (compiled rules from the cache)" : "");
     in.pszEngineVersionText = versionText_.c_str();
     in.utcDate = newest;
