@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # YARA benchmark: builds an optimised tree (build/yara-bench) and runs
-# bench_yara, which times whole runs of `mavscan --adapter libkormoyara.so -j1`
-# against libyara called directly (yr_rules_scan_file, one thread) on the same
-# generated rules and corpus, in rotating order, and prints the medians and
-# their ratio. The load average is printed before and after: the machine may
+# bench_yara, which times whole runs (wall and CPU time) of `mavscan --adapter
+# libkormoyara.so -j1` against libyara called directly (yr_rules_scan_file, one
+# thread) on the same generated rules and corpus, in rotating order, and prints
+# the medians and their ratios. The load average is printed before and after: the machine may
 # be shared, and only ratios from one run count.
 #   scripts/bench-yara.sh [OBJECTS [ROUNDS [RULES]]]
 set -euo pipefail
