@@ -54,8 +54,10 @@ class Instance {
 
     int Fail(int rc, const std::string& text);
     void Describe();
-    // Sets the external variables the rules use for this object.
-    void SetExternals(const std::string& name, const unsigned char* data, size_t size,
+    // Sets the external variables the rules use for this object: a memory
+    // object's bytes, or the file fd (read, not mapped, so that a file cut
+    // short meanwhile gives a short read rather than SIGBUS).
+    void SetExternals(const std::string& name, const unsigned char* data, int fd, size_t size,
                       std::string* mime);
     std::string MimeType(const unsigned char* data, size_t size);
 

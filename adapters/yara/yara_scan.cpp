@@ -8,12 +8,14 @@
  */
 #include <magic.h>
 #include <sys/mman.h>
+#include <unistd.h>
 #include <yara.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <vector>
 
 #include "pel_params.h"
 #include "pel_scan.h"
@@ -128,6 +130,18 @@ class Bytes {
     size_t size_ = 0;
 };
 
+std::string Md5OfFile(int fd) {
+    Md5 m;
+    std::vector<unsigned char> buf(1 << 16);
+    off_t at = 0;
+    ssize_t n;
+    while ((n = pread(fd, buf.data(), buf.size(), at)) > 0) {
+        m.Update(buf.data(), static_cast<size_t>(n));
+        at += n;
+    }
+    return m.HexDigest();
+}
+
 std::string BaseName(const std::string& name) {
     size_t slash = name.find_last_of('/');
     return slash == std::string::npos ? name : name.substr(slash + 1);
@@ -148,7 +162,7 @@ std::string Instance::MimeType(const unsigned char* data, size_t size) {
     return type != nullptr ? type : "";
 }
 
-void Instance::SetExternals(const std::string& name, const unsigned char* data, size_t size,
+void Instance::SetExternals(const std::string& name, const unsigned char* data, int fd, size_t size,
                             std::string* mime) {
     const uint32_t used = rules_->Externals();
     auto set = [&](uint32_t bit, const std::string& value) {
@@ -160,9 +174,14 @@ void Instance::SetExternals(const std::string& name, const unsigned char* data, 
     set(kFilename, BaseName(name));
     set(kFilepath, name);
     set(kExtension, NameExtension(name));
-    if ((used & kFiletype) != 0) *mime = MimeType(data, size);
+    if ((used & kFiletype) != 0) {
+        std::vector<unsigned char> head(fd >= 0 ? std::min(size, kSniffBytes) : 0);
+        ssize_t n = head.empty() ? 0 : pread(fd, head.data(), head.size(), 0);
+        *mime = fd >= 0 ? MimeType(head.data(), n > 0 ? static_cast<size_t>(n) : 0)
+                        : MimeType(data, size);
+    }
     set(kFiletype, *mime);
-    if ((used & kMd5) != 0) set(kMd5, Md5Hex(data, size));
+    if ((used & kMd5) != 0) set(kMd5, fd >= 0 ? Md5OfFile(fd) : Md5Hex(data, size));
 }
 
 int Instance::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, const PEL_OPTPARAMS* options,
@@ -197,7 +216,7 @@ int Instance::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, const PEL
                                               std::to_string(size) + " bytes, limit " +
                                               std::to_string(limit) + " bytes)");
     } else {
-        SetExternals(name, bytes.Data(), bytes.Size(), &mime);
+        SetExternals(name, bytes.Data(), memory ? -1 : file.Fd(), bytes.Size(), &mime);
         ScanContext ctx{result.get(), cb, Init(), false, std::string()};
         yr_scanner_set_callback(scanner_, OnScanEvent, &ctx);
         yr_scanner_set_timeout(scanner_, static_cast<int>(std::min<uint64_t>(timeoutS, INT32_MAX)));
