@@ -8,6 +8,7 @@ KORMO_PACKAGES=(
   libclamav-dev clamav clamav-daemon clamdscan libmagic-dev zlib1g-dev
   valgrind file python3
   libssl-dev c-icap libc-icap-mod-virus-scan
+  libyara-dev
 )
 
 kormo_install_deps() {

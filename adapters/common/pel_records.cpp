@@ -85,18 +85,37 @@ ScanResult* ScanResult::FromInfo(PEL_SCANINFO* info, uint32_t mark) {
     return r != nullptr && r->mark_ == mark ? r : nullptr;
 }
 
+namespace {
+
+// Sends one message when the caller's mask asks for it; false when the
+// handler asked to stop.
+bool Send(const PEL_CALLBACK* cb, void* adapterData, uint32_t message, void* data) {
+    if ((cb->uiMessageMask & message) == 0) return true;
+    return cb->pfnCallback(adapterData, message, data, cb->pvContext) == VS_CALLRC_CONTINUE;
+}
+
+}  // namespace
+
+bool ScanResult::ReportNewInfections(const PEL_CALLBACK* cb, void* adapterData) {
+    if (cb == nullptr || cb->pfnCallback == nullptr) {
+        infectionsReported_ = infections_.size();
+        return true;
+    }
+    while (infectionsReported_ < infections_.size()) {
+        if (!Send(cb, adapterData, VS_M_VIRUS, &infections_[infectionsReported_++])) return false;
+    }
+    return true;
+}
+
 bool ScanResult::Report(const PEL_CALLBACK* cb, void* adapterData,
                         const std::vector<std::string>& objects, const std::string& engineError) {
     if (cb == nullptr || cb->pfnCallback == nullptr) return true;
-    auto send = [&](uint32_t message, void* data) {
-        if ((cb->uiMessageMask & message) == 0) return true;
-        return cb->pfnCallback(adapterData, message, data, cb->pvContext) == VS_CALLRC_CONTINUE;
-    };
+    auto send = [&](uint32_t message, void* data) { return Send(cb, adapterData, message, data); };
     for (const std::string& name : objects) {
         if (!send(VS_M_OBJECTFOUND, const_cast<char*>(name.c_str()))) return false;
     }
-    for (PEL_VIRUSINFO& v : infections_) {
-        if (!send(VS_M_VIRUS, &v)) return false;
+    for (size_t i = infectionsReported_; i < infections_.size(); ++i) {
+        if (!send(VS_M_VIRUS, &infections_[i])) return false;
     }
     if (!engineError.empty() && !send(VS_M_ERROR, const_cast<char*>(engineError.c_str()))) {
         return false;

@@ -70,6 +70,10 @@ class ScanResult {
     // when a handler asked to stop (no further events are sent).
     bool Report(const PEL_CALLBACK* callback, void* adapterData,
                 const std::vector<std::string>& objects, const std::string& engineError);
+    // Sends VS_M_VIRUS for the infections added since the last call, while
+    // the scan still runs; Report then leaves them out. Returns false when a
+    // handler asked to stop.
+    bool ReportNewInfections(const PEL_CALLBACK* callback, void* adapterData);
 
   private:
     char* Keep(const std::string& s);
@@ -82,6 +86,7 @@ class ScanResult {
     bool hasContent_ = false;
     PEL_CONTENTINFO content_;
     std::vector<PEL_VIRUSINFO> infections_;
+    size_t infectionsReported_ = 0;  // infections whose event was sent
     std::vector<PEL_SCANERROR> errors_;
     std::deque<std::string> strings_;
 };

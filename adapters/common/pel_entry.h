@@ -1,0 +1,105 @@
+/*
+ * pel_entry.h - the seven entry points of an adapter whose engine instances
+ * are owner objects behind their PEL_INIT (pel_init.h).
+ *
+ * PEL_DEFINE_ENTRY_POINTS(Adapter) defines them in the including file over a
+ * class that provides:
+ *   using Owner = ...;            Init(), static FromInit(PEL_INIT*) and
+ *                                 Scan(callback, scan param, options, result)
+ *   static int Start();           the global start, idempotent (PelStartup)
+ *   static PEL_CONFIG* Config();  the configuration, once Start succeeded
+ *   static int Create(const PEL_INITPARAMS*, Owner**);  a new engine instance;
+ *                                 *owner is set whenever it returns, the
+ *                                 reason of a failure in its PEL_INIT
+ *   static void Stop();           the global clean-up after the failed
+ *                                 instances are freed (PelCleanup)
+ *   static FailedInits<Owner>& Failed();
+ *   static constexpr uint32_t kResultMark;  the mark of its ScanResult records
+ * An exception thrown by any of them becomes kNoSpace.
+ *
+ * Under the project's licence, not the GPL (see pel_records.h).
+ */
+#ifndef KORMO_PEL_ENTRY_H
+#define KORMO_PEL_ENTRY_H
+
+#include "kormopel.h"
+#include "pel_init.h"
+#include "pel_records.h"
+
+namespace pelcommon {
+
+template <class A>
+struct Entry {
+    static int Startup() {
+        try {
+            return A::Start();
+        } catch (...) {
+            return kNoSpace;
+        }
+    }
+    static int GetConfig(PEL_CONFIG** ppConfig) {
+        if (ppConfig == nullptr) return kNullParam;
+        int rc = Startup();
+        *ppConfig = rc == kOk ? A::Config() : nullptr;
+        return rc;
+    }
+    static int Init(PEL_INITPARAMS* params, PEL_INIT** ppInit) {
+        if (ppInit == nullptr) return kNullParam;
+        *ppInit = nullptr;
+        try {
+            int rc = A::Start();
+            if (rc != kOk) return rc;
+            typename A::Owner* owner = nullptr;
+            rc = A::Create(params, &owner);
+            return owner != nullptr ? A::Failed().HandOut(owner, rc, ppInit) : rc;
+        } catch (...) {
+            return kNoSpace;
+        }
+    }
+    static int Scan(PEL_INIT* pInit, PEL_CALLBACK* cb, PEL_SCANPARAM* param, PEL_OPTPARAMS* options,
+                    PEL_SCANINFO** ppScanInfo) {
+        return ScanOn<typename A::Owner>(pInit, ppScanInfo, [&](typename A::Owner* owner) {
+            return owner->Scan(cb, param, options, ppScanInfo);
+        });
+    }
+    static int Cleanup() {
+        try {
+            A::Failed().Cleanup();
+            A::Stop();
+            return kOk;
+        } catch (...) {
+            return kNoSpace;
+        }
+    }
+};
+
+}  // namespace pelcommon
+
+#define PEL_DEFINE_ENTRY_POINTS(A)                                                          \
+    extern "C" {                                                                            \
+    PEL_EXPORT int PelStartup(void) {                                                       \
+        return pelcommon::Entry<A>::Startup();                                              \
+    }                                                                                       \
+    PEL_EXPORT int PelGetConfig(PEL_CONFIG** ppConfig) {                                    \
+        return pelcommon::Entry<A>::GetConfig(ppConfig);                                    \
+    }                                                                                       \
+    PEL_EXPORT int PelInit(PEL_CALLBACK* /*pCallback*/, PEL_INITPARAMS* pInitParams,        \
+                           PEL_INIT** ppInit) {                                             \
+        return pelcommon::Entry<A>::Init(pInitParams, ppInit);                              \
+    }                                                                                       \
+    PEL_EXPORT int PelScan(PEL_INIT* pInit, PEL_CALLBACK* pCallback, PEL_SCANPARAM* pParam, \
+                           PEL_OPTPARAMS* pOptParams, PEL_SCANINFO** ppScanInfo) {          \
+        return pelcommon::Entry<A>::Scan(pInit, pCallback, pParam, pOptParams, ppScanInfo); \
+    }                                                                                       \
+    PEL_EXPORT int PelReleaseScan(PEL_SCANINFO** ppScanInfo) {                              \
+        return pelcommon::ReleaseScan(ppScanInfo, A::kResultMark);                          \
+    }                                                                                       \
+    PEL_EXPORT int PelEnd(PEL_INIT** ppInit, PEL_CONFIG** /*ppConfig*/) {                   \
+        return A::Failed().End(ppInit);                                                     \
+    }                                                                                       \
+    PEL_EXPORT int PelCleanup(void) {                                                       \
+        return pelcommon::Entry<A>::Cleanup();                                              \
+    }                                                                                       \
+    }
+
+#endif
