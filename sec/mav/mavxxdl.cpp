@@ -71,13 +71,17 @@ MAV_RC MavILoadLib(const KORMO_CHAR* path, MAV_HDL_REC* hdl) {
     int rc = 0;
     if (path != nullptr && path[0] != '\0') {
         MAV_TRC(MAV_TRC_PEL, "Loading adapter: \"%s\"\n", path);
-        if (Open(path, hdl, &rc)) return MAV_OK;
+        // A bare file name is looked for where the adapters are installed
+        // before the loader's path, as the default names are.
+        if (strchr(path, '/') == nullptr ? OpenDefault(path, hdl, &rc) : Open(path, hdl, &rc))
+            return MAV_OK;
     } else {
         const char* env = getenv(kPelLibVar);
         if (env != nullptr && env[0] != '\0' && env[0] != ' ') {
             MAV_TRC(MAV_TRC_PEL, "Loading adapter using environment variable %s: \"%s\"\n",
                     kPelLibVar, env);
-            if (Open(env, hdl, &rc)) return MAV_OK;
+            if (strchr(env, '/') == nullptr ? OpenDefault(env, hdl, &rc) : Open(env, hdl, &rc))
+                return MAV_OK;
         } else {
             // The default names only when neither a path nor the variable is given.
             if (OpenDefault(kDefaultLib1, hdl, &rc)) return MAV_OK;

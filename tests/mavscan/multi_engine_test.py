@@ -25,8 +25,7 @@ class ExampleTest(unittest.TestCase):
                 os.makedirs(os.path.dirname(os.path.join(w, rel)), exist_ok=True)
                 with open(os.path.join(w, rel), "wb") as f:
                     f.write(data)
-            env = dict(os.environ, KORMO_CLAMAV_DATABASE=w + "/db", KORMO_YARA_RULES=w + "/rules",
-                       LD_LIBRARY_PATH=os.path.dirname(os.environ["KORMO_LIB"]))
+            env = dict(os.environ, KORMO_CLAMAV_DATABASE=w + "/db", KORMO_YARA_RULES=w + "/rules")
             p = subprocess.run([os.environ["MAVSCAN"], "--config", SOURCE + "/examples/mav.properties",
                                 w + "/objs"], capture_output=True, env=env, timeout=120)
             self.assertEqual(1, p.returncode, p.stderr.decode())
