@@ -315,6 +315,10 @@ MAV_LOCAL void MavIXForEachHdl(bool (*fn)(MAV_HDL_REC* hdl, void* ctx), void* ct
 MAV_LOCAL int MavILockRegistry(void);
 MAV_LOCAL void MavIUnlockRegistry(void);
 MAV_LOCAL int MavILockHdl(void* hdlOrInst);
+// Locks the handle behind a handle, instance or profile instance and returns
+// it (null: nothing locked). Engine records (pSharedInit, an instance's
+// PEL_INIT) are read only so: a reload or MavFreePool ends them under it.
+MAV_LOCAL MAV_HDL_REC* MavILockOwner(void* p);
 MAV_LOCAL void MavIUnlockHdl(void* hdlOrInst);
 // Handle of a handle, instance or profile instance (its scan instance's).
 MAV_LOCAL MAV_HDL_REC* MavIGetHandle(void* p);

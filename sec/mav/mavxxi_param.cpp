@@ -266,6 +266,12 @@ MAV_RC MavIXCopyParameter(PEL_PARAM* dest, int32_t code, const PEL_PARAM* src, b
     if (IsTextType(src->tType)) {
         // The adapter's length may overstate its string: copy no further than
         // its terminator.
+        // The length is the adapter's word: a value whose buffer (length + 1)
+        // would wrap or cannot exist is refused, not allocated.
+        if (src->lLength >= PTRDIFF_MAX) {
+            MAV_TRC_E("Parameter %d: length %zu from the adapter refused\n", code, src->lLength);
+            return MAV_E_INVALID_PARAM;
+        }
         const char* text = static_cast<const char*>(src->pvValue);
         size_t len = text != nullptr ? strnlen(text, src->lLength) : 0;
         void* old = IsTextType(dest->tType) ? dest->pvValue : nullptr;
@@ -731,7 +737,18 @@ MAV_RC MavIGetPelParameter(void* hdlOrInst, const KORMO_CHAR* name, int set, PEL
     int32_t code = 0;
     MAV_RC rc = HasPrefix(name, "INIT") ? MavIXParseInitParams(name, &code)
                                         : MavIXParseOptParams(name, &code);
-    if (rc != MAV_OK) return rc;
+    if (rc != MAV_OK) {
+        // The caller sees which name was refused in the handle's error list.
+        MAV_HDL_REC* hdl = MavIGetHandle(hdlOrInst);
+        if (hdl != nullptr && MavILockHdl(hdl)) {
+            char text[320];
+            snprintf(text, sizeof text, "The parameter >>>%.256s<<< is unknown or not supported.",
+                     name);
+            MavPAddError(hdl, text, rc);
+            MavIUnlockHdl(hdl);
+        }
+        return rc;
+    }
     MAV_CFG* cfg = nullptr;
     if (set != 0) {
         rc = MavIXAssignHdlToCFG(hdlOrInst, &cfg);

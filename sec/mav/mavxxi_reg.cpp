@@ -103,6 +103,11 @@ int MavILockHdl(void* hdlOrInst) {
     return 1;
 }
 
+MAV_HDL_REC* MavILockOwner(void* p) {
+    MAV_HDL_REC* hdl = MavIGetHandle(p);
+    return hdl != nullptr && MavILockHdl(hdl) ? hdl : nullptr;
+}
+
 void MavIUnlockHdl(void* hdlOrInst) {
     MAV_HDL_REC* hdl = LockTarget(hdlOrInst);
     if (hdl != nullptr && hdl->pCS != nullptr) ThrCSUnlock(hdl->pCS);
