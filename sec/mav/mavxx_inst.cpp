@@ -88,10 +88,14 @@ void HandOut(MAV_HDL_REC* hdl, MAV_INST_REC* inst) {
 }
 
 // Creates an instance and makes it a free pool member (MavLoadPool, reload).
-MAV_RC AddFreePooled(MAV_HDL_REC* hdl, bool setDefaults) {
+// With ownConfig it gets its own configuration, a copy of the handle's values
+// as they are now (never the adapter's defaults: a pool must not undo what
+// the caller set on the handle).
+MAV_RC AddFreePooled(MAV_HDL_REC* hdl, bool ownConfig) {
     MAV_INST_REC* inst = nullptr;
+    MAV_CFG* own = nullptr;
     MAV_RC rc = MavICreateInstance(hdl, &inst);
-    if (rc == MAV_OK && setDefaults) rc = MavISetDefaultConfig(inst);
+    if (rc == MAV_OK && ownConfig) rc = MavIXAssignHdlToCFG(inst, &own);
     if (rc == MAV_OK && !PutInPool(hdl, inst)) rc = MAV_E_NO_SPACE;
     if (rc != MAV_OK) {
         MavIXDiscardInst(&inst);
@@ -103,6 +107,26 @@ MAV_RC AddFreePooled(MAV_HDL_REC* hdl, bool setDefaults) {
     ++hdl->uiPooled;
     ++hdl->uiPoolFree;
     ++hdl->uiInstances;
+    return MAV_OK;
+}
+
+// Copies the parameter values of from over the same entries of to (both
+// built from one PEL_CONFIG; to not yet shared).
+MAV_RC CopyValues(const MAV_CFG* from, MAV_CFG* to) {
+    const PEL_PARAMS* src[2] = {from->pInitParams, from->pOptParams};
+    PEL_PARAMS* dst[2] = {to->pInitParams, to->pOptParams};
+    for (int l = 0; l < 2; ++l) {
+        if (src[l] == nullptr || dst[l] == nullptr || src[l]->pParams == nullptr ||
+            dst[l]->pParams == nullptr)
+            continue;
+        uint16_t n = src[l]->usNumParams < dst[l]->usNumParams ? src[l]->usNumParams
+                                                               : dst[l]->usNumParams;
+        for (uint16_t i = 0; i < n; ++i) {
+            const PEL_PARAM* p = &src[l]->pParams[i];
+            MAV_RC rc = MavIXCopyParameter(&dst[l]->pParams[i], p->tCode, p, l == 0, nullptr);
+            if (rc != MAV_OK) return rc;
+        }
+    }
     return MAV_OK;
 }
 
@@ -268,9 +292,9 @@ MAV_RC MavIXEndPooled(MAV_HDL_REC* hdl, bool lastFirst) {
     return MAV_OK;
 }
 
-MAV_RC MavIXFillPool(MAV_HDL_REC* hdl, bool setDefaults) {
+MAV_RC MavIXFillPool(MAV_HDL_REC* hdl, bool ownConfig) {
     while (hdl->uiPooled < hdl->uiPoolSize) {
-        MAV_RC rc = AddFreePooled(hdl, setDefaults);
+        MAV_RC rc = AddFreePooled(hdl, ownConfig);
         if (rc != MAV_OK) return rc;
     }
     return MAV_OK;
@@ -306,6 +330,8 @@ MAV_RC MavIXAssignHdlToCFG(void* hdlOrInst, MAV_CFG** pcfg) {
     if (rc == MAV_OK && hdl->pPelConfig != nullptr)
         rc = MavIXSetDefaultConfig(hdl->pPelConfig, cfg);
     const MAV_CFG* from = hdl->pCfg;
+    // The copy starts from the handle's values as they are now.
+    if (rc == MAV_OK && from != nullptr) rc = CopyValues(from, cfg);
     if (rc == MAV_OK && from != nullptr) {
         cfg->uiDefaultAction = from->uiDefaultAction;
         cfg->usActionCount = from->usActionCount;
@@ -445,6 +471,12 @@ MAV_RC MavFreeInstance(MAV_INST* pinst) {
             long slot = inst->bPooled ? FindSlot(hdl, inst, hdl->uiPoolSize) : -1;
             if (slot >= 0 && hdl->uiPoolSize >= hdl->uiPooled) {
                 if (inst->bInUse) {
+                    // Back with the handle's configuration: what this user
+                    // set (limits, warnings, actions) must not reach the next.
+                    if (inst->pCfg != hdl->pCfg) {
+                        MavIXFreeCFG(&inst->pCfg);
+                        inst->pCfg = hdl->pCfg;
+                    }
                     inst->bInUse = 0;
                     inst->uiThreadId = MAV_THREAD_NONE;
                     ++hdl->uiPoolFree;

@@ -341,8 +341,9 @@ MAV_LOCAL MAV_RC MavIXEndInst(MAV_HDL_REC* hdl, MAV_INST_REC* inst);
 // when lastFirst); stops at the first failure.
 MAV_LOCAL MAV_RC MavIXEndPooled(MAV_HDL_REC* hdl, bool lastFirst);
 // With the handle locked: creates free pooled instances until uiPooled reaches
-// uiPoolSize, each given the default parameters when setDefaults.
-MAV_LOCAL MAV_RC MavIXFillPool(MAV_HDL_REC* hdl, bool setDefaults);
+// uiPoolSize; with ownConfig each gets its own copy of the handle's current
+// configuration, else reads the handle's.
+MAV_LOCAL MAV_RC MavIXFillPool(MAV_HDL_REC* hdl, bool ownConfig);
 // The configuration a handle or instance reads (no copy made).
 MAV_LOCAL MAV_CFG* MavIGetCfg(void* hdlOrInst);
 
