@@ -333,10 +333,10 @@ MAV_RC MavIXAssignHdlToCFG(void* hdlOrInst, MAV_CFG** pcfg) {
     // The copy starts from the handle's values as they are now.
     if (rc == MAV_OK && from != nullptr) rc = CopyValues(from, cfg);
     if (rc == MAV_OK && from != nullptr) {
-        cfg->uiDefaultAction = from->uiDefaultAction;
+        cfg->uiDefaultAction = MavICfgAction(from);
         cfg->usActionCount = from->usActionCount;
-        cfg->bNoScanInfo = from->bNoScanInfo;
-        cfg->bNotScannedAsWarning = from->bNotScannedAsWarning;
+        cfg->bNoScanInfo = MavICfgFlag(&from->bNoScanInfo);
+        cfg->bNotScannedAsWarning = MavICfgFlag(&from->bNotScannedAsWarning);
         // Each configuration owns its own event registration.
         const MAV_EVENT_REG* reg = from->pAux != nullptr ? from->pAux->pEvents : nullptr;
         if (reg != nullptr) {

@@ -395,7 +395,7 @@ MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
         sp->struct_size = sizeof(PEL_SCANPARAM);
         sp->tScanCode = scanCode;
         sp->tActionCode = actionCode != 0         ? actionCode
-                          : inst->pCfg != nullptr ? inst->pCfg->uiDefaultAction
+                          : inst->pCfg != nullptr ? MavICfgAction(inst->pCfg)
                                                   : MAV_DEFAULT_ACTION;
         sp->uiJobID = jobId;
         sp->pszObjectName = nullptr;
@@ -480,7 +480,7 @@ __attribute__((noinline, cold)) MAV_RC TracedScan(const char* func, void* hdl, u
 // uiDefaultAction of the object's configuration with the clean bit.
 uint32_t CleanAction(void* hdl) {
     MAV_CFG* cfg = MavIGetCfg(hdl);
-    return (cfg != nullptr ? cfg->uiDefaultAction : 0) | VS_A_CLEAN;
+    return (cfg != nullptr ? MavICfgAction(cfg) : 0) | VS_A_CLEAN;
 }
 
 }  // namespace

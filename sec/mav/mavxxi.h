@@ -96,6 +96,21 @@ static_assert(offsetof(MAV_CFG, uiDefaultAction) == 132, "MAV_CFG.uiDefaultActio
 static_assert(offsetof(MAV_CFG, bNoScanInfo) == 136, "MAV_CFG.bNoScanInfo");
 static_assert(offsetof(MAV_CFG, pInitParams) == 144, "MAV_CFG.pInitParams");
 
+// The default action and the two custom flags of a configuration are written
+// under the handle lock and read by scans without it: relaxed atomics.
+inline uint32_t MavICfgAction(const MAV_CFG* cfg) {
+    return __atomic_load_n(&cfg->uiDefaultAction, __ATOMIC_RELAXED);
+}
+inline void MavICfgSetAction(MAV_CFG* cfg, uint32_t action) {
+    __atomic_store_n(&cfg->uiDefaultAction, action, __ATOMIC_RELAXED);
+}
+inline uint8_t MavICfgFlag(const uint8_t* flag) {
+    return __atomic_load_n(flag, __ATOMIC_RELAXED);
+}
+inline void MavICfgSetFlag(uint8_t* flag, bool on) {
+    __atomic_store_n(flag, static_cast<uint8_t>(on ? 1 : 0), __ATOMIC_RELAXED);
+}
+
 // A handle's name.
 struct MAV_HDL_NAME {
     char* pszName;

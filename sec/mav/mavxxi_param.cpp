@@ -118,7 +118,7 @@ MAV_RC StoreText(MAV_CFG* cfg, PEL_PARAM* dest, const char* text, size_t len) {
     if (buf == nullptr) return MAV_E_NO_SPACE;
     if (len > 0) memcpy(buf, text, len);
     buf[len] = '\0';
-    dest->pvValue = buf;
+    __atomic_store_n(&dest->pvValue, static_cast<void*>(buf), __ATOMIC_RELEASE);
     return MAV_OK;
 }
 
@@ -500,10 +500,8 @@ bool IsTrueText(const char* text) {
 MAV_RC SetCustom(MAV_CFG* cfg, int32_t code, const char* text) {
     bool on = IsTrueText(text);
     auto setBit = [cfg, on](uint32_t bit) {
-        if (on)
-            cfg->uiDefaultAction |= bit;
-        else
-            cfg->uiDefaultAction &= ~bit;
+        uint32_t a = MavICfgAction(cfg);
+        MavICfgSetAction(cfg, on ? (a | bit) : (a & ~bit));
     };
     switch (code) {
         case VS_P_CUST_ACTIVE_CONTENT:
@@ -513,10 +511,10 @@ MAV_RC SetCustom(MAV_CFG* cfg, int32_t code, const char* text) {
             setBit(VS_A_CHECK_MIME);
             break;
         case VS_P_CUST_NOT_SCANNED_AS_WARNING:
-            cfg->bNotScannedAsWarning = on ? 1 : 0;
+            MavICfgSetFlag(&cfg->bNotScannedAsWarning, on);
             break;
         case VS_P_CUST_NO_SCANINFO:
-            cfg->bNoScanInfo = on ? 1 : 0;
+            MavICfgSetFlag(&cfg->bNoScanInfo, on);
             break;
         case VS_P_CUST_CLEAN:
             setBit(VS_A_CLEAN);
@@ -614,7 +612,8 @@ MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORM
                 rc = StoreText(cfg, entry, utf8 != nullptr ? utf8 : "", utf8Len);
                 if (rc == MAV_OK) entry->lLength = utf8Len;
             } else {
-                entry->pvValue = slot;
+                // Scans on other instances of the handle may be reading it.
+                __atomic_store_n(&entry->pvValue, slot, __ATOMIC_RELAXED);
             }
         }
     }
@@ -644,7 +643,7 @@ MAV_RC MavISetDefaultValue(void* hdlOrInst, const MAV_PARAM_ID* param) {
         return rc;
     }
     if (IsCustCode(code)) {
-        cfg->uiDefaultAction = MAV_DEFAULT_ACTION;
+        MavICfgSetAction(cfg, MAV_DEFAULT_ACTION);
         if (locked) MavIUnlockHdl(hdl);
         return MAV_OK;
     }
