@@ -228,6 +228,17 @@ MAV_LOCAL MAV_REC_KIND MavIXRecKind(const void* p);
 // still an instance here, so that it can be freed).
 MAV_LOCAL MAV_REC_KIND MavIXRecKindByMarks(const void* p);
 
+// ---- fork (mavxxi_fork.cpp and the lock owners) --------------------------------
+// Every library lock is taken before fork() and released after it in parent
+// and child, in the global order, so a child forked while another thread was
+// inside the library finds no lock held by a thread it does not have.
+MAV_LOCAL void MavIXRecForkLock(void);
+MAV_LOCAL void MavIXRecForkUnlock(void);
+MAV_LOCAL void MavITraceForkLock(void);
+MAV_LOCAL void MavITraceForkUnlock(void);
+MAV_LOCAL void KrnDlForkLock(void);
+MAV_LOCAL void KrnDlForkUnlock(void);
+
 // ---- Codes (mavxxi_codes.cpp) ------------------------------------------------
 // MavErrorName / MavErrorDescription are public.
 

@@ -163,3 +163,11 @@ MAV_REC_KIND MavIXRecKind(const void* p) {
 }
 
 }  // extern "C"
+
+// Fork handlers (mavxxi_fork.cpp): the record pool lock.
+void MavIXRecForkLock(void) {
+    recPoolLock.lock();
+}
+void MavIXRecForkUnlock(void) {
+    recPoolLock.unlock();
+}

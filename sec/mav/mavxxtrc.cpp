@@ -313,3 +313,13 @@ MAV_LOCAL void MavIOpenDefaultTrace(void) {
 }
 
 }  // extern "C"
+
+// Fork handlers (mavxxi_fork.cpp): both sections, in the global order.
+void MavITraceForkLock(void) {
+    MavILockFile();
+    MavILockBuffer();
+}
+void MavITraceForkUnlock(void) {
+    MavIUnlockBuffer();
+    MavIUnlockFile();
+}
