@@ -320,6 +320,7 @@ MAV_RC MavEnd(MAV_HANDLE* phdl) {
         }
         ThrCSUnlock(cs);
         MavIUnlockRegistry();
+        MavIXRecUnpin();  // taken by MavILockHdl; the last record gives the slabs back
     }
     if (freed) *phdl = nullptr;
     MAV_TRC(MAV_TRC_FUNCTION, "<<  end  << %s(mav_hdl=%p)(MAV_RC=%s) \n", __func__,

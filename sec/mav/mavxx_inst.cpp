@@ -443,6 +443,7 @@ MAV_RC MavFreeInstance(MAV_INST* pinst) {
     MAV_REC_KIND kind = MavIXRecKindByMarks(inst);
     if (kind == MAV_REC_PROFILE) {
         MavIXFreeInst(reinterpret_cast<MAV_INST_REC**>(pinst));
+        MavIXRecTrim();  // it may have been the last record
         MAV_TRC_EXIT(rc);
         return rc;
     }

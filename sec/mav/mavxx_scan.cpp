@@ -364,6 +364,8 @@ MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
         return MAV_E_INVALID_HANDLE;
     }
     MAV_INST_REC* inst = static_cast<MAV_INST_REC*>(hdl);
+    // Nothing is read from a pointer that is no record block of the library.
+    if (!MavIXRecOwned(inst)) return MAV_E_INVALID_HANDLE;
     if (IsProfileInstance(inst)) {
         if (inst->pProfileInst == nullptr) return MAV_E_INVALID_HANDLE;
         return MavIXScanClean(inst->pProfileInst, scanCode, actionCode, objectNameUtf8, objectName,

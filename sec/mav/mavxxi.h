@@ -200,14 +200,45 @@ struct MAV_PARAM_ID {
 };
 
 // ---- Records (mavxxi_rec.cpp) --------------------------------------------------
-// Handle and instance records live in cache-line aligned blocks that are
-// recycled, never returned to the allocator: a stale pointer always reads
-// wiped marks and is refused.
+// Handle and instance records live in fixed-size blocks carved from slabs. An
+// ended record's block is wiped and quarantined before reuse; the slabs go
+// back through the free hook when the last record ends. A pointer is read only
+// after MavIXRecOwned found it to be a block of a current slab.
 
-// Alignment and size granule of record blocks: two records never share a
-// cache line nor an adjacent-line prefetch pair, so scans on different
-// instances do not contend.
+// Alignment of record blocks: two records never share a cache line nor an
+// adjacent-line prefetch pair, so scans on different instances do not contend.
 constexpr size_t MAV_REC_LINE = 128;
+// Size of a record block (a multiple of MAV_REC_LINE, a power of two).
+constexpr size_t MAV_REC_BLOCK = 512;
+constexpr size_t MAV_REC_MAX_SLABS = 32;
+
+struct MAV_REC_SLAB {
+    std::atomic<uintptr_t> base;  // first block (0: none)
+    std::atomic<size_t> bytes;    // blocks x MAV_REC_BLOCK
+};
+extern MAV_LOCAL MAV_REC_SLAB mavRecSlabs[MAV_REC_MAX_SLABS];
+extern MAV_LOCAL std::atomic<uint32_t> mavRecSlabCount;
+
+// True when p is the start of a block of a current slab (no lock: the scan
+// path asks it). Slabs are only given back when no record is live, so a
+// caller holding a live record never races with that.
+inline bool MavIXRecOwned(const void* p) {
+    uintptr_t a = reinterpret_cast<uintptr_t>(p);
+    uint32_t n = mavRecSlabCount.load(std::memory_order_acquire);
+    for (uint32_t i = 0; i < n; ++i) {
+        uintptr_t off = a - mavRecSlabs[i].base.load(std::memory_order_relaxed);
+        if (off < mavRecSlabs[i].bytes.load(std::memory_order_relaxed))
+            return (off & (MAV_REC_BLOCK - 1)) == 0;
+    }
+    return false;
+}
+// Gives the slabs back through the free hook when no record is live and no
+// thread is pinned (called after the last MavEnd or record release).
+MAV_LOCAL void MavIXRecTrim(void);
+// A thread about to wait on a handle's critical section pins the slabs (the
+// section lives in one); the last unpin trims.
+MAV_LOCAL void MavIXRecPin(void);
+MAV_LOCAL void MavIXRecUnpin(void);
 
 enum MAV_REC_KIND { MAV_REC_NONE = 0, MAV_REC_HANDLE, MAV_REC_INSTANCE, MAV_REC_PROFILE };
 

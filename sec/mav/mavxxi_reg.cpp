@@ -92,12 +92,18 @@ void MavIUnlockRegistry(void) {
 // Locks the handle of a handle or instance. The marks are checked again once
 // the lock is held, so a handle ended meanwhile is refused (its block, and so
 // its critical section, stays valid).
+// The slabs stay pinned from here to MavIUnlockHdl: the section lives in a
+// record block, which must not go back to the allocator while a thread waits.
 int MavILockHdl(void* hdlOrInst) {
+    MavIXRecPin();
     MAV_HDL_REC* hdl = LockTarget(hdlOrInst);
-    if (hdl == nullptr || hdl->pCS == nullptr) return 0;
-    if (ThrCSLock(hdl->pCS) != THR_RC_OK) return 0;
+    if (hdl == nullptr || hdl->pCS == nullptr || ThrCSLock(hdl->pCS) != THR_RC_OK) {
+        MavIXRecUnpin();
+        return 0;
+    }
     if (MavIXRecKindByMarks(hdl) != MAV_REC_HANDLE) {
         ThrCSUnlock(hdl->pCS);
+        MavIXRecUnpin();
         return 0;
     }
     return 1;
@@ -111,6 +117,7 @@ MAV_HDL_REC* MavILockOwner(void* p) {
 void MavIUnlockHdl(void* hdlOrInst) {
     MAV_HDL_REC* hdl = LockTarget(hdlOrInst);
     if (hdl != nullptr && hdl->pCS != nullptr) ThrCSUnlock(hdl->pCS);
+    MavIXRecUnpin();
 }
 
 // ---- Registry -------------------------------------------------------------------
