@@ -30,6 +30,7 @@ bool StartProcess() {
             ThrSetDllMode(1);
             if (ThrProcInit() != 0) throw std::runtime_error("thread service");
             rscpInit(-1);
+            MavIXRegisterForkHandlers();
             bThrInit.store(1, std::memory_order_release);
         });
     } catch (const std::exception&) {

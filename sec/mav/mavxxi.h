@@ -263,11 +263,19 @@ MAV_LOCAL MAV_REC_KIND MavIXRecKindByMarks(const void* p);
 // Every library lock is taken before fork() and released after it in parent
 // and child, in the global order, so a child forked while another thread was
 // inside the library finds no lock held by a thread it does not have.
+// Registers the handlers once (first MavInit, first trace section use).
+MAV_LOCAL void MavIXRegisterForkHandlers(void);
 MAV_LOCAL void MavIXRecForkLock(void);
 MAV_LOCAL void MavIXRecForkUnlock(void);
 MAV_LOCAL void MavITraceForkLock(void);
 MAV_LOCAL void MavITraceForkUnlock(void);
 MAV_LOCAL void KrnDlForkLock(void);
+// In a child: the recursive locks held across fork() belong to a thread id
+// the child does not have; they are created anew instead of unlocked.
+MAV_LOCAL void MavIXForkRenewCS(THR_CRIT_SEC* cs);
+MAV_LOCAL void MavIXRegForkChild(void);
+MAV_LOCAL void MavITraceForkChild(void);
+MAV_LOCAL void KrnTrcForkChild(void);
 MAV_LOCAL void KrnDlForkUnlock(void);
 
 // ---- Codes (mavxxi_codes.cpp) ------------------------------------------------
@@ -430,6 +438,9 @@ MAV_LOCAL MAV_RC MavIGetPelParameterByIndex(void* hdlOrInst, uint32_t index, PEL
 // gets its own copy, MavIXAssignHdlToCFG).
 MAV_LOCAL MAV_RC MavIGetPelParameter(void* hdlOrInst, const KORMO_CHAR* name, int set,
                                      PEL_PARAM** entry);
+// Adds "The parameter >>>name<<< is unknown or not supported." with rc to the
+// error list of the handle behind hdlOrInst (the caller sees which name).
+MAV_LOCAL void MavIXNoteUnknownName(void* hdlOrInst, const KORMO_CHAR* name, MAV_RC rc);
 // Custom code (-100..-105) of an exact custom name, else 0.
 MAV_LOCAL int32_t MavIXParseCustParam(const KORMO_CHAR* name);
 // Position of an adapter parameter code in cfg's lists (*initList: which

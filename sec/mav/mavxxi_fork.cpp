@@ -4,8 +4,9 @@
 // as it was at the fork, owned by threads the child does not have, and would
 // wait on them forever. So the prepare handler takes every library lock in the
 // global order (registry -> each registered handle -> record pool -> trace
-// file -> trace buffer -> kernel trace, plus the loader table as a leaf), and
-// the parent and child handlers release them in reverse. The forking thread
+// file -> trace buffer -> kernel trace, plus the loader table as a leaf); the
+// parent releases them in reverse, the child releases the plain mutexes and
+// creates the recursive ones anew (they hold the parent thread's id). The forking thread
 // waits for calls holding a lock to leave it (an adapter's PelInit under a
 // handle lock, for instance); PelScan runs without library locks, so scans in
 // progress never delay a fork.
@@ -14,6 +15,9 @@
 // of the set; the child never sees it returned. An adapter's own locks are the
 // adapter's matter.
 #include <pthread.h>
+
+#include <cstring>
+#include <mutex>
 
 #include "krntrc.h"
 #include "mavxxi.h"
@@ -43,7 +47,7 @@ void Prepare() {
     KrnDlForkLock();
 }
 
-void Release() {
+void Parent() {
     KrnDlForkUnlock();
     DpUnlock();
     MavITraceForkUnlock();
@@ -54,8 +58,25 @@ void Release() {
     }
 }
 
-__attribute__((constructor)) void RegisterForkHandlers() {
-    pthread_atfork(Prepare, Release, Release);
+// The plain mutexes (record pool, loader table) are released; the recursive
+// sections remember the parent thread's id and are created anew.
+void Child() {
+    KrnDlForkUnlock();
+    KrnTrcForkChild();
+    MavITraceForkChild();
+    MavIXRecForkUnlock();
+    if (registryHeld) MavIXRegForkChild();
 }
 
+std::once_flag forkOnce;
+
 }  // namespace
+
+void MavIXForkRenewCS(THR_CRIT_SEC* cs) {
+    memset(cs, 0, sizeof *cs);
+    ThrCSInit2(cs);
+}
+
+void MavIXRegisterForkHandlers(void) {
+    std::call_once(forkOnce, [] { pthread_atfork(Prepare, Parent, Child); });
+}

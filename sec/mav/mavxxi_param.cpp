@@ -731,21 +731,23 @@ MAV_RC MavIGetPelParameterByIndex(void* hdlOrInst, uint32_t index, PEL_PARAM** e
     return MAV_OK;
 }
 
+void MavIXNoteUnknownName(void* hdlOrInst, const KORMO_CHAR* name, MAV_RC rc) {
+    MAV_HDL_REC* hdl = MavILockOwner(hdlOrInst);
+    if (hdl == nullptr) return;
+    char text[320];
+    snprintf(text, sizeof text, "The parameter >>>%.256s<<< is unknown or not supported.",
+             name != nullptr ? name : "(null)");
+    MavPAddError(hdl, text, rc);
+    MavIUnlockHdl(hdl);
+}
+
 MAV_RC MavIGetPelParameter(void* hdlOrInst, const KORMO_CHAR* name, int set, PEL_PARAM** entry) {
     if (name == nullptr || entry == nullptr) return MAV_E_NULL_PARAM;
     int32_t code = 0;
     MAV_RC rc = HasPrefix(name, "INIT") ? MavIXParseInitParams(name, &code)
                                         : MavIXParseOptParams(name, &code);
     if (rc != MAV_OK) {
-        // The caller sees which name was refused in the handle's error list.
-        MAV_HDL_REC* hdl = MavIGetHandle(hdlOrInst);
-        if (hdl != nullptr && MavILockHdl(hdl)) {
-            char text[320];
-            snprintf(text, sizeof text, "The parameter >>>%.256s<<< is unknown or not supported.",
-                     name);
-            MavPAddError(hdl, text, rc);
-            MavIUnlockHdl(hdl);
-        }
+        MavIXNoteUnknownName(hdlOrInst, name, rc);
         return rc;
     }
     MAV_CFG* cfg = nullptr;

@@ -306,3 +306,13 @@ MAV_CFG* MavIGetCfg(void* hdlOrInst) {
 }
 
 }  // extern "C"
+
+// Fork handler in a child (mavxxi_fork.cpp): the registry's and every
+// registered handle's section, held by the forking thread, created anew.
+void MavIXRegForkChild(void) {
+    if (mavIPool.iCSRc != THR_RC_OK) return;
+    for (MAV_HDL_NODE* n = mavIPool.pHead; n != nullptr && n->pNext != nullptr; n = n->pNext) {
+        if (n->pHdl->pCS != nullptr) MavIXForkRenewCS(n->pHdl->pCS);
+    }
+    MavIXForkRenewCS(&mavIPool.sCS);
+}

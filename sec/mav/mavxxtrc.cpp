@@ -47,6 +47,7 @@ void MavICreateSections() {
         if (!ThrIsThreaded()) ThrProcInit();
         ThrCSInit2(&trcFileCS);
         ThrCSInit2(&trcBufferCS);
+        MavIXRegisterForkHandlers();
     });
 }
 
@@ -322,4 +323,8 @@ void MavITraceForkLock(void) {
 void MavITraceForkUnlock(void) {
     MavIUnlockBuffer();
     MavIUnlockFile();
+}
+void MavITraceForkChild(void) {
+    MavIXForkRenewCS(&trcBufferCS);
+    MavIXForkRenewCS(&trcFileCS);
 }
