@@ -154,11 +154,10 @@ TEST_F(FailClosedCore, EngineReadersAgainstReloads) {
     ASSERT_EQ(MAV_OK, MavLoadPool(h, 1, 0));
     std::atomic<bool> stop{false};
     std::thread reloader([&] {
-        for (int n = 0; n < 300 && !stop; ++n) MavReload(h);
-        stop = true;
+        while (!stop) MavReload(h);
     });
     int answered = 0;
-    while (!stop) {
+    for (int n = 0; n < 20000; ++n) {
         char text[128];
         size_t len = sizeof text;
         uint32_t version = 0;
@@ -171,6 +170,7 @@ TEST_F(FailClosedCore, EngineReadersAgainstReloads) {
         MavEnumDriverInfo(h, 0, nullptr, text, &len, nullptr, nullptr);
         MavAdapterErrorCode(h);
     }
+    stop = true;
     reloader.join();
     EXPECT_GT(answered, 0);
 }
