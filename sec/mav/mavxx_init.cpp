@@ -174,16 +174,21 @@ MAV_RC MavIXAllocCFG(const PEL_CONFIG* pelCfg, MAV_CFG** pcfg) {
 MAV_RC MavIXFreeCFG(MAV_CFG** pcfg) {
     if (pcfg == nullptr) return MAV_E_NULL_PARAM;
     MAV_CFG* cfg = *pcfg;
-    if (cfg == nullptr) return MAV_OK;
-    MavIXFreeRetired(cfg);
-    FreeParams(&cfg->pInitParams);
-    FreeParams(&cfg->pOptParams);
-    MavIFree(cfg->pCallback);
-    if (cfg->pAux != nullptr) {
-        MavIFree(cfg->pAux->pEvents);
-        MavIFree(cfg->pAux);
+    // The configurations a handle retired are chained to the one replacing
+    // them (second reserved word).
+    while (cfg != nullptr) {
+        MAV_CFG* retired = reinterpret_cast<MAV_CFG*>(cfg->aReserved[1]);
+        MavIXFreeRetired(cfg);
+        FreeParams(&cfg->pInitParams);
+        FreeParams(&cfg->pOptParams);
+        MavIFree(cfg->pCallback);
+        if (cfg->pAux != nullptr) {
+            MavIFree(cfg->pAux->pEvents);
+            MavIFree(cfg->pAux);
+        }
+        MavIFree(cfg);
+        cfg = retired;
     }
-    MavIFree(cfg);
     *pcfg = nullptr;
     return MAV_OK;
 }

@@ -130,6 +130,54 @@ MAV_RC CopyValues(const MAV_CFG* from, MAV_CFG* to) {
     return MAV_OK;
 }
 
+// Calls fn for every instance of the handle (pooled and listed).
+template <typename Fn>
+void ForEachInst(MAV_HDL_REC* hdl, Fn&& fn) {
+    for (size_t i = 0; i < Slots(hdl); ++i) {
+        if (hdl->pPool[i] != nullptr) fn(hdl->pPool[i]);
+    }
+    for (MAV_INST_NODE* n = hdl->pInstList; n != nullptr; n = n->pNext) fn(n->pInst);
+}
+
+// A new configuration holding the handle's current values, flags, callback
+// record and (a copy of) its event registration. With the handle locked.
+MAV_RC CopyHandleCfg(MAV_HDL_REC* hdl, MAV_CFG** out) {
+    MAV_CFG* cfg = nullptr;
+    MAV_RC rc = MavIXAllocCFG(hdl->pPelConfig, &cfg);
+    if (rc == MAV_OK && hdl->pPelConfig != nullptr)
+        rc = MavIXSetDefaultConfig(hdl->pPelConfig, cfg);
+    const MAV_CFG* from = hdl->pCfg;
+    // The copy starts from the handle's values as they are now.
+    if (rc == MAV_OK && from != nullptr) rc = CopyValues(from, cfg);
+    if (rc == MAV_OK && from != nullptr) {
+        cfg->uiDefaultAction = MavICfgAction(from);
+        cfg->usActionCount = from->usActionCount;
+        cfg->bNoScanInfo = MavICfgFlag(&from->bNoScanInfo);
+        cfg->bNotScannedAsWarning = MavICfgFlag(&from->bNotScannedAsWarning);
+        // Each configuration owns its own event registration.
+        const MAV_EVENT_REG* reg = from->pAux != nullptr ? from->pAux->pEvents : nullptr;
+        if (reg != nullptr) {
+            MAV_EVENT_REG* copy = static_cast<MAV_EVENT_REG*>(MavIAlloc(sizeof *copy, true));
+            if (copy == nullptr) {
+                rc = MAV_E_NO_SPACE;
+            } else {
+                memcpy(copy, reg, sizeof *copy);
+                cfg->pAux->pEvents = copy;
+            }
+        }
+        if (rc == MAV_OK && from->pCallback != nullptr) {
+            *cfg->pCallback = *from->pCallback;
+            if (cfg->pCallback->pvContext == from) cfg->pCallback->pvContext = cfg;
+        }
+    }
+    if (rc != MAV_OK) {
+        MavIXFreeCFG(&cfg);
+        return rc;
+    }
+    *out = cfg;
+    return MAV_OK;
+}
+
 }  // namespace
 
 extern "C" {
@@ -326,41 +374,49 @@ MAV_RC MavIXAssignHdlToCFG(void* hdlOrInst, MAV_CFG** pcfg) {
     // Copy on first write; the handle's configuration is read under its lock.
     if (!MavILockHdl(hdl)) return MAV_E_INVALID_HANDLE;
     MAV_CFG* cfg = nullptr;
-    MAV_RC rc = MavIXAllocCFG(hdl->pPelConfig, &cfg);
-    if (rc == MAV_OK && hdl->pPelConfig != nullptr)
-        rc = MavIXSetDefaultConfig(hdl->pPelConfig, cfg);
-    const MAV_CFG* from = hdl->pCfg;
-    // The copy starts from the handle's values as they are now.
-    if (rc == MAV_OK && from != nullptr) rc = CopyValues(from, cfg);
-    if (rc == MAV_OK && from != nullptr) {
-        cfg->uiDefaultAction = MavICfgAction(from);
-        cfg->usActionCount = from->usActionCount;
-        cfg->bNoScanInfo = MavICfgFlag(&from->bNoScanInfo);
-        cfg->bNotScannedAsWarning = MavICfgFlag(&from->bNotScannedAsWarning);
-        // Each configuration owns its own event registration.
-        const MAV_EVENT_REG* reg = from->pAux != nullptr ? from->pAux->pEvents : nullptr;
-        if (reg != nullptr) {
-            MAV_EVENT_REG* copy = static_cast<MAV_EVENT_REG*>(MavIAlloc(sizeof *copy, true));
-            if (copy == nullptr) {
-                rc = MAV_E_NO_SPACE;
-            } else {
-                memcpy(copy, reg, sizeof *copy);
-                cfg->pAux->pEvents = copy;
-            }
-        }
-        if (rc == MAV_OK && from->pCallback != nullptr) {
-            *cfg->pCallback = *from->pCallback;
-            if (cfg->pCallback->pvContext == from) cfg->pCallback->pvContext = cfg;
-        }
-    }
+    MAV_RC rc = CopyHandleCfg(hdl, &cfg);
     MavIUnlockHdl(hdl);
-    if (rc != MAV_OK) {
-        MavIXFreeCFG(&cfg);
-        return rc;
-    }
-    inst->pCfg = cfg;
+    if (rc != MAV_OK) return rc;
+    __atomic_store_n(&inst->pCfg, cfg, __ATOMIC_RELEASE);
     *pcfg = cfg;
     return MAV_OK;
+}
+
+MAV_RC MavIXCfgForChange(void* hdlOrInst, MAV_CFG** pcfg, bool* publish) {
+    *publish = false;
+    if (MavIXRecKind(hdlOrInst) != MAV_REC_HANDLE) return MavIXAssignHdlToCFG(hdlOrInst, pcfg);
+    MAV_HDL_REC* hdl = static_cast<MAV_HDL_REC*>(hdlOrInst);
+    if (hdl->pCfg == nullptr) return MAV_E_NOT_INITIALISED;
+    bool scanning = false;
+    ForEachInst(hdl, [&](MAV_INST_REC* inst) {
+        if (inst->bInUse && inst->pCfg == hdl->pCfg) scanning = true;
+    });
+    if (!scanning) {
+        *pcfg = hdl->pCfg;
+        return MAV_OK;
+    }
+    MAV_RC rc = CopyHandleCfg(hdl, pcfg);
+    *publish = rc == MAV_OK;
+    return rc;
+}
+
+void MavIXPublishCfg(MAV_HDL_REC* hdl, MAV_CFG* shadow) {
+    MAV_CFG* live = hdl->pCfg;
+    // Texts the change replaced in the copy were never visible: freed now.
+    MavIXFreeRetired(shadow);
+    PEL_PARAMS* oldInit = live->pInitParams;
+    PEL_PARAMS* oldOpt = live->pOptParams;
+    __atomic_store_n(&live->pInitParams, shadow->pInitParams, __ATOMIC_RELEASE);
+    __atomic_store_n(&live->pOptParams, shadow->pOptParams, __ATOMIC_RELEASE);
+    MavICfgSetAction(live, MavICfgAction(shadow));
+    MavICfgSetFlag(&live->bNoScanInfo, shadow->bNoScanInfo != 0);
+    MavICfgSetFlag(&live->bNotScannedAsWarning, shadow->bNotScannedAsWarning != 0);
+    // The shadow keeps the old lists (a scan may still read them) and waits on
+    // the live configuration's chain until that is freed.
+    shadow->pInitParams = oldInit;
+    shadow->pOptParams = oldOpt;
+    shadow->aReserved[1] = live->aReserved[1];
+    live->aReserved[1] = reinterpret_cast<size_t>(shadow);
 }
 
 // ---- Public instance calls ----------------------------------------------------------------
@@ -475,8 +531,9 @@ MAV_RC MavFreeInstance(MAV_INST* pinst) {
                     // Back with the handle's configuration: what this user
                     // set (limits, warnings, actions) must not reach the next.
                     if (inst->pCfg != hdl->pCfg) {
-                        MavIXFreeCFG(&inst->pCfg);
-                        inst->pCfg = hdl->pCfg;
+                        MAV_CFG* own = inst->pCfg;
+                        __atomic_store_n(&inst->pCfg, hdl->pCfg, __ATOMIC_RELEASE);
+                        MavIXFreeCFG(&own);
                     }
                     inst->bInUse = 0;
                     inst->uiThreadId = MAV_THREAD_NONE;

@@ -320,7 +320,9 @@ __attribute__((always_inline)) inline MAV_RC ScanInstance(MAV_INST_REC* inst,
     }
 
     MavIXFillScanCallback(inst);
-    PEL_OPTPARAMS* opt = inst->pCfg != nullptr ? inst->pCfg->pOptParams : nullptr;
+    const MAV_CFG* cfg = __atomic_load_n(&inst->pCfg, __ATOMIC_ACQUIRE);
+    PEL_OPTPARAMS* opt = cfg != nullptr ? __atomic_load_n(&cfg->pOptParams, __ATOMIC_ACQUIRE)
+                                        : nullptr;
     PEL_SCANINFO** result = scanInfo != nullptr ? &inst->pScanInfo : nullptr;
     if (__builtin_expect(MavITraceOn(MAV_TRC_PEL), 0)) TraceBeforeScan(inst, opt, result);
     MAV_RC rc = fns->pfnScan(inst->pPelInit, &inst->sCallback, inst->pScanParam, opt, result);
@@ -396,9 +398,10 @@ MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
         PEL_SCANPARAM* sp = inst->pScanParam;
         sp->struct_size = sizeof(PEL_SCANPARAM);
         sp->tScanCode = scanCode;
-        sp->tActionCode = actionCode != 0         ? actionCode
-                          : inst->pCfg != nullptr ? MavICfgAction(inst->pCfg)
-                                                  : MAV_DEFAULT_ACTION;
+        const MAV_CFG* cfg = __atomic_load_n(&inst->pCfg, __ATOMIC_ACQUIRE);
+        sp->tActionCode = actionCode != 0 ? actionCode
+                          : cfg != nullptr ? MavICfgAction(cfg)
+                                           : MAV_DEFAULT_ACTION;
         sp->uiJobID = jobId;
         sp->pszObjectName = nullptr;
         sp->pbByte = nullptr;

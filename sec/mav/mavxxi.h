@@ -409,6 +409,16 @@ MAV_LOCAL MAV_RC MavIXEndPooled(MAV_HDL_REC* hdl, bool lastFirst);
 // uiPoolSize; with ownConfig each gets its own copy of the handle's current
 // configuration, else reads the handle's.
 MAV_LOCAL MAV_RC MavIXFillPool(MAV_HDL_REC* hdl, bool ownConfig);
+// With the handle locked: the configuration a change of hdlOrInst writes to.
+// An instance gets its own (MavIXAssignHdlToCFG). A handle whose configuration
+// a handed-out instance may be scanning with gets a private copy (*publish
+// true): written, then published with MavIXPublishCfg, or freed on failure.
+// Nothing writes to a parameter list an adapter may be reading.
+MAV_LOCAL MAV_RC MavIXCfgForChange(void* hdlOrInst, MAV_CFG** cfg, bool* publish);
+// With the handle locked: the handle's configuration (same record) takes the
+// copy's parameter lists and flags; the old lists are retired on its chain
+// (second reserved word) and freed with it, since a scan may still read them.
+MAV_LOCAL void MavIXPublishCfg(MAV_HDL_REC* hdl, MAV_CFG* shadow);
 // The configuration a handle or instance reads (no copy made).
 MAV_LOCAL MAV_CFG* MavIGetCfg(void* hdlOrInst);
 
@@ -456,7 +466,7 @@ MAV_LOCAL VS_CALLRC MavPXCallback(void* adapterData, uint32_t message, void* dat
 // mask, context = the instance); the scan calls it just before PelScan.
 inline void MavIXFillScanCallback(MAV_INST_REC* inst) {
     PEL_CALLBACK* cb = &inst->sCallback;
-    const MAV_CFG* cfg = inst->pCfg;
+    const MAV_CFG* cfg = __atomic_load_n(&inst->pCfg, __ATOMIC_ACQUIRE);
     const MAV_EVENT_REG* reg = nullptr;
     if (cfg != nullptr && cfg->pAux != nullptr)
         reg = __atomic_load_n(&cfg->pAux->pEvents, __ATOMIC_ACQUIRE);

@@ -376,14 +376,33 @@ MAV_RC MavIGetConfig(const PEL_CONFIG* pelCfg, MAV_CFG** cfg) {
     return MAV_OK;
 }
 
+namespace {
+
+// Ends a change begun with MavIXCfgForChange: a private copy is published
+// when the change succeeded, else freed.
+MAV_RC FinishChange(MAV_HDL_REC* hdl, MAV_CFG* cfg, bool publish, MAV_RC rc) {
+    if (publish) {
+        if (rc == MAV_OK) {
+            MavIXPublishCfg(hdl, cfg);
+        } else {
+            MavIXFreeCFG(&cfg);
+        }
+    }
+    return rc;
+}
+
+}  // namespace
+
 MAV_RC MavISetDefaultConfig(void* hdlOrInst) {
     MAV_HDL_REC* hdl = MavIGetHandle(hdlOrInst);
     if (hdl == nullptr) return MAV_E_INVALID_HANDLE;
     if (hdl->pPelConfig == nullptr) return MAV_E_NOT_INITIALISED;
     MAV_CFG* cfg = nullptr;
     int locked = MavILockHdl(hdl);
-    MAV_RC rc = MavIXAssignHdlToCFG(hdlOrInst, &cfg);
+    bool publish = false;
+    MAV_RC rc = MavIXCfgForChange(hdlOrInst, &cfg, &publish);
     if (rc == MAV_OK) rc = MavIXSetDefaultConfig(hdl->pPelConfig, cfg);
+    rc = FinishChange(hdl, cfg, publish, rc);
     if (locked) MavIUnlockHdl(hdl);
     return rc;
 }
@@ -541,8 +560,10 @@ MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORM
     if (IsCustCode(param->tCode)) {
         int locked = MavILockHdl(hdl);
         MAV_CFG* cfg = nullptr;
-        MAV_RC rc = MavIXAssignHdlToCFG(hdlOrInst, &cfg);
+        bool publish = false;
+        MAV_RC rc = MavIXCfgForChange(hdlOrInst, &cfg, &publish);
         if (rc == MAV_OK) rc = SetCustom(cfg, param->tCode, text);
+        rc = FinishChange(hdl, cfg, publish, rc);
         if (locked) MavIUnlockHdl(hdl);
         if (rc == MAV_OK)
             MAV_TRC(MAV_TRC_PARAM, "Parameter %s was set with value %s\n", name,
@@ -600,7 +621,8 @@ MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORM
 
     int locked = MavILockHdl(hdl);
     MAV_CFG* cfg = nullptr;
-    MAV_RC rc = MavIXAssignHdlToCFG(hdlOrInst, &cfg);
+    bool publish = false;
+    MAV_RC rc = MavIXCfgForChange(hdlOrInst, &cfg, &publish);
     if (rc == MAV_OK) {
         int widx = MavIXParamIndex(cfg, param->tCode, &initList);
         PEL_PARAMS* list = initList ? cfg->pInitParams : cfg->pOptParams;
@@ -616,6 +638,7 @@ MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORM
                 __atomic_store_n(&entry->pvValue, slot, __ATOMIC_RELAXED);
             }
         }
+        rc = FinishChange(hdl, cfg, publish, rc);
     }
     if (locked) MavIUnlockHdl(hdl);
     MavIFree(utf8);
@@ -623,28 +646,13 @@ MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORM
     return rc;
 }
 
-MAV_RC MavISetDefaultValue(void* hdlOrInst, const MAV_PARAM_ID* param) {
-    if (param == nullptr) {
-        MAV_TRC_E("Null parameter for TCODE in SetDefaultValue passed");
-        return MAV_E_NULL_PARAM;
-    }
-    MAV_HDL_REC* hdl = MavIGetHandle(hdlOrInst);
-    if (hdl == nullptr) return MAV_E_INVALID_HANDLE;
-    const PEL_CONFIG* pelCfg = hdl->pPelConfig;
-    if (pelCfg == nullptr) return MAV_E_NOT_INITIALISED;
-    int32_t code = param->tCode;
-    const char* name = MavIXGetPelParamName(code);
+namespace {
 
-    int locked = MavILockHdl(hdl);
-    MAV_CFG* cfg = nullptr;
-    MAV_RC rc = MavIXAssignHdlToCFG(hdlOrInst, &cfg);
-    if (rc != MAV_OK) {
-        if (locked) MavIUnlockHdl(hdl);
-        return rc;
-    }
+// MavISetDefaultValue's change of one entry of cfg (handle locked).
+MAV_RC SetDefaultIn(const PEL_CONFIG* pelCfg, MAV_CFG* cfg, int32_t code) {
+    const char* name = MavIXGetPelParamName(code);
     if (IsCustCode(code)) {
         MavICfgSetAction(cfg, MAV_DEFAULT_ACTION);
-        if (locked) MavIUnlockHdl(hdl);
         return MAV_OK;
     }
     bool initList = false;
@@ -660,7 +668,6 @@ MAV_RC MavISetDefaultValue(void* hdlOrInst, const MAV_PARAM_ID* param) {
         MAV_TRC(MAV_TRC_PARAM, "Optional block parameter %s will be set with its default value\n",
                 name);
     } else {
-        if (locked) MavIUnlockHdl(hdl);
         MAV_TRC_W("Warning: Parameter with tCode(%d) is unknown\n", code);
         return MAV_E_PARAM_UNSUPPORTED;
     }
@@ -668,11 +675,29 @@ MAV_RC MavISetDefaultValue(void* hdlOrInst, const MAV_PARAM_ID* param) {
     const PEL_PARAMS* src = initList ? pelCfg->pInitParams : pelCfg->pOptParams;
     PEL_PARAMS* dst = initList ? cfg->pInitParams : cfg->pOptParams;
     if (idx < 0 || src == nullptr || src->pParams == nullptr || idx >= src->usNumParams) {
-        if (locked) MavIUnlockHdl(hdl);
         MAV_TRC_E("Parameter %s is not supported by this PEL\n", name);
         return MAV_E_PARAM_UNSUPPORTED;
     }
-    rc = MavIXCopyParameter(&dst->pParams[idx], code, &src->pParams[idx], initList, cfg);
+    return MavIXCopyParameter(&dst->pParams[idx], code, &src->pParams[idx], initList, cfg);
+}
+
+}  // namespace
+
+MAV_RC MavISetDefaultValue(void* hdlOrInst, const MAV_PARAM_ID* param) {
+    if (param == nullptr) {
+        MAV_TRC_E("Null parameter for TCODE in SetDefaultValue passed");
+        return MAV_E_NULL_PARAM;
+    }
+    MAV_HDL_REC* hdl = MavIGetHandle(hdlOrInst);
+    if (hdl == nullptr) return MAV_E_INVALID_HANDLE;
+    const PEL_CONFIG* pelCfg = hdl->pPelConfig;
+    if (pelCfg == nullptr) return MAV_E_NOT_INITIALISED;
+
+    int locked = MavILockHdl(hdl);
+    MAV_CFG* cfg = nullptr;
+    bool publish = false;
+    MAV_RC rc = MavIXCfgForChange(hdlOrInst, &cfg, &publish);
+    if (rc == MAV_OK) rc = FinishChange(hdl, cfg, publish, SetDefaultIn(pelCfg, cfg, param->tCode));
     if (locked) MavIUnlockHdl(hdl);
     return rc;
 }

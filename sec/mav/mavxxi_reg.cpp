@@ -299,10 +299,10 @@ MAV_HANDLE MavGetHandle(void* hdl) {
 
 MAV_CFG* MavIGetCfg(void* hdlOrInst) {
     if (MavIXRecKind(hdlOrInst) == MAV_REC_HANDLE) {
-        return static_cast<MAV_HDL_REC*>(hdlOrInst)->pCfg;
+        return __atomic_load_n(&static_cast<MAV_HDL_REC*>(hdlOrInst)->pCfg, __ATOMIC_ACQUIRE);
     }
     MAV_INST_REC* inst = MavIGetInst(hdlOrInst);
-    return inst != nullptr ? inst->pCfg : nullptr;
+    return inst != nullptr ? __atomic_load_n(&inst->pCfg, __ATOMIC_ACQUIRE) : nullptr;
 }
 
 }  // extern "C"
