@@ -550,7 +550,9 @@ bool IsCustCode(int32_t code) {
 
 }  // namespace
 
-MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORMO_CHAR* text) {
+namespace {
+
+MAV_RC SetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORMO_CHAR* text) {
     if (param == nullptr) return MAV_E_NULL_PARAM;
     MAV_HDL_REC* hdl = MavIGetHandle(hdlOrInst);
     MAV_CFG* readCfg = MavIGetCfg(hdlOrInst);
@@ -643,6 +645,18 @@ MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORM
     if (locked) MavIUnlockHdl(hdl);
     MavIFree(utf8);
     if (rc == MAV_OK) MAV_TRC(MAV_TRC_PARAM, "Parameter %s was set with value %s\n", name, text);
+    return rc;
+}
+
+}  // namespace
+
+// The whole change runs under the handle lock: the checks read the lists a
+// concurrent change may replace.
+MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORMO_CHAR* text) {
+    MAV_HDL_REC* hdl = MavIGetHandle(hdlOrInst);
+    int locked = hdl != nullptr ? MavILockHdl(hdl) : 0;
+    MAV_RC rc = SetConfigValue(hdlOrInst, param, text);
+    if (locked) MavIUnlockHdl(hdl);
     return rc;
 }
 
