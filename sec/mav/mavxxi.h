@@ -7,6 +7,8 @@
 //
 // Global lock order (never taken the other way round):
 //   registry -> handle -> record pool -> trace file -> trace buffer -> kernel trace
+//   (the kernel's loader table is a leaf). The fork handlers take them all in
+//   this order (mavxxi_fork.cpp).
 // Adapter entry points are called with at most the registry and handle locks
 // held; PelScan is called with no lock held.
 #ifndef MAVXXI_H
