@@ -319,8 +319,8 @@ __attribute__((always_inline)) inline MAV_RC ScanInstance(MAV_INST_REC* inst,
         inst->pScanInfo = nullptr;
     }
 
-    MavIXFillScanCallback(inst);
     const MAV_CFG* cfg = __atomic_load_n(&inst->pCfg, __ATOMIC_ACQUIRE);
+    MavIXFillScanCallback(inst, cfg);
     PEL_OPTPARAMS* opt = cfg != nullptr ? __atomic_load_n(&cfg->pOptParams, __ATOMIC_ACQUIRE)
                                         : nullptr;
     PEL_SCANINFO** result = scanInfo != nullptr ? &inst->pScanInfo : nullptr;

@@ -224,15 +224,15 @@ extern MAV_LOCAL std::atomic<uint32_t> mavRecSlabCount;
 // True when p is the start of a block of a current slab (no lock: the scan
 // path asks it). Slabs are only given back when no record is live, so a
 // caller holding a live record never races with that.
+// The first slab is checked inline (it holds the first records of a process);
+// the others out of line.
+MAV_LOCAL bool MavIXRecOwnedSlow(const void* p);
 inline bool MavIXRecOwned(const void* p) {
-    uintptr_t a = reinterpret_cast<uintptr_t>(p);
-    uint32_t n = mavRecSlabCount.load(std::memory_order_acquire);
-    for (uint32_t i = 0; i < n; ++i) {
-        uintptr_t off = a - mavRecSlabs[i].base.load(std::memory_order_relaxed);
-        if (off < mavRecSlabs[i].bytes.load(std::memory_order_relaxed))
-            return (off & (MAV_REC_BLOCK - 1)) == 0;
-    }
-    return false;
+    uintptr_t off = reinterpret_cast<uintptr_t>(p) -
+                    mavRecSlabs[0].base.load(std::memory_order_relaxed);
+    if (__builtin_expect(off < mavRecSlabs[0].bytes.load(std::memory_order_acquire), 1))
+        return (off & (MAV_REC_BLOCK - 1)) == 0;
+    return MavIXRecOwnedSlow(p);
 }
 // Gives the slabs back through the free hook when no record is live and no
 // thread is pinned (called after the last MavEnd or record release).
@@ -466,9 +466,9 @@ MAV_LOCAL VS_CALLRC MavPXCallback(void* adapterData, uint32_t message, void* dat
                                   void* context);
 // Fills inst->sCallback from its configuration's registration (function,
 // mask, context = the instance); the scan calls it just before PelScan.
-inline void MavIXFillScanCallback(MAV_INST_REC* inst) {
+// cfg: the instance's configuration as the scan read it.
+inline void MavIXFillScanCallback(MAV_INST_REC* inst, const MAV_CFG* cfg) {
     PEL_CALLBACK* cb = &inst->sCallback;
-    const MAV_CFG* cfg = __atomic_load_n(&inst->pCfg, __ATOMIC_ACQUIRE);
     const MAV_EVENT_REG* reg = nullptr;
     if (cfg != nullptr && cfg->pAux != nullptr)
         reg = __atomic_load_n(&cfg->pAux->pEvents, __ATOMIC_ACQUIRE);

@@ -109,8 +109,9 @@ bool AddSlab() {
     uintptr_t a = (reinterpret_cast<uintptr_t>(raw) + MAV_REC_LINE - 1) &
                   ~static_cast<uintptr_t>(MAV_REC_LINE - 1);
     slabRaw[count] = raw;
+    // Base before size: a reader that sees the size sees the base.
     mavRecSlabs[count].base.store(a, std::memory_order_relaxed);
-    mavRecSlabs[count].bytes.store(bytes, std::memory_order_relaxed);
+    mavRecSlabs[count].bytes.store(bytes, std::memory_order_release);
     mavRecSlabCount.store(count + 1, std::memory_order_release);
     return true;
 }
@@ -157,8 +158,8 @@ void TrimLocked() {
             // handle records write there).
             ThrCSDelete(reinterpret_cast<THR_CRIT_SEC*>(base + off + kHdlCsOff));
         }
+        mavRecSlabs[i].bytes.store(0, std::memory_order_release);
         mavRecSlabs[i].base.store(0, std::memory_order_relaxed);
-        mavRecSlabs[i].bytes.store(0, std::memory_order_relaxed);
         MavIFree(slabRaw[i]);
         slabRaw[i] = nullptr;
     }
@@ -245,6 +246,17 @@ void MavIXRecPin(void) {
 
 void MavIXRecUnpin(void) {
     if (pins.fetch_sub(1, std::memory_order_acq_rel) == 1) MavIXRecTrim();
+}
+
+bool MavIXRecOwnedSlow(const void* p) {
+    uintptr_t a = reinterpret_cast<uintptr_t>(p);
+    uint32_t n = mavRecSlabCount.load(std::memory_order_acquire);
+    for (uint32_t i = 1; i < n; ++i) {
+        uintptr_t off = a - mavRecSlabs[i].base.load(std::memory_order_relaxed);
+        if (off < mavRecSlabs[i].bytes.load(std::memory_order_acquire))
+            return (off & (MAV_REC_BLOCK - 1)) == 0;
+    }
+    return false;
 }
 
 MAV_REC_KIND MavIXRecKindByMarks(const void* p) {
