@@ -731,13 +731,15 @@ void MavIXFreeRetired(MAV_CFG* cfg) {
 // ---- Lookups on a handle or instance ---------------------------------------------------
 
 uint32_t MavIXGetParamNum(void* hdlOrInst) {
-    MAV_CFG* cfg = MavIGetCfg(hdlOrInst);
-    if (cfg == nullptr) return 0;
+    // Under the handle lock: a change may replace the lists.
+    MAV_HDL_REC* owner = MavILockOwner(hdlOrInst);
+    MAV_CFG* cfg = owner != nullptr ? MavIGetCfg(hdlOrInst) : nullptr;
     uint32_t n = 0;
-    if (cfg->pInitParams != nullptr && cfg->pInitParams->pParams != nullptr)
+    if (cfg != nullptr && cfg->pInitParams != nullptr && cfg->pInitParams->pParams != nullptr)
         n += cfg->pInitParams->usNumParams;
-    if (cfg->pOptParams != nullptr && cfg->pOptParams->pParams != nullptr)
+    if (cfg != nullptr && cfg->pOptParams != nullptr && cfg->pOptParams->pParams != nullptr)
         n += cfg->pOptParams->usNumParams;
+    if (owner != nullptr) MavIUnlockHdl(owner);
     return n;
 }
 
