@@ -63,7 +63,7 @@ size_t sessions = 0;               // times the slabs went back
 void* queueHead = nullptr;         // oldest ended block
 void* queueTail = nullptr;
 size_t queued = 0;
-size_t liveRecords = 0;
+std::atomic<size_t> liveRecords{0};  // written under the lock
 std::atomic<uint32_t> pins{0};  // threads inside MavILockHdl/MavIUnlockHdl
 
 char* At(const void* p, size_t off) {
@@ -139,14 +139,16 @@ void* TakeBlock() {
         block = reinterpret_cast<void*>(
             mavRecSlabs[carveSlab].base.load(std::memory_order_relaxed) + index * kBlock);
     }
-    ++liveRecords;
+    liveRecords.fetch_add(1, std::memory_order_relaxed);
     return block;
 }
 
 // With the lock held: gives the slabs back when no record is live and no
 // thread is inside a handle lock call.
 void TrimLocked() {
-    if (liveRecords != 0 || pins.load(std::memory_order_acquire) != 0) return;
+    if (liveRecords.load(std::memory_order_relaxed) != 0 ||
+        pins.load(std::memory_order_acquire) != 0)
+        return;
     uint32_t count = mavRecSlabCount.load(std::memory_order_relaxed);
     if (count == 0) return;
     mavRecSlabCount.store(0, std::memory_order_release);
@@ -232,7 +234,7 @@ void MavIXFreeRec(void* rec) {
     }
     queueTail = rec;
     ++queued;
-    --liveRecords;
+    liveRecords.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void MavIXRecTrim(void) {
@@ -245,7 +247,10 @@ void MavIXRecPin(void) {
 }
 
 void MavIXRecUnpin(void) {
-    if (pins.fetch_sub(1, std::memory_order_acq_rel) == 1) MavIXRecTrim();
+    // Only the last thread out while no record is live takes the lock.
+    if (pins.fetch_sub(1, std::memory_order_acq_rel) == 1 &&
+        liveRecords.load(std::memory_order_relaxed) == 0)
+        MavIXRecTrim();
 }
 
 bool MavIXRecOwnedSlow(const void* p) {
