@@ -118,3 +118,12 @@ void ErrClear(void) {
 }
 
 }  // extern "C"
+
+// Held across fork() by the library's fork handlers (sec/mav/mavxxi_fork.cpp),
+// so a child never inherits the table lock taken by a thread it lost.
+extern "C" __attribute__((visibility("hidden"))) void KrnDlForkLock(void) {
+    dlTableLock.lock();
+}
+extern "C" __attribute__((visibility("hidden"))) void KrnDlForkUnlock(void) {
+    dlTableLock.unlock();
+}

@@ -138,3 +138,14 @@ void DpTrcErrA7(const char* format, ...) {
 }
 
 }  // extern "C"
+
+// The library's fork handler in a child: the lock was held across fork() by
+// the parent's thread, whose id the child's thread does not have (a recursive
+// mutex refuses an unlock from another id), so it is created anew.
+extern "C" __attribute__((visibility("hidden"))) void KrnTrcForkChild(void) {
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(&trcLock, &attr);
+    pthread_mutexattr_destroy(&attr);
+}

@@ -855,6 +855,12 @@ void tpel_add_param(int initList, int32_t code, int32_t type, const char* value)
     s.params[initList ? 1 : 0].push_back(std::move(p));
 }
 
+void tpel_set_last_param_length(int initList, size_t length) {
+    TPEL_LOCKED;
+    std::vector<Param>& list = s.params[initList ? 1 : 0];
+    if (!list.empty()) list.back().length = length;
+}
+
 void tpel_fail(int entry, int rc, const char* vendorText) {
     if (entry < 0 || entry >= TPEL_ENTRY_COUNT) return;
     TPEL_LOCKED;

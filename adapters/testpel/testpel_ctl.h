@@ -62,6 +62,9 @@ void tpel_set_null_param_lists(int on);
  * value: the text of a CHAR/OBJECT value, else a decimal number stored in the
  * value slot (null: 0). Any code and type are accepted (unknown ones too). */
 void tpel_add_param(int initList, int32_t code, int32_t type, const char* value);
+/* Overrides the length the adapter reports for the last parameter added to
+ * that list (a hostile adapter: the length need not match the value). */
+void tpel_set_last_param_length(int initList, size_t length);
 
 /* ---- Failure injection ------------------------------------------------------- */
 /* From now on the entry point returns rc (0 turns the failure off). For

@@ -245,7 +245,7 @@ VS_CALLRC MavPXCallback(void* adapterData, uint32_t message, void* data, void* c
     MAV_INST_REC* inst = static_cast<MAV_INST_REC*>(context);
     if (inst == nullptr || inst->struct_size != MAV_INST_SIZE ||
         inst->uiHeadMark != MAV_INST_HEAD || inst->uiTailMark != MAV_INST_TAIL ||
-        inst->pCfg == nullptr) {
+        __atomic_load_n(&inst->pCfg, __ATOMIC_ACQUIRE) == nullptr) {
         MAV_TRC_E("Cound not get instance configuration\n");
         return 1;
     }
@@ -258,7 +258,7 @@ VS_CALLRC MavPXCallback(void* adapterData, uint32_t message, void* data, void* c
     MAV_EVENT_HANDLER single = nullptr;
     MAV_EVENT_FN fn = nullptr;
     void* userData = nullptr;
-    const MAV_CFG_AUX* aux = inst->pCfg->pAux;
+    const MAV_CFG_AUX* aux = __atomic_load_n(&inst->pCfg, __ATOMIC_ACQUIRE)->pAux;
     MAV_EVENT_REG* reg =
         aux != nullptr ? __atomic_load_n(&aux->pEvents, __ATOMIC_ACQUIRE) : nullptr;
     if (reg != nullptr) {

@@ -77,12 +77,19 @@ MAV_RC OnAdapterInfo(void* hdl, const char* func, Read&& read) {
 template <typename Read>
 MAV_RC OnEngine(void* hdl, const char* func, const uint32_t* index, Read&& read) {
     return OnConfiguredHandle(hdl, func, index, [&](MAV_HDL_REC* h, MAV_RC* rc) {
-        const PEL_INIT* init = EngineOf(hdl, h);
+        // Copied out under the handle lock: a reload on another thread ends
+        // the engine record under it.
+        if (!MavILockHdl(h)) {
+            *rc = MAV_E_INVALID_HANDLE;
+            return;
+        }
+        const PEL_INIT* init = MavIGetHandle(hdl) == h ? EngineOf(hdl, h) : nullptr;
         if (init == nullptr) {
             *rc = MAV_E_INVALID_HANDLE;
         } else {
             read(init, rc);
         }
+        MavIUnlockHdl(h);
     });
 }
 

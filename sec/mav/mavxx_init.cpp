@@ -30,6 +30,7 @@ bool StartProcess() {
             ThrSetDllMode(1);
             if (ThrProcInit() != 0) throw std::runtime_error("thread service");
             rscpInit(-1);
+            MavIXRegisterForkHandlers();
             bThrInit.store(1, std::memory_order_release);
         });
     } catch (const std::exception&) {
@@ -173,16 +174,21 @@ MAV_RC MavIXAllocCFG(const PEL_CONFIG* pelCfg, MAV_CFG** pcfg) {
 MAV_RC MavIXFreeCFG(MAV_CFG** pcfg) {
     if (pcfg == nullptr) return MAV_E_NULL_PARAM;
     MAV_CFG* cfg = *pcfg;
-    if (cfg == nullptr) return MAV_OK;
-    MavIXFreeRetired(cfg);
-    FreeParams(&cfg->pInitParams);
-    FreeParams(&cfg->pOptParams);
-    MavIFree(cfg->pCallback);
-    if (cfg->pAux != nullptr) {
-        MavIFree(cfg->pAux->pEvents);
-        MavIFree(cfg->pAux);
+    // The configurations a handle retired are chained to the one replacing
+    // them (second reserved word).
+    while (cfg != nullptr) {
+        MAV_CFG* retired = reinterpret_cast<MAV_CFG*>(cfg->aReserved[1]);
+        MavIXFreeRetired(cfg);
+        FreeParams(&cfg->pInitParams);
+        FreeParams(&cfg->pOptParams);
+        MavIFree(cfg->pCallback);
+        if (cfg->pAux != nullptr) {
+            MavIFree(cfg->pAux->pEvents);
+            MavIFree(cfg->pAux);
+        }
+        MavIFree(cfg);
+        cfg = retired;
     }
-    MavIFree(cfg);
     *pcfg = nullptr;
     return MAV_OK;
 }
@@ -320,6 +326,7 @@ MAV_RC MavEnd(MAV_HANDLE* phdl) {
         }
         ThrCSUnlock(cs);
         MavIUnlockRegistry();
+        MavIXRecUnpin();  // taken by MavILockHdl; the last record gives the slabs back
     }
     if (freed) *phdl = nullptr;
     MAV_TRC(MAV_TRC_FUNCTION, "<<  end  << %s(mav_hdl=%p)(MAV_RC=%s) \n", __func__,

@@ -88,10 +88,14 @@ void HandOut(MAV_HDL_REC* hdl, MAV_INST_REC* inst) {
 }
 
 // Creates an instance and makes it a free pool member (MavLoadPool, reload).
-MAV_RC AddFreePooled(MAV_HDL_REC* hdl, bool setDefaults) {
+// With ownConfig it gets its own configuration, a copy of the handle's values
+// as they are now (never the adapter's defaults: a pool must not undo what
+// the caller set on the handle).
+MAV_RC AddFreePooled(MAV_HDL_REC* hdl, bool ownConfig) {
     MAV_INST_REC* inst = nullptr;
+    MAV_CFG* own = nullptr;
     MAV_RC rc = MavICreateInstance(hdl, &inst);
-    if (rc == MAV_OK && setDefaults) rc = MavISetDefaultConfig(inst);
+    if (rc == MAV_OK && ownConfig) rc = MavIXAssignHdlToCFG(inst, &own);
     if (rc == MAV_OK && !PutInPool(hdl, inst)) rc = MAV_E_NO_SPACE;
     if (rc != MAV_OK) {
         MavIXDiscardInst(&inst);
@@ -103,6 +107,74 @@ MAV_RC AddFreePooled(MAV_HDL_REC* hdl, bool setDefaults) {
     ++hdl->uiPooled;
     ++hdl->uiPoolFree;
     ++hdl->uiInstances;
+    return MAV_OK;
+}
+
+// Copies the parameter values of from over the same entries of to (both
+// built from one PEL_CONFIG; to not yet shared).
+MAV_RC CopyValues(const MAV_CFG* from, MAV_CFG* to) {
+    const PEL_PARAMS* src[2] = {from->pInitParams, from->pOptParams};
+    PEL_PARAMS* dst[2] = {to->pInitParams, to->pOptParams};
+    for (int l = 0; l < 2; ++l) {
+        if (src[l] == nullptr || dst[l] == nullptr || src[l]->pParams == nullptr ||
+            dst[l]->pParams == nullptr)
+            continue;
+        uint16_t n = src[l]->usNumParams < dst[l]->usNumParams ? src[l]->usNumParams
+                                                               : dst[l]->usNumParams;
+        for (uint16_t i = 0; i < n; ++i) {
+            const PEL_PARAM* p = &src[l]->pParams[i];
+            MAV_RC rc = MavIXCopyParameter(&dst[l]->pParams[i], p->tCode, p, l == 0, nullptr);
+            if (rc != MAV_OK) return rc;
+        }
+    }
+    return MAV_OK;
+}
+
+// Calls fn for every instance of the handle (pooled and listed).
+template <typename Fn>
+void ForEachInst(MAV_HDL_REC* hdl, Fn&& fn) {
+    for (size_t i = 0; i < Slots(hdl); ++i) {
+        if (hdl->pPool[i] != nullptr) fn(hdl->pPool[i]);
+    }
+    for (MAV_INST_NODE* n = hdl->pInstList; n != nullptr; n = n->pNext) fn(n->pInst);
+}
+
+// A new configuration holding the handle's current values, flags, callback
+// record and (a copy of) its event registration. With the handle locked.
+MAV_RC CopyHandleCfg(MAV_HDL_REC* hdl, MAV_CFG** out) {
+    MAV_CFG* cfg = nullptr;
+    MAV_RC rc = MavIXAllocCFG(hdl->pPelConfig, &cfg);
+    if (rc == MAV_OK && hdl->pPelConfig != nullptr)
+        rc = MavIXSetDefaultConfig(hdl->pPelConfig, cfg);
+    const MAV_CFG* from = hdl->pCfg;
+    // The copy starts from the handle's values as they are now.
+    if (rc == MAV_OK && from != nullptr) rc = CopyValues(from, cfg);
+    if (rc == MAV_OK && from != nullptr) {
+        cfg->uiDefaultAction = MavICfgAction(from);
+        cfg->usActionCount = from->usActionCount;
+        cfg->bNoScanInfo = MavICfgFlag(&from->bNoScanInfo);
+        cfg->bNotScannedAsWarning = MavICfgFlag(&from->bNotScannedAsWarning);
+        // Each configuration owns its own event registration.
+        const MAV_EVENT_REG* reg = from->pAux != nullptr ? from->pAux->pEvents : nullptr;
+        if (reg != nullptr) {
+            MAV_EVENT_REG* copy = static_cast<MAV_EVENT_REG*>(MavIAlloc(sizeof *copy, true));
+            if (copy == nullptr) {
+                rc = MAV_E_NO_SPACE;
+            } else {
+                memcpy(copy, reg, sizeof *copy);
+                cfg->pAux->pEvents = copy;
+            }
+        }
+        if (rc == MAV_OK && from->pCallback != nullptr) {
+            *cfg->pCallback = *from->pCallback;
+            if (cfg->pCallback->pvContext == from) cfg->pCallback->pvContext = cfg;
+        }
+    }
+    if (rc != MAV_OK) {
+        MavIXFreeCFG(&cfg);
+        return rc;
+    }
+    *out = cfg;
     return MAV_OK;
 }
 
@@ -268,9 +340,9 @@ MAV_RC MavIXEndPooled(MAV_HDL_REC* hdl, bool lastFirst) {
     return MAV_OK;
 }
 
-MAV_RC MavIXFillPool(MAV_HDL_REC* hdl, bool setDefaults) {
+MAV_RC MavIXFillPool(MAV_HDL_REC* hdl, bool ownConfig) {
     while (hdl->uiPooled < hdl->uiPoolSize) {
-        MAV_RC rc = AddFreePooled(hdl, setDefaults);
+        MAV_RC rc = AddFreePooled(hdl, ownConfig);
         if (rc != MAV_OK) return rc;
     }
     return MAV_OK;
@@ -302,39 +374,49 @@ MAV_RC MavIXAssignHdlToCFG(void* hdlOrInst, MAV_CFG** pcfg) {
     // Copy on first write; the handle's configuration is read under its lock.
     if (!MavILockHdl(hdl)) return MAV_E_INVALID_HANDLE;
     MAV_CFG* cfg = nullptr;
-    MAV_RC rc = MavIXAllocCFG(hdl->pPelConfig, &cfg);
-    if (rc == MAV_OK && hdl->pPelConfig != nullptr)
-        rc = MavIXSetDefaultConfig(hdl->pPelConfig, cfg);
-    const MAV_CFG* from = hdl->pCfg;
-    if (rc == MAV_OK && from != nullptr) {
-        cfg->uiDefaultAction = from->uiDefaultAction;
-        cfg->usActionCount = from->usActionCount;
-        cfg->bNoScanInfo = from->bNoScanInfo;
-        cfg->bNotScannedAsWarning = from->bNotScannedAsWarning;
-        // Each configuration owns its own event registration.
-        const MAV_EVENT_REG* reg = from->pAux != nullptr ? from->pAux->pEvents : nullptr;
-        if (reg != nullptr) {
-            MAV_EVENT_REG* copy = static_cast<MAV_EVENT_REG*>(MavIAlloc(sizeof *copy, true));
-            if (copy == nullptr) {
-                rc = MAV_E_NO_SPACE;
-            } else {
-                memcpy(copy, reg, sizeof *copy);
-                cfg->pAux->pEvents = copy;
-            }
-        }
-        if (rc == MAV_OK && from->pCallback != nullptr) {
-            *cfg->pCallback = *from->pCallback;
-            if (cfg->pCallback->pvContext == from) cfg->pCallback->pvContext = cfg;
-        }
-    }
+    MAV_RC rc = CopyHandleCfg(hdl, &cfg);
     MavIUnlockHdl(hdl);
-    if (rc != MAV_OK) {
-        MavIXFreeCFG(&cfg);
-        return rc;
-    }
-    inst->pCfg = cfg;
+    if (rc != MAV_OK) return rc;
+    __atomic_store_n(&inst->pCfg, cfg, __ATOMIC_RELEASE);
     *pcfg = cfg;
     return MAV_OK;
+}
+
+MAV_RC MavIXCfgForChange(void* hdlOrInst, MAV_CFG** pcfg, bool* publish) {
+    *publish = false;
+    if (MavIXRecKind(hdlOrInst) != MAV_REC_HANDLE) return MavIXAssignHdlToCFG(hdlOrInst, pcfg);
+    MAV_HDL_REC* hdl = static_cast<MAV_HDL_REC*>(hdlOrInst);
+    if (hdl->pCfg == nullptr) return MAV_E_NOT_INITIALISED;
+    bool scanning = false;
+    ForEachInst(hdl, [&](MAV_INST_REC* inst) {
+        if (inst->bInUse && inst->pCfg == hdl->pCfg) scanning = true;
+    });
+    if (!scanning) {
+        *pcfg = hdl->pCfg;
+        return MAV_OK;
+    }
+    MAV_RC rc = CopyHandleCfg(hdl, pcfg);
+    *publish = rc == MAV_OK;
+    return rc;
+}
+
+void MavIXPublishCfg(MAV_HDL_REC* hdl, MAV_CFG* shadow) {
+    MAV_CFG* live = hdl->pCfg;
+    // Texts the change replaced in the copy were never visible: freed now.
+    MavIXFreeRetired(shadow);
+    PEL_PARAMS* oldInit = live->pInitParams;
+    PEL_PARAMS* oldOpt = live->pOptParams;
+    __atomic_store_n(&live->pInitParams, shadow->pInitParams, __ATOMIC_RELEASE);
+    __atomic_store_n(&live->pOptParams, shadow->pOptParams, __ATOMIC_RELEASE);
+    MavICfgSetAction(live, MavICfgAction(shadow));
+    MavICfgSetFlag(&live->bNoScanInfo, shadow->bNoScanInfo != 0);
+    MavICfgSetFlag(&live->bNotScannedAsWarning, shadow->bNotScannedAsWarning != 0);
+    // The shadow keeps the old lists (a scan may still read them) and waits on
+    // the live configuration's chain until that is freed.
+    shadow->pInitParams = oldInit;
+    shadow->pOptParams = oldOpt;
+    shadow->aReserved[1] = live->aReserved[1];
+    live->aReserved[1] = reinterpret_cast<size_t>(shadow);
 }
 
 // ---- Public instance calls ----------------------------------------------------------------
@@ -417,6 +499,7 @@ MAV_RC MavFreeInstance(MAV_INST* pinst) {
     MAV_REC_KIND kind = MavIXRecKindByMarks(inst);
     if (kind == MAV_REC_PROFILE) {
         MavIXFreeInst(reinterpret_cast<MAV_INST_REC**>(pinst));
+        MavIXRecTrim();  // it may have been the last record
         MAV_TRC_EXIT(rc);
         return rc;
     }
@@ -445,6 +528,13 @@ MAV_RC MavFreeInstance(MAV_INST* pinst) {
             long slot = inst->bPooled ? FindSlot(hdl, inst, hdl->uiPoolSize) : -1;
             if (slot >= 0 && hdl->uiPoolSize >= hdl->uiPooled) {
                 if (inst->bInUse) {
+                    // Back with the handle's configuration: what this user
+                    // set (limits, warnings, actions) must not reach the next.
+                    if (inst->pCfg != hdl->pCfg) {
+                        MAV_CFG* own = inst->pCfg;
+                        __atomic_store_n(&inst->pCfg, hdl->pCfg, __ATOMIC_RELEASE);
+                        MavIXFreeCFG(&own);
+                    }
                     inst->bInUse = 0;
                     inst->uiThreadId = MAV_THREAD_NONE;
                     ++hdl->uiPoolFree;

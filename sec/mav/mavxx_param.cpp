@@ -106,6 +106,7 @@ MAV_API MAV_RC MavSetParameter(void* hdl, const KORMO_CHAR* name, int32_t type,
     MAV_RC rc = MAV_E_NULL_PARAM;
     MAV_PARAM_ID id = {sizeof(MAV_PARAM_ID), 0, type};
     if (name != nullptr) rc = CodeOfName(name, &id.tCode);
+    if (rc == MAV_E_PARAM_UNSUPPORTED) MavIXNoteUnknownName(hdl, name, rc);
     if (rc == MAV_OK) {
         if (MavIGetHandle(hdl) == nullptr || MavIGetCfg(hdl) == nullptr)
             rc = MAV_E_INVALID_HANDLE;

@@ -319,8 +319,10 @@ __attribute__((always_inline)) inline MAV_RC ScanInstance(MAV_INST_REC* inst,
         inst->pScanInfo = nullptr;
     }
 
-    MavIXFillScanCallback(inst);
-    PEL_OPTPARAMS* opt = inst->pCfg != nullptr ? inst->pCfg->pOptParams : nullptr;
+    const MAV_CFG* cfg = __atomic_load_n(&inst->pCfg, __ATOMIC_ACQUIRE);
+    MavIXFillScanCallback(inst, cfg);
+    PEL_OPTPARAMS* opt = cfg != nullptr ? __atomic_load_n(&cfg->pOptParams, __ATOMIC_ACQUIRE)
+                                        : nullptr;
     PEL_SCANINFO** result = scanInfo != nullptr ? &inst->pScanInfo : nullptr;
     if (__builtin_expect(MavITraceOn(MAV_TRC_PEL), 0)) TraceBeforeScan(inst, opt, result);
     MAV_RC rc = fns->pfnScan(inst->pPelInit, &inst->sCallback, inst->pScanParam, opt, result);
@@ -364,6 +366,8 @@ MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
         return MAV_E_INVALID_HANDLE;
     }
     MAV_INST_REC* inst = static_cast<MAV_INST_REC*>(hdl);
+    // Nothing is read from a pointer that is no record block of the library.
+    if (!MavIXRecOwned(inst)) return MAV_E_INVALID_HANDLE;
     if (IsProfileInstance(inst)) {
         if (inst->pProfileInst == nullptr) return MAV_E_INVALID_HANDLE;
         return MavIXScanClean(inst->pProfileInst, scanCode, actionCode, objectNameUtf8, objectName,
@@ -394,9 +398,10 @@ MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
         PEL_SCANPARAM* sp = inst->pScanParam;
         sp->struct_size = sizeof(PEL_SCANPARAM);
         sp->tScanCode = scanCode;
-        sp->tActionCode = actionCode != 0         ? actionCode
-                          : inst->pCfg != nullptr ? inst->pCfg->uiDefaultAction
-                                                  : MAV_DEFAULT_ACTION;
+        const MAV_CFG* cfg = __atomic_load_n(&inst->pCfg, __ATOMIC_ACQUIRE);
+        sp->tActionCode = actionCode != 0 ? actionCode
+                          : cfg != nullptr ? MavICfgAction(cfg)
+                                           : MAV_DEFAULT_ACTION;
         sp->uiJobID = jobId;
         sp->pszObjectName = nullptr;
         sp->pbByte = nullptr;
@@ -480,7 +485,7 @@ __attribute__((noinline, cold)) MAV_RC TracedScan(const char* func, void* hdl, u
 // uiDefaultAction of the object's configuration with the clean bit.
 uint32_t CleanAction(void* hdl) {
     MAV_CFG* cfg = MavIGetCfg(hdl);
-    return (cfg != nullptr ? cfg->uiDefaultAction : 0) | VS_A_CLEAN;
+    return (cfg != nullptr ? MavICfgAction(cfg) : 0) | VS_A_CLEAN;
 }
 
 }  // namespace

@@ -7,6 +7,8 @@
 //
 // Global lock order (never taken the other way round):
 //   registry -> handle -> record pool -> trace file -> trace buffer -> kernel trace
+//   (the kernel's loader table is a leaf). The fork handlers take them all in
+//   this order (mavxxi_fork.cpp).
 // Adapter entry points are called with at most the registry and handle locks
 // held; PelScan is called with no lock held.
 #ifndef MAVXXI_H
@@ -95,6 +97,21 @@ static_assert(offsetof(MAV_CFG, usActionCount) == 130, "MAV_CFG.usActionCount");
 static_assert(offsetof(MAV_CFG, uiDefaultAction) == 132, "MAV_CFG.uiDefaultAction");
 static_assert(offsetof(MAV_CFG, bNoScanInfo) == 136, "MAV_CFG.bNoScanInfo");
 static_assert(offsetof(MAV_CFG, pInitParams) == 144, "MAV_CFG.pInitParams");
+
+// The default action and the two custom flags of a configuration are written
+// under the handle lock and read by scans without it: relaxed atomics.
+inline uint32_t MavICfgAction(const MAV_CFG* cfg) {
+    return __atomic_load_n(&cfg->uiDefaultAction, __ATOMIC_RELAXED);
+}
+inline void MavICfgSetAction(MAV_CFG* cfg, uint32_t action) {
+    __atomic_store_n(&cfg->uiDefaultAction, action, __ATOMIC_RELAXED);
+}
+inline uint8_t MavICfgFlag(const uint8_t* flag) {
+    return __atomic_load_n(flag, __ATOMIC_RELAXED);
+}
+inline void MavICfgSetFlag(uint8_t* flag, bool on) {
+    __atomic_store_n(flag, static_cast<uint8_t>(on ? 1 : 0), __ATOMIC_RELAXED);
+}
 
 // A handle's name.
 struct MAV_HDL_NAME {
@@ -185,14 +202,45 @@ struct MAV_PARAM_ID {
 };
 
 // ---- Records (mavxxi_rec.cpp) --------------------------------------------------
-// Handle and instance records live in cache-line aligned blocks that are
-// recycled, never returned to the allocator: a stale pointer always reads
-// wiped marks and is refused.
+// Handle and instance records live in fixed-size blocks carved from slabs. An
+// ended record's block is wiped and quarantined before reuse; the slabs go
+// back through the free hook when the last record ends. A pointer is read only
+// after MavIXRecOwned found it to be a block of a current slab.
 
-// Alignment and size granule of record blocks: two records never share a
-// cache line nor an adjacent-line prefetch pair, so scans on different
-// instances do not contend.
+// Alignment of record blocks: two records never share a cache line nor an
+// adjacent-line prefetch pair, so scans on different instances do not contend.
 constexpr size_t MAV_REC_LINE = 128;
+// Size of a record block (a multiple of MAV_REC_LINE, a power of two).
+constexpr size_t MAV_REC_BLOCK = 512;
+constexpr size_t MAV_REC_MAX_SLABS = 32;
+
+struct MAV_REC_SLAB {
+    std::atomic<uintptr_t> base;  // first block (0: none)
+    std::atomic<size_t> bytes;    // blocks x MAV_REC_BLOCK
+};
+extern MAV_LOCAL MAV_REC_SLAB mavRecSlabs[MAV_REC_MAX_SLABS];
+extern MAV_LOCAL std::atomic<uint32_t> mavRecSlabCount;
+
+// True when p is the start of a block of a current slab (no lock: the scan
+// path asks it). Slabs are only given back when no record is live, so a
+// caller holding a live record never races with that.
+// The first slab is checked inline (it holds the first records of a process);
+// the others out of line.
+MAV_LOCAL bool MavIXRecOwnedSlow(const void* p);
+inline bool MavIXRecOwned(const void* p) {
+    uintptr_t off = reinterpret_cast<uintptr_t>(p) -
+                    mavRecSlabs[0].base.load(std::memory_order_relaxed);
+    if (__builtin_expect(off < mavRecSlabs[0].bytes.load(std::memory_order_acquire), 1))
+        return (off & (MAV_REC_BLOCK - 1)) == 0;
+    return MavIXRecOwnedSlow(p);
+}
+// Gives the slabs back through the free hook when no record is live and no
+// thread is pinned (called after the last MavEnd or record release).
+MAV_LOCAL void MavIXRecTrim(void);
+// A thread about to wait on a handle's critical section pins the slabs (the
+// section lives in one); the last unpin trims.
+MAV_LOCAL void MavIXRecPin(void);
+MAV_LOCAL void MavIXRecUnpin(void);
 
 enum MAV_REC_KIND { MAV_REC_NONE = 0, MAV_REC_HANDLE, MAV_REC_INSTANCE, MAV_REC_PROFILE };
 
@@ -212,6 +260,25 @@ MAV_LOCAL MAV_REC_KIND MavIXRecKind(const void* p);
 // Kind by size and marks alone (an instance whose PelInit gave no record is
 // still an instance here, so that it can be freed).
 MAV_LOCAL MAV_REC_KIND MavIXRecKindByMarks(const void* p);
+
+// ---- fork (mavxxi_fork.cpp and the lock owners) --------------------------------
+// Every library lock is taken before fork() and released after it in parent
+// and child, in the global order, so a child forked while another thread was
+// inside the library finds no lock held by a thread it does not have.
+// Registers the handlers once (first MavInit, first trace section use).
+MAV_LOCAL void MavIXRegisterForkHandlers(void);
+MAV_LOCAL void MavIXRecForkLock(void);
+MAV_LOCAL void MavIXRecForkUnlock(void);
+MAV_LOCAL void MavITraceForkLock(void);
+MAV_LOCAL void MavITraceForkUnlock(void);
+MAV_LOCAL void KrnDlForkLock(void);
+// In a child: the recursive locks held across fork() belong to a thread id
+// the child does not have; they are created anew instead of unlocked.
+MAV_LOCAL void MavIXForkRenewCS(THR_CRIT_SEC* cs);
+MAV_LOCAL void MavIXRegForkChild(void);
+MAV_LOCAL void MavITraceForkChild(void);
+MAV_LOCAL void KrnTrcForkChild(void);
+MAV_LOCAL void KrnDlForkUnlock(void);
 
 // ---- Codes (mavxxi_codes.cpp) ------------------------------------------------
 // MavErrorName / MavErrorDescription are public.
@@ -315,6 +382,10 @@ MAV_LOCAL void MavIXForEachHdl(bool (*fn)(MAV_HDL_REC* hdl, void* ctx), void* ct
 MAV_LOCAL int MavILockRegistry(void);
 MAV_LOCAL void MavIUnlockRegistry(void);
 MAV_LOCAL int MavILockHdl(void* hdlOrInst);
+// Locks the handle behind a handle, instance or profile instance and returns
+// it (null: nothing locked). Engine records (pSharedInit, an instance's
+// PEL_INIT) are read only so: a reload or MavFreePool ends them under it.
+MAV_LOCAL MAV_HDL_REC* MavILockOwner(void* p);
 MAV_LOCAL void MavIUnlockHdl(void* hdlOrInst);
 // Handle of a handle, instance or profile instance (its scan instance's).
 MAV_LOCAL MAV_HDL_REC* MavIGetHandle(void* p);
@@ -337,8 +408,19 @@ MAV_LOCAL MAV_RC MavIXEndInst(MAV_HDL_REC* hdl, MAV_INST_REC* inst);
 // when lastFirst); stops at the first failure.
 MAV_LOCAL MAV_RC MavIXEndPooled(MAV_HDL_REC* hdl, bool lastFirst);
 // With the handle locked: creates free pooled instances until uiPooled reaches
-// uiPoolSize, each given the default parameters when setDefaults.
-MAV_LOCAL MAV_RC MavIXFillPool(MAV_HDL_REC* hdl, bool setDefaults);
+// uiPoolSize; with ownConfig each gets its own copy of the handle's current
+// configuration, else reads the handle's.
+MAV_LOCAL MAV_RC MavIXFillPool(MAV_HDL_REC* hdl, bool ownConfig);
+// With the handle locked: the configuration a change of hdlOrInst writes to.
+// An instance gets its own (MavIXAssignHdlToCFG). A handle whose configuration
+// a handed-out instance may be scanning with gets a private copy (*publish
+// true): written, then published with MavIXPublishCfg, or freed on failure.
+// Nothing writes to a parameter list an adapter may be reading.
+MAV_LOCAL MAV_RC MavIXCfgForChange(void* hdlOrInst, MAV_CFG** cfg, bool* publish);
+// With the handle locked: the handle's configuration (same record) takes the
+// copy's parameter lists and flags; the old lists are retired on its chain
+// (second reserved word) and freed with it, since a scan may still read them.
+MAV_LOCAL void MavIXPublishCfg(MAV_HDL_REC* hdl, MAV_CFG* shadow);
 // The configuration a handle or instance reads (no copy made).
 MAV_LOCAL MAV_CFG* MavIGetCfg(void* hdlOrInst);
 
@@ -368,6 +450,9 @@ MAV_LOCAL MAV_RC MavIGetPelParameterByIndex(void* hdlOrInst, uint32_t index, PEL
 // gets its own copy, MavIXAssignHdlToCFG).
 MAV_LOCAL MAV_RC MavIGetPelParameter(void* hdlOrInst, const KORMO_CHAR* name, int set,
                                      PEL_PARAM** entry);
+// Adds "The parameter >>>name<<< is unknown or not supported." with rc to the
+// error list of the handle behind hdlOrInst (the caller sees which name).
+MAV_LOCAL void MavIXNoteUnknownName(void* hdlOrInst, const KORMO_CHAR* name, MAV_RC rc);
 // Custom code (-100..-105) of an exact custom name, else 0.
 MAV_LOCAL int32_t MavIXParseCustParam(const KORMO_CHAR* name);
 // Position of an adapter parameter code in cfg's lists (*initList: which
@@ -381,9 +466,9 @@ MAV_LOCAL VS_CALLRC MavPXCallback(void* adapterData, uint32_t message, void* dat
                                   void* context);
 // Fills inst->sCallback from its configuration's registration (function,
 // mask, context = the instance); the scan calls it just before PelScan.
-inline void MavIXFillScanCallback(MAV_INST_REC* inst) {
+// cfg: the instance's configuration as the scan read it.
+inline void MavIXFillScanCallback(MAV_INST_REC* inst, const MAV_CFG* cfg) {
     PEL_CALLBACK* cb = &inst->sCallback;
-    const MAV_CFG* cfg = inst->pCfg;
     const MAV_EVENT_REG* reg = nullptr;
     if (cfg != nullptr && cfg->pAux != nullptr)
         reg = __atomic_load_n(&cfg->pAux->pEvents, __ATOMIC_ACQUIRE);

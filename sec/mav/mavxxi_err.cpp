@@ -18,12 +18,6 @@ PEL_INIT* MavIErrInit(void* p) {
     return nullptr;
 }
 
-// Locks the handle's section when it exists (a handle whose start-up failed
-// early may have none); true when it was taken.
-bool MavIErrLock(MAV_HDL_REC* hdl) {
-    return ThrCSLock(hdl->pCS) == THR_RC_OK;
-}
-
 // Gives the caller a new zero-filled buffer of L + 2 bytes when L exceeds its
 // size (its old buffer stays the caller's); *textLength becomes L + 1.
 MAV_RC MavIErrEnsureBuffer(KORMO_CHAR** textBuffer, size_t* textLength, size_t len) {
@@ -120,12 +114,12 @@ MAV_API uint32_t MavAdapterErrorCode(void* hdl) {
         MAV_TRC_E("Invalid NULL parameter for handle\n");
         return 0xFFFFFFFFu;
     }
-    const PEL_INIT* init = MavIErrInit(hdl);
-    if (init == nullptr) {
-        MAV_TRC_E("Invalid NULL handle for PEL (PEL_INIT)\n");
-        return 0xFFFFFFFFu;
-    }
-    return static_cast<uint32_t>(init->iErrorRC);
+    MAV_HDL_REC* owner = MavILockOwner(hdl);
+    const PEL_INIT* init = owner != nullptr ? MavIErrInit(hdl) : nullptr;
+    uint32_t code = init != nullptr ? static_cast<uint32_t>(init->iErrorRC) : 0xFFFFFFFFu;
+    if (owner != nullptr) MavIUnlockHdl(owner);
+    if (init == nullptr) MAV_TRC_E("Invalid NULL handle for PEL (PEL_INIT)\n");
+    return code;
 }
 
 MAV_API MAV_RC MavAdapterErrorText(void* hdl, KORMO_CHAR** textBuffer, size_t* textLength) {
@@ -136,18 +130,20 @@ MAV_API MAV_RC MavAdapterErrorText(void* hdl, KORMO_CHAR** textBuffer, size_t* t
     MAV_TRC_ENTRY(">> start >> %s(%p,%p,%p)\n", __func__, hdl, static_cast<void*>(textBuffer),
                   static_cast<void*>(textLength));
     MAV_RC rc = MAV_OK;
+    // The engine record and the list are read under the handle lock (a
+    // reload ends the engine record under it).
+    MAV_HDL_REC* owner = textLength != nullptr ? MavILockOwner(hdl) : nullptr;
     if (textLength == nullptr) {
         // Nothing asked for.
-    } else if (const PEL_INIT* init = MavIErrInit(hdl)) {
+    } else if (const PEL_INIT* init = owner != nullptr ? MavIErrInit(hdl) : nullptr) {
         rc = MavIErrTextFromInit(init, textBuffer, textLength);
-    } else if (MAV_HDL_REC* rec = MavIGetHandle(hdl)) {
-        bool locked = MavIErrLock(rec);
-        rc = MavIErrTextFromList(rec, textBuffer, textLength);
-        if (locked) ThrCSUnlock(rec->pCS);
+    } else if (owner != nullptr && MavIGetHandle(hdl) == owner) {
+        rc = MavIErrTextFromList(owner, textBuffer, textLength);
     } else {
         MAV_TRC_E("Invalid NULL handle for PEL (PEL_INIT)\n");
         rc = MAV_E_INVALID_HANDLE;
     }
+    if (owner != nullptr) MavIUnlockHdl(owner);
     MAV_TRC_EXIT(rc);
     return rc;
 }

@@ -118,7 +118,7 @@ MAV_RC StoreText(MAV_CFG* cfg, PEL_PARAM* dest, const char* text, size_t len) {
     if (buf == nullptr) return MAV_E_NO_SPACE;
     if (len > 0) memcpy(buf, text, len);
     buf[len] = '\0';
-    dest->pvValue = buf;
+    __atomic_store_n(&dest->pvValue, static_cast<void*>(buf), __ATOMIC_RELEASE);
     return MAV_OK;
 }
 
@@ -266,6 +266,12 @@ MAV_RC MavIXCopyParameter(PEL_PARAM* dest, int32_t code, const PEL_PARAM* src, b
     if (IsTextType(src->tType)) {
         // The adapter's length may overstate its string: copy no further than
         // its terminator.
+        // The length is the adapter's word: a value whose buffer (length + 1)
+        // would wrap or cannot exist is refused, not allocated.
+        if (src->lLength >= PTRDIFF_MAX) {
+            MAV_TRC_E("Parameter %d: length %zu from the adapter refused\n", code, src->lLength);
+            return MAV_E_INVALID_PARAM;
+        }
         const char* text = static_cast<const char*>(src->pvValue);
         size_t len = text != nullptr ? strnlen(text, src->lLength) : 0;
         void* old = IsTextType(dest->tType) ? dest->pvValue : nullptr;
@@ -370,14 +376,33 @@ MAV_RC MavIGetConfig(const PEL_CONFIG* pelCfg, MAV_CFG** cfg) {
     return MAV_OK;
 }
 
+namespace {
+
+// Ends a change begun with MavIXCfgForChange: a private copy is published
+// when the change succeeded, else freed.
+MAV_RC FinishChange(MAV_HDL_REC* hdl, MAV_CFG* cfg, bool publish, MAV_RC rc) {
+    if (publish) {
+        if (rc == MAV_OK) {
+            MavIXPublishCfg(hdl, cfg);
+        } else {
+            MavIXFreeCFG(&cfg);
+        }
+    }
+    return rc;
+}
+
+}  // namespace
+
 MAV_RC MavISetDefaultConfig(void* hdlOrInst) {
     MAV_HDL_REC* hdl = MavIGetHandle(hdlOrInst);
     if (hdl == nullptr) return MAV_E_INVALID_HANDLE;
     if (hdl->pPelConfig == nullptr) return MAV_E_NOT_INITIALISED;
     MAV_CFG* cfg = nullptr;
     int locked = MavILockHdl(hdl);
-    MAV_RC rc = MavIXAssignHdlToCFG(hdlOrInst, &cfg);
+    bool publish = false;
+    MAV_RC rc = MavIXCfgForChange(hdlOrInst, &cfg, &publish);
     if (rc == MAV_OK) rc = MavIXSetDefaultConfig(hdl->pPelConfig, cfg);
+    rc = FinishChange(hdl, cfg, publish, rc);
     if (locked) MavIUnlockHdl(hdl);
     return rc;
 }
@@ -494,10 +519,8 @@ bool IsTrueText(const char* text) {
 MAV_RC SetCustom(MAV_CFG* cfg, int32_t code, const char* text) {
     bool on = IsTrueText(text);
     auto setBit = [cfg, on](uint32_t bit) {
-        if (on)
-            cfg->uiDefaultAction |= bit;
-        else
-            cfg->uiDefaultAction &= ~bit;
+        uint32_t a = MavICfgAction(cfg);
+        MavICfgSetAction(cfg, on ? (a | bit) : (a & ~bit));
     };
     switch (code) {
         case VS_P_CUST_ACTIVE_CONTENT:
@@ -507,10 +530,10 @@ MAV_RC SetCustom(MAV_CFG* cfg, int32_t code, const char* text) {
             setBit(VS_A_CHECK_MIME);
             break;
         case VS_P_CUST_NOT_SCANNED_AS_WARNING:
-            cfg->bNotScannedAsWarning = on ? 1 : 0;
+            MavICfgSetFlag(&cfg->bNotScannedAsWarning, on);
             break;
         case VS_P_CUST_NO_SCANINFO:
-            cfg->bNoScanInfo = on ? 1 : 0;
+            MavICfgSetFlag(&cfg->bNoScanInfo, on);
             break;
         case VS_P_CUST_CLEAN:
             setBit(VS_A_CLEAN);
@@ -527,7 +550,9 @@ bool IsCustCode(int32_t code) {
 
 }  // namespace
 
-MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORMO_CHAR* text) {
+namespace {
+
+MAV_RC SetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORMO_CHAR* text) {
     if (param == nullptr) return MAV_E_NULL_PARAM;
     MAV_HDL_REC* hdl = MavIGetHandle(hdlOrInst);
     MAV_CFG* readCfg = MavIGetCfg(hdlOrInst);
@@ -537,8 +562,10 @@ MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORM
     if (IsCustCode(param->tCode)) {
         int locked = MavILockHdl(hdl);
         MAV_CFG* cfg = nullptr;
-        MAV_RC rc = MavIXAssignHdlToCFG(hdlOrInst, &cfg);
+        bool publish = false;
+        MAV_RC rc = MavIXCfgForChange(hdlOrInst, &cfg, &publish);
         if (rc == MAV_OK) rc = SetCustom(cfg, param->tCode, text);
+        rc = FinishChange(hdl, cfg, publish, rc);
         if (locked) MavIUnlockHdl(hdl);
         if (rc == MAV_OK)
             MAV_TRC(MAV_TRC_PARAM, "Parameter %s was set with value %s\n", name,
@@ -596,7 +623,8 @@ MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORM
 
     int locked = MavILockHdl(hdl);
     MAV_CFG* cfg = nullptr;
-    MAV_RC rc = MavIXAssignHdlToCFG(hdlOrInst, &cfg);
+    bool publish = false;
+    MAV_RC rc = MavIXCfgForChange(hdlOrInst, &cfg, &publish);
     if (rc == MAV_OK) {
         int widx = MavIXParamIndex(cfg, param->tCode, &initList);
         PEL_PARAMS* list = initList ? cfg->pInitParams : cfg->pOptParams;
@@ -608,9 +636,11 @@ MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORM
                 rc = StoreText(cfg, entry, utf8 != nullptr ? utf8 : "", utf8Len);
                 if (rc == MAV_OK) entry->lLength = utf8Len;
             } else {
-                entry->pvValue = slot;
+                // Scans on other instances of the handle may be reading it.
+                __atomic_store_n(&entry->pvValue, slot, __ATOMIC_RELAXED);
             }
         }
+        rc = FinishChange(hdl, cfg, publish, rc);
     }
     if (locked) MavIUnlockHdl(hdl);
     MavIFree(utf8);
@@ -618,28 +648,25 @@ MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORM
     return rc;
 }
 
-MAV_RC MavISetDefaultValue(void* hdlOrInst, const MAV_PARAM_ID* param) {
-    if (param == nullptr) {
-        MAV_TRC_E("Null parameter for TCODE in SetDefaultValue passed");
-        return MAV_E_NULL_PARAM;
-    }
-    MAV_HDL_REC* hdl = MavIGetHandle(hdlOrInst);
-    if (hdl == nullptr) return MAV_E_INVALID_HANDLE;
-    const PEL_CONFIG* pelCfg = hdl->pPelConfig;
-    if (pelCfg == nullptr) return MAV_E_NOT_INITIALISED;
-    int32_t code = param->tCode;
-    const char* name = MavIXGetPelParamName(code);
+}  // namespace
 
-    int locked = MavILockHdl(hdl);
-    MAV_CFG* cfg = nullptr;
-    MAV_RC rc = MavIXAssignHdlToCFG(hdlOrInst, &cfg);
-    if (rc != MAV_OK) {
-        if (locked) MavIUnlockHdl(hdl);
-        return rc;
-    }
+// The whole change runs under the handle lock: the checks read the lists a
+// concurrent change may replace.
+MAV_RC MavISetConfigValue(void* hdlOrInst, const MAV_PARAM_ID* param, const KORMO_CHAR* text) {
+    MAV_HDL_REC* hdl = MavIGetHandle(hdlOrInst);
+    int locked = hdl != nullptr ? MavILockHdl(hdl) : 0;
+    MAV_RC rc = SetConfigValue(hdlOrInst, param, text);
+    if (locked) MavIUnlockHdl(hdl);
+    return rc;
+}
+
+namespace {
+
+// MavISetDefaultValue's change of one entry of cfg (handle locked).
+MAV_RC SetDefaultIn(const PEL_CONFIG* pelCfg, MAV_CFG* cfg, int32_t code) {
+    const char* name = MavIXGetPelParamName(code);
     if (IsCustCode(code)) {
-        cfg->uiDefaultAction = MAV_DEFAULT_ACTION;
-        if (locked) MavIUnlockHdl(hdl);
+        MavICfgSetAction(cfg, MAV_DEFAULT_ACTION);
         return MAV_OK;
     }
     bool initList = false;
@@ -655,7 +682,6 @@ MAV_RC MavISetDefaultValue(void* hdlOrInst, const MAV_PARAM_ID* param) {
         MAV_TRC(MAV_TRC_PARAM, "Optional block parameter %s will be set with its default value\n",
                 name);
     } else {
-        if (locked) MavIUnlockHdl(hdl);
         MAV_TRC_W("Warning: Parameter with tCode(%d) is unknown\n", code);
         return MAV_E_PARAM_UNSUPPORTED;
     }
@@ -663,11 +689,29 @@ MAV_RC MavISetDefaultValue(void* hdlOrInst, const MAV_PARAM_ID* param) {
     const PEL_PARAMS* src = initList ? pelCfg->pInitParams : pelCfg->pOptParams;
     PEL_PARAMS* dst = initList ? cfg->pInitParams : cfg->pOptParams;
     if (idx < 0 || src == nullptr || src->pParams == nullptr || idx >= src->usNumParams) {
-        if (locked) MavIUnlockHdl(hdl);
         MAV_TRC_E("Parameter %s is not supported by this PEL\n", name);
         return MAV_E_PARAM_UNSUPPORTED;
     }
-    rc = MavIXCopyParameter(&dst->pParams[idx], code, &src->pParams[idx], initList, cfg);
+    return MavIXCopyParameter(&dst->pParams[idx], code, &src->pParams[idx], initList, cfg);
+}
+
+}  // namespace
+
+MAV_RC MavISetDefaultValue(void* hdlOrInst, const MAV_PARAM_ID* param) {
+    if (param == nullptr) {
+        MAV_TRC_E("Null parameter for TCODE in SetDefaultValue passed");
+        return MAV_E_NULL_PARAM;
+    }
+    MAV_HDL_REC* hdl = MavIGetHandle(hdlOrInst);
+    if (hdl == nullptr) return MAV_E_INVALID_HANDLE;
+    const PEL_CONFIG* pelCfg = hdl->pPelConfig;
+    if (pelCfg == nullptr) return MAV_E_NOT_INITIALISED;
+
+    int locked = MavILockHdl(hdl);
+    MAV_CFG* cfg = nullptr;
+    bool publish = false;
+    MAV_RC rc = MavIXCfgForChange(hdlOrInst, &cfg, &publish);
+    if (rc == MAV_OK) rc = FinishChange(hdl, cfg, publish, SetDefaultIn(pelCfg, cfg, param->tCode));
     if (locked) MavIUnlockHdl(hdl);
     return rc;
 }
@@ -687,13 +731,15 @@ void MavIXFreeRetired(MAV_CFG* cfg) {
 // ---- Lookups on a handle or instance ---------------------------------------------------
 
 uint32_t MavIXGetParamNum(void* hdlOrInst) {
-    MAV_CFG* cfg = MavIGetCfg(hdlOrInst);
-    if (cfg == nullptr) return 0;
+    // Under the handle lock: a change may replace the lists.
+    MAV_HDL_REC* owner = MavILockOwner(hdlOrInst);
+    MAV_CFG* cfg = owner != nullptr ? MavIGetCfg(hdlOrInst) : nullptr;
     uint32_t n = 0;
-    if (cfg->pInitParams != nullptr && cfg->pInitParams->pParams != nullptr)
+    if (cfg != nullptr && cfg->pInitParams != nullptr && cfg->pInitParams->pParams != nullptr)
         n += cfg->pInitParams->usNumParams;
-    if (cfg->pOptParams != nullptr && cfg->pOptParams->pParams != nullptr)
+    if (cfg != nullptr && cfg->pOptParams != nullptr && cfg->pOptParams->pParams != nullptr)
         n += cfg->pOptParams->usNumParams;
+    if (owner != nullptr) MavIUnlockHdl(owner);
     return n;
 }
 
@@ -726,12 +772,25 @@ MAV_RC MavIGetPelParameterByIndex(void* hdlOrInst, uint32_t index, PEL_PARAM** e
     return MAV_OK;
 }
 
+void MavIXNoteUnknownName(void* hdlOrInst, const KORMO_CHAR* name, MAV_RC rc) {
+    MAV_HDL_REC* hdl = MavILockOwner(hdlOrInst);
+    if (hdl == nullptr) return;
+    char text[320];
+    snprintf(text, sizeof text, "The parameter >>>%.256s<<< is unknown or not supported.",
+             name != nullptr ? name : "(null)");
+    MavPAddError(hdl, text, rc);
+    MavIUnlockHdl(hdl);
+}
+
 MAV_RC MavIGetPelParameter(void* hdlOrInst, const KORMO_CHAR* name, int set, PEL_PARAM** entry) {
     if (name == nullptr || entry == nullptr) return MAV_E_NULL_PARAM;
     int32_t code = 0;
     MAV_RC rc = HasPrefix(name, "INIT") ? MavIXParseInitParams(name, &code)
                                         : MavIXParseOptParams(name, &code);
-    if (rc != MAV_OK) return rc;
+    if (rc != MAV_OK) {
+        MavIXNoteUnknownName(hdlOrInst, name, rc);
+        return rc;
+    }
     MAV_CFG* cfg = nullptr;
     if (set != 0) {
         rc = MavIXAssignHdlToCFG(hdlOrInst, &cfg);

@@ -92,20 +92,32 @@ void MavIUnlockRegistry(void) {
 // Locks the handle of a handle or instance. The marks are checked again once
 // the lock is held, so a handle ended meanwhile is refused (its block, and so
 // its critical section, stays valid).
+// The slabs stay pinned from here to MavIUnlockHdl: the section lives in a
+// record block, which must not go back to the allocator while a thread waits.
 int MavILockHdl(void* hdlOrInst) {
+    MavIXRecPin();
     MAV_HDL_REC* hdl = LockTarget(hdlOrInst);
-    if (hdl == nullptr || hdl->pCS == nullptr) return 0;
-    if (ThrCSLock(hdl->pCS) != THR_RC_OK) return 0;
+    if (hdl == nullptr || hdl->pCS == nullptr || ThrCSLock(hdl->pCS) != THR_RC_OK) {
+        MavIXRecUnpin();
+        return 0;
+    }
     if (MavIXRecKindByMarks(hdl) != MAV_REC_HANDLE) {
         ThrCSUnlock(hdl->pCS);
+        MavIXRecUnpin();
         return 0;
     }
     return 1;
 }
 
+MAV_HDL_REC* MavILockOwner(void* p) {
+    MAV_HDL_REC* hdl = MavIGetHandle(p);
+    return hdl != nullptr && MavILockHdl(hdl) ? hdl : nullptr;
+}
+
 void MavIUnlockHdl(void* hdlOrInst) {
     MAV_HDL_REC* hdl = LockTarget(hdlOrInst);
     if (hdl != nullptr && hdl->pCS != nullptr) ThrCSUnlock(hdl->pCS);
+    MavIXRecUnpin();
 }
 
 // ---- Registry -------------------------------------------------------------------
@@ -287,10 +299,20 @@ MAV_HANDLE MavGetHandle(void* hdl) {
 
 MAV_CFG* MavIGetCfg(void* hdlOrInst) {
     if (MavIXRecKind(hdlOrInst) == MAV_REC_HANDLE) {
-        return static_cast<MAV_HDL_REC*>(hdlOrInst)->pCfg;
+        return __atomic_load_n(&static_cast<MAV_HDL_REC*>(hdlOrInst)->pCfg, __ATOMIC_ACQUIRE);
     }
     MAV_INST_REC* inst = MavIGetInst(hdlOrInst);
-    return inst != nullptr ? inst->pCfg : nullptr;
+    return inst != nullptr ? __atomic_load_n(&inst->pCfg, __ATOMIC_ACQUIRE) : nullptr;
 }
 
 }  // extern "C"
+
+// Fork handler in a child (mavxxi_fork.cpp): the registry's and every
+// registered handle's section, held by the forking thread, created anew.
+void MavIXRegForkChild(void) {
+    if (mavIPool.iCSRc != THR_RC_OK) return;
+    for (MAV_HDL_NODE* n = mavIPool.pHead; n != nullptr && n->pNext != nullptr; n = n->pNext) {
+        if (n->pHdl->pCS != nullptr) MavIXForkRenewCS(n->pHdl->pCS);
+    }
+    MavIXForkRenewCS(&mavIPool.sCS);
+}

@@ -83,14 +83,20 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(getParameters)(JNIEnv* env, jobject self, job
     GetInt(env, holder, cls.get(), kNumberOfParameters, &count);
     ParamTexts texts;  // cleared once: the value carries over (see ParamTexts)
     for (jint i = 0; i < count && !Pending(env); ++i) {
+        // Copied out under the handle lock: a parameter change on another
+        // thread replaces the entry's text.
         PEL_PARAM* entry = nullptr;
-        MAV_RC rc = MavIGetPelParameterByIndex(hdl, static_cast<uint32_t>(i), &entry);
+        MAV_HDL_REC* owner = MavILockOwner(hdl);
+        MAV_RC rc = owner == nullptr
+                        ? MAV_E_INVALID_HANDLE
+                        : MavIGetPelParameterByIndex(hdl, static_cast<uint32_t>(i), &entry);
+        if (rc == MAV_OK) texts.From(*entry);
+        if (owner != nullptr) MavIUnlockHdl(owner);
         if (rc != MAV_OK) {
             ReportRc(env, holder, cls.get(), rc);
             MAVJNI_EXIT(rc);
             return rc;
         }
-        texts.From(*entry);
         LocalRef<jstring> name(env, NewString(env, texts.name));
         LocalRef<jstring> type(env, NewString(env, texts.type));
         LocalRef<jstring> value(env, NewString(env, texts.Value()));
@@ -120,11 +126,16 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(getParameter)(JNIEnv* env, jobject self, jobj
         LocalRef<jstring> nameStr(env, GetString(env, parameter, paramCls.get(), kParameterName));
         LocalRef<jstring> typeStr(env, GetString(env, parameter, paramCls.get(), kParameterType));
         PEL_PARAM* entry = nullptr;
+        ParamTexts texts;
         {
             Utf name(env, nameStr.get());
             Utf type(env, typeStr.get());
+            // Read and copied under the handle lock (see getParameters).
+            MAV_HDL_REC* owner = name.get() != nullptr ? MavILockOwner(hdl) : nullptr;
             if (name.get() == nullptr) {
                 rc = MAV_E_NULL_PARAM;
+            } else if (owner == nullptr) {
+                rc = MAV_E_INVALID_HANDLE;
             } else {
                 rc = MavIGetPelParameter(hdl, name.get(), 0, &entry);
                 // "BOOL" (0) passes for every parameter; an unknown or missing
@@ -133,11 +144,11 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(getParameter)(JNIEnv* env, jobject self, jobj
                 if (rc == MAV_OK && wanted != VS_TYPE_BOOL && wanted != entry->tType) {
                     rc = MAV_E_INVALID_PARAM_TYPE;
                 }
+                if (rc == MAV_OK) texts.From(*entry);
             }
+            if (owner != nullptr) MavIUnlockHdl(owner);
         }
         if (rc == MAV_OK) {
-            ParamTexts texts;
-            texts.From(*entry);
             SetString(env, parameter, paramCls.get(), kParameterName, texts.name);
             SetString(env, parameter, paramCls.get(), kParameterType, texts.type);
             SetString(env, parameter, paramCls.get(), kParameterValue, texts.Value());

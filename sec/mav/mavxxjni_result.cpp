@@ -112,8 +112,11 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(getInstanceInfo)(JNIEnv* env, jobject self, j
     }
 
     MAV_RC rc = MAV_OK;
-    const PEL_INIT* init = EngineOf(hdl);
-    const PEL_SCANINFO* scan = ScanInfoOf(hdl);
+    // The records are turned into Java objects under the handle lock: a
+    // reload on another thread ends the engine record under it.
+    MAV_HDL_REC* owner = MavILockOwner(hdl);
+    const PEL_INIT* init = owner != nullptr ? EngineOf(hdl) : nullptr;
+    const PEL_SCANINFO* scan = owner != nullptr ? ScanInfoOf(hdl) : nullptr;
     switch (kind) {
         case kKindDrivers:
             MAVJNI_TRC("            return driver info \n");
@@ -166,6 +169,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(getInstanceInfo)(JNIEnv* env, jobject self, j
             MAV_TRC_E("Type unknown, undefined situation\n");
             break;
     }
+    if (owner != nullptr) MavIUnlockHdl(owner);
     ReportRc(env, holder, cls.get(), rc);
     MAVJNI_EXIT(rc);
     return rc;
@@ -202,7 +206,8 @@ MAVJNI_EXPORT jobject JNICALL MAVGATE(getEngine)(JNIEnv* env, jobject self, jobj
     }
     MAV_RC rc = MAV_OK;
     jobject engine = nullptr;
-    const PEL_INIT* init = EngineOf(hdl);
+    MAV_HDL_REC* owner = MavILockOwner(hdl);  // see getInstanceInfo
+    const PEL_INIT* init = owner != nullptr ? EngineOf(hdl) : nullptr;
     if (init == nullptr || init->hEngine == nullptr) {
         MAV_TRC_E("Invalid NULL handle for PEL config\n");
         rc = MAV_E_INVALID_HANDLE;
@@ -219,6 +224,7 @@ MAVJNI_EXPORT jobject JNICALL MAVGATE(getEngine)(JNIEnv* env, jobject self, jobj
             }
         }
     }
+    if (owner != nullptr) MavIUnlockHdl(owner);
     SetInt(env, holder, cls.get(), kRc, rc);
     ReportRc(env, holder, cls.get(), rc);
     MAVJNI_EXIT(rc);

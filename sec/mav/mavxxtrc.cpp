@@ -48,6 +48,7 @@ void MavICreateSections() {
         if (!ThrIsThreaded()) ThrProcInit();
         ThrCSInit2(&trcFileCS);
         ThrCSInit2(&trcBufferCS);
+        MavIXRegisterForkHandlers();
     });
 }
 
@@ -338,3 +339,17 @@ MAV_LOCAL void MavIOpenDefaultTrace(void) {
 }
 
 }  // extern "C"
+
+// Fork handlers (mavxxi_fork.cpp): both sections, in the global order.
+void MavITraceForkLock(void) {
+    MavILockFile();
+    MavILockBuffer();
+}
+void MavITraceForkUnlock(void) {
+    MavIUnlockBuffer();
+    MavIUnlockFile();
+}
+void MavITraceForkChild(void) {
+    MavIXForkRenewCS(&trcBufferCS);
+    MavIXForkRenewCS(&trcFileCS);
+}

@@ -143,8 +143,11 @@ void MavIDumpParams(bool initList, const PEL_PARAMS* list) {
     }
     for (unsigned i = 0; i < count; i++) {
         const PEL_PARAM& param = list->pParams[i];
-        size_t size = 3 * param.lLength + 64;
-        char* value = static_cast<char*>(MavIAlloc(size, true));
+        // The adapter's length is not trusted: one that would wrap the
+        // buffer size dumps no value.
+        bool sane = param.lLength <= (PTRDIFF_MAX - 64) / 3;
+        size_t size = sane ? 3 * param.lLength + 64 : 0;
+        char* value = sane ? static_cast<char*>(MavIAlloc(size, true)) : nullptr;
         size_t length = size;
         if (value != nullptr && MavIGetConfigValue(&param, value, &length) == MAV_OK &&
             length < size) {
@@ -156,6 +159,33 @@ void MavIDumpParams(bool initList, const PEL_PARAMS* list) {
                  value != nullptr ? value : "");
         MavIFree(value);
     }
+}
+
+MAV_RC MavIDumpEngine(const PEL_INIT* init) {
+    const char* fn = kEngineFn;
+    if (init == nullptr) {
+        MAV_DUMP(fn, "PEL_INIT structure is initial\n");
+        return MAV_E_INVALID_HANDLE;
+    }
+    MAV_DUMP(fn, "PEL_INIT---------------------------------------------------------------\n");
+    MavIDumpNum(fn, "struct_size", static_cast<long long>(init->struct_size));
+    MavIDumpPtr(fn, "Engine Handle", init->hEngine);
+    MavIDumpNum(fn, "Num Viruses", init->uiViruses);
+    MavIDumpNum(fn, "Num Extensions", init->uiExtensions);
+    MavIDumpNum(fn, "Num IntRevision", init->uiIntRevision);
+    MavIDumpNum(fn, "Num Signatures", init->uiSignatures);
+    MavIDumpNum(fn, "Num Drivers", init->usDrivers);
+    MavIDumpNum(fn, "Major Version", init->usEngineMajVersion);
+    MavIDumpNum(fn, "Minor Version", init->usEngineMinVersion);
+    MavIDumpText2(fn, "Engine Version", init->pszEngineVersionText);
+    MavIDumpDate(fn, "Engine Date", init->utcDate);
+    MavIDumpNum(fn, "Error Code", init->iErrorRC);
+    MavIDumpText2(fn, "Error Text", init->pszErrorText);
+    MAV_DUMP(fn, "---------------------------------------------------------------PEL_INIT\n");
+    if (init->pDriver != nullptr) {
+        for (unsigned i = 0; i < init->usDrivers; i++) MavIDumpDriver(init->pDriver[i], int(i));
+    }
+    return MAV_OK;
 }
 
 }  // namespace
@@ -201,31 +231,11 @@ MAV_LOCAL MAV_RC MavIXTracePELScanInfo(void* hdl) {
 MAV_LOCAL MAV_RC MavIXTracePELEngine(void* hdl) {
     if (hdl == nullptr) return MAV_E_INVALID_PARAM;
     if (MavIDumpOff()) return MAV_OK;
-    const PEL_INIT* init = MavIDumpInit(hdl);
-    const char* fn = kEngineFn;
-    if (init == nullptr) {
-        MAV_DUMP(fn, "PEL_INIT structure is initial\n");
-        return MAV_E_INVALID_HANDLE;
-    }
-    MAV_DUMP(fn, "PEL_INIT---------------------------------------------------------------\n");
-    MavIDumpNum(fn, "struct_size", static_cast<long long>(init->struct_size));
-    MavIDumpPtr(fn, "Engine Handle", init->hEngine);
-    MavIDumpNum(fn, "Num Viruses", init->uiViruses);
-    MavIDumpNum(fn, "Num Extensions", init->uiExtensions);
-    MavIDumpNum(fn, "Num IntRevision", init->uiIntRevision);
-    MavIDumpNum(fn, "Num Signatures", init->uiSignatures);
-    MavIDumpNum(fn, "Num Drivers", init->usDrivers);
-    MavIDumpNum(fn, "Major Version", init->usEngineMajVersion);
-    MavIDumpNum(fn, "Minor Version", init->usEngineMinVersion);
-    MavIDumpText2(fn, "Engine Version", init->pszEngineVersionText);
-    MavIDumpDate(fn, "Engine Date", init->utcDate);
-    MavIDumpNum(fn, "Error Code", init->iErrorRC);
-    MavIDumpText2(fn, "Error Text", init->pszErrorText);
-    MAV_DUMP(fn, "---------------------------------------------------------------PEL_INIT\n");
-    if (init->pDriver != nullptr) {
-        for (unsigned i = 0; i < init->usDrivers; i++) MavIDumpDriver(init->pDriver[i], int(i));
-    }
-    return MAV_OK;
+    // Dumped under the handle lock: a reload ends the shared engine under it.
+    MAV_HDL_REC* owner = MavILockOwner(hdl);
+    MAV_RC rc = MavIDumpEngine(owner != nullptr ? MavIDumpInit(hdl) : nullptr);
+    if (owner != nullptr) MavIUnlockHdl(owner);
+    return rc;
 }
 
 MAV_LOCAL MAV_RC MavIXTracePELConfig(void* hdl) {

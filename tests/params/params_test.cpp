@@ -319,6 +319,8 @@ TEST_F(Params, ReplacedTextsStayReadableUntilTheConfigurationEnds) {
     const char* before = static_cast<const char*>(entry->pvValue);
     ASSERT_STREQ("exe", before);
     ASSERT_EQ(MAV_OK, Set(hdl, "BLOCKEXTENSIONS", VS_TYPE_CHAR, "zip"));
+    // With an instance in use the change went to new lists: looked up again.
+    ASSERT_EQ(MAV_OK, MavIGetPelParameter(hdl, "BLOCKEXTENSIONS", 0, &entry));
     const char* set = static_cast<const char*>(entry->pvValue);
     ASSERT_EQ(MAV_OK, Set(hdl, "BLOCKEXTENSIONS", VS_TYPE_CHAR, nullptr));
     ASSERT_EQ(MAV_OK, MavSetDefaultConfig(hdl));

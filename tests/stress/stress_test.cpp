@@ -1,6 +1,7 @@
 // Thread stress of the adapter lifecycle: 8 threads mix start-up and
 // shutdown, instance creation and release, pool calls, reloads of one and of
-// all handles and handle-name lookups. Bounded in count and time; stops by
+// all handles, handle-name lookups, scans while the handle's parameters and
+// policy flags change, and engine and parameter readers during reloads. Bounded in count and time; stops by
 // itself and prints what it did. Run under ThreadSanitizer by scripts/tsan.sh.
 #include <gtest/gtest.h>
 
@@ -33,6 +34,8 @@ enum Op {
     kReloadOne,
     kReloadAll,
     kNameLookup,
+    kScanWhileSetting,
+    kReadMetadata,
     kOpCount
 };
 const char* const kOpNames[kOpCount] = {"init+name+instances+end",
@@ -43,7 +46,9 @@ const char* const kOpNames[kOpCount] = {"init+name+instances+end",
                                         "free pool",
                                         "reload one handle",
                                         "reload all handles",
-                                        "handle-name lookup"};
+                                        "handle-name lookup",
+                                        "scan while setting",
+                                        "metadata readers"};
 
 std::atomic<uint64_t> opsDone[kOpCount];
 std::atomic<uint64_t> traceLines{0};
@@ -149,6 +154,41 @@ void Worker(int id, const Shared& s, std::chrono::steady_clock::time_point deadl
                 Expect(MavIXGetHdlSize() >= 2, "MavIXGetHdlSize", MAV_OK);
                 break;
             }
+            case kScanWhileSetting: {
+                // Scans on a pooled instance while the handle's values and
+                // flags change on other threads (read without the lock).
+                MAV_INST i = MavGetInstance(s.full);
+                std::string limit = std::to_string(round);
+                rc = MavSetParameter(s.full, "SCANLIMIT", VS_TYPE_LONG, limit.c_str());
+                Expect(rc == MAV_OK, "MavSetParameter (handle)", rc);
+                MavSetParameter(s.full, "CUST_NOT_SCANNED_AS_WARNING", VS_TYPE_BOOL,
+                                round % 2 ? "1" : "0");
+                MavSetParameter(s.full, "CUST_CLEAN", VS_TYPE_BOOL, round % 3 ? "1" : "0");
+                if (i != nullptr) {
+                    unsigned char bytes[8] = {'s', 't', 'r', 'e', 's', 's', 0, 0};
+                    rc = MavScanBytes(i, "stress", bytes, sizeof bytes, 0, nullptr);
+                    Expect(rc == MAV_OK, "MavScanBytes (pooled)", rc);
+                    rc = MavFreeInstance(&i);
+                    Expect(rc == MAV_OK, "MavFreeInstance (scanned)", rc);
+                }
+                break;
+            }
+            case kReadMetadata: {
+                char text[128];
+                size_t len = sizeof text;
+                MavGetEngineInfo(s.full, nullptr, text, &len, nullptr, nullptr, nullptr);
+                len = sizeof text;
+                MavEnumDriverInfo(s.full, 0, nullptr, text, &len, nullptr, nullptr);
+                MavAdapterErrorCode(s.full);
+                char* err = text;
+                len = sizeof text;
+                MavAdapterErrorText(s.full, &err, &len);
+                if (err != text) MavIFree(err);
+                len = sizeof text;
+                rc = MavGetParameter(s.full, "SCANLIMIT", nullptr, text, &len);
+                Expect(rc == MAV_OK, "MavGetParameter", rc);
+                break;
+            }
             default:
                 break;
         }
@@ -160,6 +200,9 @@ TEST(Stress, MixedLifecycleCallsOnEightThreads) {
     TestPel pel;
     MavSetTraceHandler(CountTrace);
     Shared s{pel.path(), nullptr, nullptr};
+    pel.add_param(0, VS_P_SCANLIMIT, VS_TYPE_LONG, "100");
+    pel.set_engine(1, 2, "stress engine", 1700000000, 42);
+    pel.add_driver("stress driver", 1, 0, 1700000000, 42, 1, 0);
     ASSERT_EQ(MAV_OK, MavInit(s.path, &s.pool));
     pel.set_adapter_info(4711, 1, 2, 1, 0, "Kormo Test", "testpel");
     ASSERT_EQ(MAV_OK, MavInit(s.path, &s.full));

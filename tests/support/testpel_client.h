@@ -44,6 +44,7 @@ struct TestPel {
         TESTPEL_RESOLVE(clear_params);
         TESTPEL_RESOLVE(set_null_param_lists);
         TESTPEL_RESOLVE(add_param);
+        TESTPEL_RESOLVE(set_last_param_length);
         TESTPEL_RESOLVE(fail);
         TESTPEL_RESOLVE(calls);
         TESTPEL_RESOLVE(live_inits);
@@ -100,6 +101,7 @@ struct TestPel {
     decltype(&::tpel_clear_params) clear_params;
     decltype(&::tpel_set_null_param_lists) set_null_param_lists;
     decltype(&::tpel_add_param) add_param;
+    decltype(&::tpel_set_last_param_length) set_last_param_length;
     decltype(&::tpel_fail) fail;
     decltype(&::tpel_calls) calls;
     decltype(&::tpel_live_inits) live_inits;

@@ -74,6 +74,7 @@ class Dump : public ::testing::Test {
         inst_ = MavIXAllocInstRec(false);
         ASSERT_NE(nullptr, hdl_);
         ASSERT_NE(nullptr, inst_);
+        ThrCSInit2(hdl_->pCS);  // as MavInit: engine records are dumped under it
         inst_->pHdl = hdl_;
         inst_->pPelInit = &init_;
         init_.struct_size = sizeof init_;
