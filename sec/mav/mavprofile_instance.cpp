@@ -31,7 +31,7 @@ MAV_CFG* cfgOf(MAV_INST inst) {
 // The instance accepts objects that were not scanned.
 bool notScannedAccepted(MAV_INST inst) {
     MAV_CFG* cfg = cfgOf(inst);
-    return cfg != nullptr && cfg->bNotScannedAsWarning == 1;
+    return cfg != nullptr && MavICfgFlag(&cfg->bNotScannedAsWarning) == 1;
 }
 
 // Text of the first infection (infection true) or scan error of the last scan;
@@ -171,9 +171,9 @@ MAV_RC MavInstance::walk(uint32_t scanCode, const char* fileName, unsigned char*
     MAV_RC rc = WalkSteps(instances, linkage, [&](size_t i) {
         MAV_INST inst = instances[i];
         MAV_CFG* cfg = cfgOf(inst);
-        uint32_t action = cfg != nullptr ? cfg->uiDefaultAction : 0;
+        uint32_t action = cfg != nullptr ? MavICfgAction(cfg) : 0;
         MAV_SCANINFO* info = &scanInfo;
-        if (!alwaysInfo && cfg != nullptr && cfg->bNoScanInfo == 1) info = nullptr;
+        if (!alwaysInfo && cfg != nullptr && MavICfgFlag(&cfg->bNoScanInfo) == 1) info = nullptr;
         current = static_cast<int32_t>(i);
         if (scanCode == VS_SC_FILE) {
             return MavScanClean(inst, VS_SC_FILE, action, nullptr, fileName, nullptr, nullptr, 0,
@@ -195,7 +195,7 @@ MAV_RC MavInstance::scan(const unsigned char* bytes, unsigned long length, const
     bool cleans = false;
     for (MAV_INST inst : instances) {
         MAV_CFG* cfg = cfgOf(inst);
-        if (cfg != nullptr && (cfg->uiDefaultAction & VS_A_CLEAN) != 0) cleans = true;
+        if (cfg != nullptr && (MavICfgAction(cfg) & VS_A_CLEAN) != 0) cleans = true;
     }
     if (!cleans || bytes == nullptr) {
         return walk(VS_SC_BYTES, nullptr, const_cast<unsigned char*>(bytes), &len, objectName,
