@@ -185,6 +185,21 @@ void Farm::MarkGood(size_t i) {
     shared_[i]->down = false;
 }
 
+bool Farm::ShouldMove() const {
+    if (bound_ == kNone) return false;
+    Registry& r = Reg();
+    std::lock_guard<std::mutex> g(r.lock);
+    const Clock::time_point now = Clock::now();
+    if (DownNow(shared_[bound_], now)) return true;
+    const uint32_t mine = shared_[bound_]->bound;
+    for (size_t i = 0; i < shared_.size(); ++i) {
+        if (i == bound_ || DownNow(shared_[i], now)) continue;
+        if (mode_ == FarmMode::kOrdered) return i < bound_;
+        if (shared_[i]->bound + 1 < mine) return true;
+    }
+    return false;
+}
+
 bool Farm::IsUp(size_t i) const {
     if (i >= shared_.size()) return false;
     Registry& r = Reg();

@@ -93,6 +93,11 @@ class Farm {
     // reconnectSeconds. MarkGood: it answered, so it is up again.
     void MarkFailed(size_t i);
     void MarkGood(size_t i);
+    // True when the bound server should be left for another: it is down, or
+    // (spread) another usable server has at least two fewer instances bound,
+    // or (ordered) a server before it in the list is usable again. Lets
+    // instances come back to a server that was down.
+    bool ShouldMove() const;
     // True when server i is not marked down now.
     bool IsUp(size_t i) const;
     void SetVersion(size_t i, const std::string& version);
