@@ -44,10 +44,10 @@ constexpr uint32_t kAdapterId = 0x434c4401u;  // "CLD", 1
 constexpr uint32_t kInitMark = 0x43444e49u;
 constexpr uint32_t kResultMark = 0x43445253u;  // "CDRS"
 const char kDefaultServers[] = "unix:/var/run/clamav/clamd.ctl";
-constexpr uint32_t kDefaultTimeout = 30;    // seconds per request
-constexpr uint32_t kDefaultReconnect = 10;  // seconds before a failed server is tried again
-const char kDefaultMode[] = "spread";        // INITENGINES: spread or ordered
-constexpr uint32_t kBackoffMs = 1000;        // all servers down: next try after this
+constexpr uint32_t kDefaultTimeout = 30;       // seconds per request
+constexpr uint32_t kDefaultReconnect = 10;     // seconds before a failed server is tried again
+const char kDefaultMode[] = "spread";          // INITENGINES: spread or ordered
+constexpr uint32_t kBackoffMs = 1000;          // all servers down: next try after this
 constexpr uint64_t kDefaultLimit = 25u << 20;  // SCANLIMIT, as clamd's StreamMaxLength
 const char kStreamPrefix[] = "stream: ";
 const char kFound[] = " FOUND";
@@ -81,7 +81,8 @@ Verdict ReadVerdict(const std::string& reply, std::string* body) {
     // A server without descriptor passing, or one that did not get the
     // descriptor, refuses the command itself.
     if (body->find("UNKNOWN COMMAND") != std::string::npos ||
-        body->find("FILDES") != std::string::npos || body->find("file descriptor") != std::string::npos)
+        body->find("FILDES") != std::string::npos ||
+        body->find("file descriptor") != std::string::npos)
         return Verdict::kRefused;
     if (EndsWith(*body, " ERROR")) return Verdict::kServerError;
     return Verdict::kMalformed;
@@ -113,7 +114,8 @@ std::string UtcText(int64_t t) {
     std::time_t tt = static_cast<std::time_t>(t);
     std::tm tm;
     char buf[40];
-    if (gmtime_r(&tt, &tm) == nullptr || std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S UTC", &tm) == 0)
+    if (gmtime_r(&tt, &tm) == nullptr ||
+        std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S UTC", &tm) == 0)
         return std::to_string(t);
     return buf;
 }
@@ -122,9 +124,9 @@ std::string UtcText(int64_t t) {
 struct Object {
     bool memory = false;
     Source src;
-    int memfd = -1;       // memory object as a sealed memory file, made on demand
+    int memfd = -1;  // memory object as a sealed memory file, made on demand
     bool memfdTried = false;
-    struct stat before;   // a file as it was before the scan
+    struct stat before;  // a file as it was before the scan
     ~Object() {
         if (memfd >= 0) close(memfd);
     }
@@ -192,7 +194,8 @@ size_t Instance::Connect(std::vector<bool>* tried, bool askVersion, std::string*
         std::string why;
         size_t i = farm_.Pick(*tried, &why);
         if (i == Farm::kNone) {
-            if (reasons->empty() || why.compare(0, 5, "every") == 0) AddReason(reasons, "farm", why);
+            if (reasons->empty() || why.compare(0, 5, "every") == 0)
+                AddReason(reasons, "farm", why);
             return Farm::kNone;
         }
         (*tried)[i] = true;
@@ -238,8 +241,8 @@ void Instance::Probe() {
 
 // Engine numbers out of "ClamAV 1.4.6/27400/Thu Nov 20 08:37:01 2025"; the
 // database parts are absent when the server has no official database.
-void ParseVersion(const std::string& version, uint16_t* major, uint16_t* minor,
-                  uint32_t* revision, int64_t* date) {
+void ParseVersion(const std::string& version, uint16_t* major, uint16_t* minor, uint32_t* revision,
+                  int64_t* date) {
     unsigned ma = 0, mi = 0;
     if (std::sscanf(version.c_str(), "ClamAV %u.%u", &ma, &mi) == 2) {
         *major = static_cast<uint16_t>(ma);
@@ -307,7 +310,8 @@ int Instance::Start(const PEL_INITPARAMS* params) {
     std::vector<bool> tried;
     std::string version, reasons;
     if (Connect(&tried, true, &version, &reasons) == Farm::kNone)
-        return Fail(kLoadFailed, "No clamd server reachable (INITSERVERS=" + list + "): " + reasons);
+        return Fail(kLoadFailed,
+                    "No clamd server reachable (INITSERVERS=" + list + "): " + reasons);
     TakeVersion(version);
     Probe();
     DescribeFarm();
@@ -340,8 +344,8 @@ Connection::Outcome Instance::Send(Object* obj, std::string* reply, std::string*
     return conn_.Stream(obj->src, timeoutMs_, reply, error);
 }
 
-int Instance::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param,
-                   const PEL_OPTPARAMS* options, PEL_SCANINFO** out) {
+int Instance::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, const PEL_OPTPARAMS* options,
+                   PEL_SCANINFO** out) {
     if (out != nullptr) *out = nullptr;
     Object obj;
     if (int bad = CheckScanParam(param, &obj.memory); bad != kOk) return bad;
@@ -368,9 +372,9 @@ int Instance::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param,
         rc = kScanFailed;
     } else if (limit != 0 && obj.src.length > limit) {
         rc = kNotScanned;
-        result->AddScanError(kNotScanned, "Not scanned: the object of " +
-                                              std::to_string(obj.src.length) +
-                                              " bytes exceeds SCANLIMIT (" + std::to_string(limit) + ")");
+        result->AddScanError(kNotScanned,
+                             "Not scanned: the object of " + std::to_string(obj.src.length) +
+                                 " bytes exceeds SCANLIMIT (" + std::to_string(limit) + ")");
     } else {
         result->SetContent(NameExtension(name), "", "");  // no content typing
         rc = ScanOnFarm(&obj, param, result.get(), &engineError);
@@ -464,9 +468,8 @@ int Instance::ScanOnFarm(Object* obj, const PEL_SCANPARAM* param, ScanResult* re
         switch (v) {
             case Verdict::kClean:
                 if (byFd && !obj->memory && Changed(*obj)) {
-                    result->AddScanError(kNotScanned,
-                                         "Not scanned: the file changed while " + server +
-                                             " read it");
+                    result->AddScanError(
+                        kNotScanned, "Not scanned: the file changed while " + server + " read it");
                     return kNotScanned;
                 }
                 farm_.MarkGood(i);
@@ -539,8 +542,9 @@ void Build() {
     g.initList = ParamList(g.initParams, 4);
     g.optParams[0] = NumberParam(VS_P_SCANLIMIT, VS_TYPE_SIZE_T, kDefaultLimit);
     g.optList = ParamList(g.optParams, 1);
-    g.config = Config(&g.info, PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY, VS_A_SCAN,
-                      VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR, &g.initList, &g.optList);
+    g.config =
+        Config(&g.info, PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY, VS_A_SCAN,
+               VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR, &g.initList, &g.optList);
     g.built = true;
 }
 

@@ -96,7 +96,9 @@ bool ParseServerList(const std::string& list, const char* paramName,
     return true;
 }
 
-Farm::~Farm() { Unbind(); }
+Farm::~Farm() {
+    Unbind();
+}
 
 bool Farm::Configure(const std::string& list, const char* paramName, FarmMode mode,
                      uint32_t reconnectSeconds, uint32_t backoffMs, std::string* error) {
