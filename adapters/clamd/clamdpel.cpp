@@ -154,18 +154,19 @@ class Instance {
         block_.init.pszErrorText = errorText_.c_str();
         return rc;
     }
-    // Connects to the server the farm picks for new work, skipping those in
-    // tried (which it marks); the server's index, or Farm::kNone with the
-    // reasons appended.
+    // Connects to the server the farm picks for a new instance, skipping
+    // those in tried (which it marks), and binds to it; the server's index,
+    // or Farm::kNone with the reasons appended.
     size_t Connect(std::vector<bool>* tried, bool askVersion, std::string* version,
                    std::string* reasons);
     // Asks every server whose version is not known yet (for the engine info).
     void Probe();
     void TakeVersion(const std::string& version);
     void DescribeFarm();
-    // One request for obj on the connected server: by descriptor when the
-    // server is local and takes them, else INSTREAM.
-    Connection::Outcome Send(Object* obj, std::string* reply, std::string* error, bool* byFd);
+    // One request for obj on c: by descriptor when the server is local and
+    // takes them, else INSTREAM.
+    Connection::Outcome Send(Connection& c, Object* obj, std::string* reply, std::string* error,
+                             bool* byFd);
     // Sends the object to servers of the farm until one gives a verdict.
     int ScanOnFarm(Object* obj, const PEL_SCANPARAM* param, ScanResult* result,
                    std::string* engineError);
@@ -174,7 +175,7 @@ class Instance {
     Farm farm_;
     std::vector<bool> noFd_;  // servers that refused a descriptor
     uint32_t timeoutMs_ = kDefaultTimeout * 1000;
-    Connection conn_;
+    std::vector<std::unique_ptr<Connection>> conns_;  // a session per server, opened on demand
     std::string versionText_;
     std::string errorText_;
     std::vector<std::string> serverTexts_;
@@ -187,7 +188,6 @@ void AddReason(std::string* reasons, const std::string& server, const std::strin
 
 size_t Instance::Connect(std::vector<bool>* tried, bool askVersion, std::string* version,
                          std::string* reasons) {
-    conn_.Close();
     farm_.Unbind();
     tried->resize(farm_.Size(), false);
     for (;;) {
@@ -200,13 +200,14 @@ size_t Instance::Connect(std::vector<bool>* tried, bool askVersion, std::string*
         }
         (*tried)[i] = true;
         const ServerAddress& a = farm_.Address(i);
+        Connection& c = *conns_[i];
         std::string error, reply;
-        if (conn_.Open(a, i, timeoutMs_, &error)) {
+        if (c.Open(a, i, timeoutMs_, &error)) {
             if (!askVersion) {
                 farm_.Bind(i);
                 return i;
             }
-            if (conn_.Command("zVERSION", timeoutMs_, &reply, &error) == Connection::kReply) {
+            if (c.Command("zVERSION", timeoutMs_, &reply, &error) == Connection::kReply) {
                 if (reply.compare(0, 7, "ClamAV ") == 0) {
                     farm_.MarkGood(i);
                     farm_.SetVersion(i, reply);
@@ -216,7 +217,7 @@ size_t Instance::Connect(std::vector<bool>* tried, bool askVersion, std::string*
                 }
                 error = "unexpected reply to VERSION: " + reply;
             }
-            conn_.Close();
+            c.Close();
         }
         farm_.MarkFailed(i);
         AddReason(reasons, a.text, error);
@@ -306,6 +307,8 @@ int Instance::Start(const PEL_INITPARAMS* params) {
                          std::min<uint32_t>(kBackoffMs, reconnect * 1000u), &error))
         return Fail(kInvalidParam, error);
     noFd_.assign(farm_.Size(), false);
+    conns_.clear();
+    for (size_t i = 0; i < farm_.Size(); ++i) conns_.emplace_back(new Connection());
 
     std::vector<bool> tried;
     std::string version, reasons;
@@ -315,15 +318,15 @@ int Instance::Start(const PEL_INITPARAMS* params) {
     TakeVersion(version);
     Probe();
     DescribeFarm();
-    block_.init.hEngine = &conn_;
+    block_.init.hEngine = this;
     return kOk;
 }
 
-Connection::Outcome Instance::Send(Object* obj, std::string* reply, std::string* error,
-                                   bool* byFd) {
-    const size_t i = conn_.Server();
+Connection::Outcome Instance::Send(Connection& c, Object* obj, std::string* reply,
+                                   std::string* error, bool* byFd) {
+    const size_t i = c.Server();
     *byFd = false;
-    if (conn_.Local() && !noFd_[i]) {
+    if (c.Local() && !noFd_[i]) {
         int fd = obj->src.fd;
         if (obj->memory && obj->src.length == 0) {
             fd = -1;  // clamd refuses an empty descriptor; an empty stream is fine
@@ -338,10 +341,10 @@ Connection::Outcome Instance::Send(Object* obj, std::string* reply, std::string*
         }
         if (fd >= 0) {
             *byFd = true;
-            return conn_.Fildes(fd, timeoutMs_, reply, error);
+            return c.Fildes(fd, timeoutMs_, reply, error);
         }
     }
-    return conn_.Stream(obj->src, timeoutMs_, reply, error);
+    return c.Stream(obj->src, timeoutMs_, reply, error);
 }
 
 int Instance::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, const PEL_OPTPARAMS* options,
@@ -402,41 +405,43 @@ int Instance::ScanOnFarm(Object* obj, const PEL_SCANPARAM* param, ScanResult* re
                          std::string* engineError) {
     std::vector<bool> tried(farm_.Size(), false);
     std::string reasons;
-    size_t i = Farm::kNone;
-    bool fresh = false;
-    // Stay on the bound server unless it went down or the farm is out of
-    // balance (a server came back): then the farm picks again.
-    if (conn_.IsOpen() && !farm_.ShouldMove()) {
-        i = conn_.Server();
-        if (!conn_.Alive()) {
-            // The server closed the idle session (timeout, restart): reopen.
-            std::string error;
-            fresh = true;
-            if (!conn_.Open(farm_.Address(i), i, timeoutMs_, &error)) {
-                farm_.MarkFailed(i);
-                tried[i] = true;
-                AddReason(&reasons, farm_.Address(i).text, error);
-                i = Farm::kNone;
-            }
-        }
-    }
+    // Leave a bound server that went down, or a crowded one when another
+    // came back: the binding decides ties between equally busy servers.
+    // (It binds again to the server that gives the next verdict.)
+    if (farm_.ShouldMove()) farm_.Unbind();
     for (;;) {
+        std::string why;
+        const size_t i = farm_.Acquire(tried, &why);
         if (i == Farm::kNone) {
-            std::string unused;
-            i = Connect(&tried, false, &unused, &reasons);
-            if (i == Farm::kNone) break;
-            fresh = true;
+            if (reasons.empty() || why.compare(0, 5, "every") == 0)
+                AddReason(&reasons, "farm", why);
+            break;
         }
+        struct Busy {  // the object counts on server i until this iteration ends
+            Farm* farm;
+            size_t i;
+            ~Busy() { farm->Release(i); }
+        } busy{&farm_, i};
         tried[i] = true;
+        Connection& c = *conns_[i];
         const std::string server = farm_.Address(i).text;
         std::string reply, error;
+        bool fresh = false;
+        if (!c.IsOpen() || !c.Alive()) {
+            // New, or closed by the server while idle (timeout, restart).
+            fresh = true;
+            if (!c.Open(farm_.Address(i), i, timeoutMs_, &error)) {
+                farm_.MarkFailed(i);
+                AddReason(&reasons, server, error);
+                continue;
+            }
+        }
         bool byFd = false;
-        Connection::Outcome o = Send(obj, &reply, &error, &byFd);
+        Connection::Outcome o = Send(c, obj, &reply, &error, &byFd);
         if (o == Connection::kFailed && !fresh) {
             // The kept session may have gone stale: one fresh try.
-            fresh = true;
-            if (conn_.Open(farm_.Address(i), i, timeoutMs_, &error))
-                o = Send(obj, &reply, &error, &byFd);
+            if (c.Open(farm_.Address(i), i, timeoutMs_, &error))
+                o = Send(c, obj, &reply, &error, &byFd);
         }
         if (o == Connection::kSourceFailed) {
             *engineError = "Cannot read " + std::string(param->pszObjectName) + ": " + error;
@@ -447,22 +452,20 @@ int Instance::ScanOnFarm(Object* obj, const PEL_SCANPARAM* param, ScanResult* re
             return kNotScanned;
         }
         if (o == Connection::kFailed) {
+            c.Close();
             farm_.MarkFailed(i);
             AddReason(&reasons, server, error);
-            i = Farm::kNone;
             continue;
         }
         std::string body;
         Verdict v = ReadVerdict(reply, &body);
+        if (farm_.Bound() == Farm::kNone && v != Verdict::kMalformed) farm_.Bind(i);
         if (v == Verdict::kRefused && byFd) {
             // No descriptors on this server: INSTREAM from now on, on a new
             // session (clamd ends one after a refused command).
             noFd_[i] = true;
-            if (!conn_.Open(farm_.Address(i), i, timeoutMs_, &error)) {
-                farm_.MarkFailed(i);
-                AddReason(&reasons, server, error);
-                i = Farm::kNone;
-            }
+            c.Close();
+            tried[i] = false;
             continue;
         }
         switch (v) {
@@ -472,7 +475,6 @@ int Instance::ScanOnFarm(Object* obj, const PEL_SCANPARAM* param, ScanResult* re
                         kNotScanned, "Not scanned: the file changed while " + server + " read it");
                     return kNotScanned;
                 }
-                farm_.MarkGood(i);
                 return kOk;
             case Verdict::kFound: {
                 std::string virus = body.substr(0, body.size() - (sizeof kFound - 1));
@@ -483,7 +485,7 @@ int Instance::ScanOnFarm(Object* obj, const PEL_SCANPARAM* param, ScanResult* re
             }
             case Verdict::kNotScanned:
                 if (body.find("size limit exceeded") != std::string::npos) {
-                    conn_.Close();  // clamd ends the session after refusing a stream
+                    c.Close();  // clamd ends the session after refusing a stream
                     result->AddScanError(
                         kNotScanned, "Not scanned: the object exceeds the stream size limit of " +
                                          server + " (StreamMaxLength): " + body);
@@ -502,8 +504,7 @@ int Instance::ScanOnFarm(Object* obj, const PEL_SCANPARAM* param, ScanResult* re
                 AddReason(&reasons, server, "malformed reply \"" + body + "\"");
                 break;
         }
-        conn_.Close();
-        i = Farm::kNone;
+        c.Close();
     }
     *engineError = "No clamd server could scan the object: " + reasons;
     return kScanFailed;

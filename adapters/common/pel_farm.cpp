@@ -18,6 +18,7 @@ struct Farm::Shared {
     bool down = false;
     uint32_t bound = 0;
     uint64_t picks = 0;
+    uint32_t busy = 0;
     std::string version;
 };
 
@@ -121,12 +122,36 @@ bool Farm::Configure(const std::string& list, const char* paramName, FarmMode mo
 }
 
 size_t Farm::Pick(const std::vector<bool>& tried, std::string* why) {
+    return Choose(tried, false, why);
+}
+
+size_t Farm::Acquire(const std::vector<bool>& tried, std::string* why) {
+    return Choose(tried, true, why);
+}
+
+void Farm::Release(size_t i) {
+    if (i >= shared_.size()) return;
+    Registry& r = Reg();
+    std::lock_guard<std::mutex> g(r.lock);
+    if (shared_[i]->busy > 0) --shared_[i]->busy;
+}
+
+size_t Farm::Choose(const std::vector<bool>& tried, bool byBusy, std::string* why) {
     Registry& r = Reg();
     std::lock_guard<std::mutex> g(r.lock);
     const Clock::time_point now = Clock::now();
     size_t best = kNone;
     size_t retry = kNone;  // the down server whose time ends first
     size_t untried = 0;
+    // Spread mode orders usable servers by (busy objects, when byBusy; not
+    // the bound server; bound instances), ties in list order. The instance's
+    // own binding does not count against its server.
+    auto key = [&](size_t i) {
+        const Shared* s = shared_[i];
+        uint64_t bound = s->bound - (i == bound_ ? 1u : 0u);
+        uint64_t busy = byBusy ? s->busy : 0;
+        return (busy << 33) | (uint64_t(byBusy && i != bound_) << 32) | bound;
+    };
     for (size_t i = 0; i < shared_.size(); ++i) {
         if (i < tried.size() && tried[i]) continue;
         ++untried;
@@ -135,10 +160,7 @@ size_t Farm::Pick(const std::vector<bool>& tried, std::string* why) {
             if (retry == kNone || s->downUntil < shared_[retry]->downUntil) retry = i;
             continue;
         }
-        // The instance's own binding does not count against its server.
-        uint32_t load = s->bound - (i == bound_ ? 1u : 0u);
-        uint32_t bestLoad = best == kNone ? 0 : shared_[best]->bound - (best == bound_ ? 1u : 0u);
-        if (best == kNone || (mode_ == FarmMode::kSpread && load < bestLoad)) best = i;
+        if (best == kNone || (mode_ == FarmMode::kSpread && key(i) < key(best))) best = i;
         if (mode_ == FarmMode::kOrdered) break;
     }
     if (best == kNone && retry != kNone) {
@@ -156,7 +178,10 @@ size_t Farm::Pick(const std::vector<bool>& tried, std::string* why) {
     } else if (best == kNone && why != nullptr) {
         *why = untried == 0 ? "every server was tried" : "no usable server";
     }
-    if (best != kNone) ++shared_[best]->picks;
+    if (best != kNone) {
+        ++shared_[best]->picks;
+        if (byBusy) ++shared_[best]->busy;
+    }
     return best;
 }
 
@@ -233,6 +258,7 @@ std::vector<FarmServerState> Farm::Snapshot() const {
         }
         st.bound = s->bound;
         st.picks = s->picks;
+        st.busy = s->busy;
         st.version = s->version;
         out.push_back(st);
     }

@@ -53,6 +53,7 @@ struct FarmServerState {
     int64_t downUntil = 0;  // wall-clock seconds (time_t) while down, else 0
     uint32_t bound = 0;     // instances of this process bound to it
     uint64_t picks = 0;     // times it was chosen for work
+    uint32_t busy = 0;      // objects of this process on it now (Acquire)
     std::string version;    // last version text the adapter reported, may be empty
 };
 
@@ -83,6 +84,14 @@ class Farm {
     // passed, the one whose down time ends first is returned (a retry).
     size_t Pick(const std::vector<bool>& tried, std::string* why);
 
+    // The server for one object: like Pick, but in spread mode the usable
+    // server with the fewest objects of this process on it now, ties to the
+    // bound server, then in list order. Counts the object on it until
+    // Release(i). Instances that keep a session per server use it to spread
+    // objects evenly however fast each instance works.
+    size_t Acquire(const std::vector<bool>& tried, std::string* why);
+    void Release(size_t i);
+
     // Counts this farm's instance as bound to server i (kNone: to none);
     // moves the count when already bound elsewhere. One binding per Farm.
     void Bind(size_t i);
@@ -111,6 +120,7 @@ class Farm {
     struct Shared;  // process-wide state of one address (internal)
 
   private:
+    size_t Choose(const std::vector<bool>& tried, bool byBusy, std::string* why);
     std::vector<ServerAddress> servers_;
     std::vector<Shared*> shared_;
     FarmMode mode_ = FarmMode::kSpread;
