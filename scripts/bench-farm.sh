@@ -91,6 +91,9 @@ echo "corpus: $files files, $corpus_mb MiB; $(nproc) CPUs; load average before: 
 
 echo
 echo "== 1. One clamd: mavscan through the clamd adapter against clamdscan --multiscan --fdpass =="
+# Warm-up (page cache, clamd's first requests), not timed.
+seconds clamdscan --multiscan --fdpass --no-summary --quiet --config-file="$work/a.conf" "$work/corpus" >/dev/null
+seconds mavscan "unix:$work/a.sock" 4 >/dev/null
 declare -A ratios
 for r in $(seq 1 "$rounds"); do
     ref=0

@@ -427,8 +427,9 @@ int Instance::ScanOnFarm(Object* obj, const PEL_SCANPARAM* param, ScanResult* re
         const std::string server = farm_.Address(i).text;
         std::string reply, error;
         bool fresh = false;
-        if (!c.IsOpen() || !c.Alive()) {
-            // New, or closed by the server while idle (timeout, restart).
+        if (!c.IsOpen()) {
+            // A kept session that the server closed while idle (timeout,
+            // restart) shows when the request fails: then one fresh try.
             fresh = true;
             if (!c.Open(farm_.Address(i), i, timeoutMs_, &error)) {
                 farm_.MarkFailed(i);

@@ -6,6 +6,8 @@
 
 #include <sys/un.h>
 
+#include <climits>
+#include <cstdint>
 #include <ctime>
 #include <map>
 #include <mutex>
@@ -143,14 +145,23 @@ size_t Farm::Choose(const std::vector<bool>& tried, bool byBusy, std::string* wh
     size_t best = kNone;
     size_t retry = kNone;  // the down server whose time ends first
     size_t untried = 0;
-    // Spread mode orders usable servers by (busy objects, when byBusy; not
-    // the bound server; bound instances), ties in list order. The instance's
-    // own binding does not count against its server.
+    // Spread mode, for an instance: the fewest bound instances (its own
+    // binding does not count against its server). For an object (byBusy):
+    // among the servers at most one object busier than the least busy, the
+    // one that got the fewest objects so far, so shares stay even when one
+    // server is a little faster, and a stuck server is left alone; then the
+    // bound server. Ties in list order.
+    uint32_t leastBusy = UINT32_MAX;
+    for (size_t i = 0; byBusy && i < shared_.size(); ++i) {
+        if ((i < tried.size() && tried[i]) || DownNow(shared_[i], now)) continue;
+        if (shared_[i]->busy < leastBusy) leastBusy = shared_[i]->busy;
+    }
     auto key = [&](size_t i) {
         const Shared* s = shared_[i];
-        uint64_t bound = s->bound - (i == bound_ ? 1u : 0u);
-        uint64_t busy = byBusy ? s->busy : 0;
-        return (busy << 33) | (uint64_t(byBusy && i != bound_) << 32) | bound;
+        if (!byBusy) return uint64_t(s->bound - (i == bound_ ? 1u : 0u));
+        uint64_t crowded = s->busy > leastBusy + 1 ? 1 : 0;
+        uint64_t picks = s->picks < (uint64_t(1) << 61) ? s->picks : (uint64_t(1) << 61) - 1;
+        return (crowded << 62) | (picks << 1) | uint64_t(i != bound_);
     };
     for (size_t i = 0; i < shared_.size(); ++i) {
         if (i < tried.size() && tried[i]) continue;

@@ -84,11 +84,12 @@ class Farm {
     // passed, the one whose down time ends first is returned (a retry).
     size_t Pick(const std::vector<bool>& tried, std::string* why);
 
-    // The server for one object: like Pick, but in spread mode the usable
-    // server with the fewest objects of this process on it now, ties to the
-    // bound server, then in list order. Counts the object on it until
-    // Release(i). Instances that keep a session per server use it to spread
-    // objects evenly however fast each instance works.
+    // The server for one object: like Pick, but in spread mode, among the
+    // usable servers at most one object busier than the least busy one (so
+    // a stuck server is left alone), the one that got the fewest objects of
+    // this process so far; ties to the bound server, then in list order. The
+    // shares stay even when one server is a little faster. Counts the object
+    // on the server until Release(i).
     size_t Acquire(const std::vector<bool>& tried, std::string* why);
     void Release(size_t i);
 
