@@ -251,6 +251,7 @@ Connection::Outcome Connection::Finish(uint32_t id, Clock::time_point deadline, 
     for (;;) {
         std::string line;
         if (!ReadReply(deadline, limited, &line, error)) return kFailed;
+        lastUsed_ = Clock::now();
         if (line.compare(0, prefix.size(), prefix) == 0) {
             *reply = line.substr(prefix.size());
             return kReply;

@@ -57,6 +57,8 @@ class Connection {
     void Close();
     // False when the server has closed the idle session.
     bool Alive();
+    // How long ago the last reply came.
+    Clock::duration Idle() const { return Clock::now() - lastUsed_; }
 
     // One command of the session; the reply comes back without its id.
     Outcome Command(const char* command, uint32_t timeoutMs, std::string* reply,
@@ -83,6 +85,7 @@ class Connection {
     size_t server_ = 0;
     uint32_t nextId_ = 1;
     std::string pending_;  // received bytes not yet taken as a reply
+    Clock::time_point lastUsed_{};
 };
 
 }  // namespace clamdpel

@@ -427,6 +427,10 @@ int Instance::ScanOnFarm(Object* obj, const PEL_SCANPARAM* param, ScanResult* re
         const std::string server = farm_.Address(i).text;
         std::string reply, error;
         bool fresh = false;
+        // A session idle for a while may have been closed by the server
+        // (IdleTimeout, restart): looked at before use. Busy sessions are
+        // not polled; a failed request on them is tried once more anyway.
+        if (c.IsOpen() && c.Idle() > std::chrono::seconds(1) && !c.Alive()) c.Close();
         if (!c.IsOpen()) {
             // A kept session that the server closed while idle (timeout,
             // restart) shows when the request fails: then one fresh try.
