@@ -83,7 +83,17 @@ seconds() { # command... -> wall seconds; fails when the command does not exit 0
 }
 median() { tr ' ' '\n' | grep -v '^$' | sort -g | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
 mavscan() { "$build/mavscan" -q --adapter "$build/libkormoclamd.so" --set "INITSERVERS=$1" "${@:3}" -j "$2" "$work/corpus"; }
-served() { grep -c ': OK$' "$work/$1.log" || true; }
+served() { # results in a server's log, once clamd has written them all
+    local n m
+    n=$(grep -c ': OK$' "$work/$1.log" || true)
+    for _ in $(seq 1 50); do
+        sleep 0.2
+        m=$(grep -c ': OK$' "$work/$1.log" || true)
+        [ "$m" = "$n" ] && break
+        n=$m
+    done
+    echo "$n"
+}
 
 start_clamd a
 start_clamd b
