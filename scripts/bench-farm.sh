@@ -61,6 +61,7 @@ DatabaseDirectory $work/db
 TemporaryDirectory $work
 LogFile $work/$1.log
 LogClean yes
+LogFileMaxSize 0
 MaxThreads 4
 AlertExceedsMax yes
 CONF
