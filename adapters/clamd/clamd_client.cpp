@@ -22,6 +22,7 @@ namespace clamdpel {
 namespace {
 
 constexpr size_t kChunk = 256 * 1024;
+constexpr size_t kMaxReply = 64 * 1024;  // replies are one line: a name or a message
 
 // Milliseconds left until deadline for poll: -1 without limit, 0 when past.
 int Remaining(Clock::time_point deadline, bool limited) {
@@ -189,6 +190,10 @@ bool Connection::SendAll(const void* data, size_t length, Clock::time_point dead
                     *replied = true;
                     return true;
                 }
+                if (pending_.size() > kMaxReply) {
+                    *error = "reply longer than " + std::to_string(kMaxReply) + " bytes";
+                    return false;
+                }
                 continue;
             }
             if (n == 0) {
@@ -228,6 +233,12 @@ bool Connection::ReadReply(Clock::time_point deadline, bool limited, std::string
             *reply = pending_.substr(0, nul);
             pending_.erase(0, nul + 1);
             return true;
+        }
+        if (pending_.size() > kMaxReply) {
+            // No clamd reply is that long: a server that sends without end
+            // must not take the process's memory.
+            *error = "reply longer than " + std::to_string(kMaxReply) + " bytes";
+            return false;
         }
         short revents = 0;
         if (!Wait(fd_, POLLIN, deadline, limited, &revents, error)) return false;
