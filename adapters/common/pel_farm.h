@@ -9,6 +9,13 @@
  * instances. Protocol-free: the adapter connects, scans and reports back with
  * MarkFailed / MarkGood.
  *
+ * Use: Configure once per instance; at the instance's start Pick a server,
+ * connect, and Bind to it (MarkFailed and Pick again when it does not
+ * answer); per object Acquire a server (skipping those already tried for
+ * it), send, Release, and MarkFailed on a server failure before trying the
+ * next; ShouldMove tells when the binding is stale; Snapshot feeds the
+ * engine information.
+ *
  * Thread-safe: one process-wide lock, taken last (nothing else is locked
  * while it is held), so it fits under any lock an adapter holds.
  *
