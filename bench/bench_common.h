@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "kormomav.h"
 #include "kormopel.h"
@@ -33,6 +34,7 @@ struct alignas(64) Buffer {
 struct Env {
     MAV_HANDLE hdl = nullptr;
     MAV_INST inst[kMaxThreads] = {};
+    MAV_INST profileInst[kMaxThreads] = {};
     PEL_SCAN_FN scan = nullptr;
     PEL_RELEASESCAN_FN release = nullptr;
     DirectSlot direct[kMaxThreads];
@@ -73,7 +75,32 @@ struct Env {
         }
     }
 
+    // Profile instances of a profile with one step over one provider of the
+    // same adapter, for the profile runtime's cost.
+    void openProfiles(const char* adapter) {
+        std::string config =
+            "mav.defaults.profile=P\nmav.profile.P=P\nmav.profile.P.Active=true\n"
+            "mav.profile.P.ProfileLinkage=0\nmav.profile.P.ProfileSteps.0=0\n"
+            "mav.profile.P.ProfileSteps.0.ProfileEntryType=0\n"
+            "mav.profile.P.ProfileSteps.0.ProfileEntryValue=G\nmav.group.G=G\n"
+            "mav.provider.Pelmark.Adapters.A=A\nmav.provider.Pelmark.Adapters.A.Group=G\n"
+            "mav.provider.Pelmark.Adapters.A.Active=true\n"
+            "mav.provider.Pelmark.Adapters.A.PoolMaxInstances=2\n"
+            "mav.provider.Pelmark.Adapters.A.AdapterPath=";
+        config += adapter;
+        config += "\n";
+        MAV_RC rc = MavStartRuntime(config.c_str(), config.size());
+        if (rc != MAV_OK) die("MavStartRuntime", rc);
+        for (int i = 0; i < kMaxThreads; ++i) {
+            rc = MavGetProfileInstance("P", &profileInst[i]);
+            if (rc != MAV_OK) die("MavGetProfileInstance", rc);
+        }
+    }
     void close() {
+        for (int i = 0; i < kMaxThreads; ++i) {
+            if (profileInst[i] != nullptr) MavFreeInstance(&profileInst[i]);
+        }
+        if (profileInst[0] != nullptr || profileInst[1] != nullptr) MavStopRuntime();
         for (int i = 0; i < kMaxThreads; ++i) MavFreeInstance(&inst[i]);
         MavEnd(&hdl);
     }
@@ -82,6 +109,23 @@ struct Env {
 // One library scan of thread i's buffer.
 inline MAV_RC LibraryScan(Env& env, int i) {
     return MavScanBytes(env.inst[i], "bench.bin", env.buffer[i].bytes, kBufferSize, 0, nullptr);
+}
+
+// The same with a summary record and a short name, as applications usually
+// call it.
+inline MAV_RC LibraryScanSummary(Env& env, int i) {
+    MAV_SCANINFO info;
+    std::memset(&info, 0, sizeof info);
+    info.struct_size = sizeof info;
+    return MavScanBytes(env.inst[i], "a.txt", env.buffer[i].bytes, kBufferSize, 0, &info);
+}
+
+// The same on a profile instance.
+inline MAV_RC ProfileScanSummary(Env& env, int i) {
+    MAV_SCANINFO info;
+    std::memset(&info, 0, sizeof info);
+    info.struct_size = sizeof info;
+    return MavScanBytes(env.profileInst[i], "a.txt", env.buffer[i].bytes, kBufferSize, 0, &info);
 }
 
 // The same scan calling the adapter directly.

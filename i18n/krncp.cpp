@@ -95,6 +95,12 @@ const char* GetProcessCodePageU(void) {
     return krn::kCpNames[krn::CurrentCodePage()];
 }
 
+int KrnCodePageIsUtf8(void) {
+    int cp = krn::cpCurrent.load(std::memory_order_relaxed);
+    if (__builtin_expect(cp == krn::kUnset, 0)) cp = krn::CurrentCodePage();
+    return cp == krn::kCpUtf8;
+}
+
 int SetProcessCodePageFromEnv(const char* codePage) {
     int cp = -1;
     if (codePage == nullptr) {

@@ -7,7 +7,9 @@
 #     each way (deterministic, unaffected by other load on the machine);
 #  2. bench_clamd: the clamd adapter (MavScanFile, MavScanBytes) against
 #     `clamdscan --stream` on the same files and the same clamd, which this
-#     script starts on a local socket and stops again.
+#     script starts on a local socket and stops again;
+#  3. scripts/bench-farm.sh (mavscan against clamdscan --multiscan --fdpass,
+#     one clamd against two, a latency-bound farm).
 #   scripts/bench-engines.sh [OBJECTS [ROUNDS [DBDIR]]]
 # DBDIR defaults to the generated test database; give /var/lib/clamav to
 # measure with the official databases (when installed).
@@ -71,3 +73,7 @@ for _ in $(seq 1 600); do
 done
 "$build/bench/bench_clamd" "$build/libkormoclamd.so" "$work/clamd.sock" "$work/clamd.conf" \
     "$objects" "$((rounds > 5 ? 5 : rounds))"
+
+echo
+echo "== clamd farm: mavscan against clamdscan --multiscan --fdpass, two servers, latency-bound =="
+scripts/bench-farm.sh "$((objects > 452 ? objects : 452))" "$rounds"

@@ -37,9 +37,15 @@ count() { # mode function -> instructions inside the loop function
 echo
 echo "== callgrind: instructions per scan (N=$n) =="
 lib=$(count lib BenchRunLibrary)
+sum=$(count summary BenchRunSummary)
+pro=$(count profile BenchRunProfile)
 dir=$(count direct BenchRunDirect)
-awk -v lib="$lib" -v dir="$dir" -v n="$n" 'BEGIN {
+awk -v lib="$lib" -v sum="$sum" -v pro="$pro" -v dir="$dir" -v n="$n" 'BEGIN {
   printf "  library (MavScanBytes)         %8.1f instructions/scan\n", lib / n
+  printf "  with summary, name \"a.txt\"    %8.1f instructions/scan\n", sum / n
+  printf "  profile instance, same call    %8.1f instructions/scan\n", pro / n
   printf "  direct (PelScan+PelReleaseScan) %7.1f instructions/scan\n", dir / n
   printf "  library overhead               %8.1f instructions/scan\n", (lib - dir) / n
+  printf "  overhead with summary          %8.1f instructions/scan\n", (sum - dir) / n
+  printf "  profile instance over plain    %8.1f instructions/scan\n", (pro - sum) / n
 }'

@@ -9,27 +9,20 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <map>
-#include <mutex>
 
 namespace clamdpel {
 
 namespace {
 
 constexpr size_t kChunk = 256 * 1024;
-
-std::string Trim(const std::string& s) {
-    size_t b = s.find_first_not_of(" \t");
-    if (b == std::string::npos) return std::string();
-    size_t e = s.find_last_not_of(" \t");
-    return s.substr(b, e - b + 1);
-}
+constexpr size_t kMaxReply = 64 * 1024;  // replies are one line: a name or a message
 
 // Milliseconds left until deadline for poll: -1 without limit, 0 when past.
 int Remaining(Clock::time_point deadline, bool limited) {
@@ -90,97 +83,7 @@ bool ConnectOne(int fd, const sockaddr* addr, socklen_t len, Clock::time_point d
     return true;
 }
 
-struct Book {
-    std::mutex lock;
-    std::map<std::string, Clock::time_point> until;
-};
-
-Book& TheBook() {
-    static Book* b = new Book();
-    return *b;
-}
-
 }  // namespace
-
-// ---- Addresses and failures ----------------------------------------------------------
-
-bool ParseServers(const std::string& list, std::vector<ServerAddress>* out, std::string* error) {
-    out->clear();
-    size_t start = 0;
-    while (start <= list.size()) {
-        size_t comma = list.find(',', start);
-        std::string item = Trim(
-            list.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
-        start = comma == std::string::npos ? list.size() + 1 : comma + 1;
-        if (item.empty()) continue;
-        ServerAddress a;
-        a.text = item;
-        if (item.compare(0, 5, "unix:") == 0) {
-            a.local = true;
-            a.path = item.substr(5);
-            if (a.path.empty() || a.path.size() >= sizeof(sockaddr_un{}.sun_path)) {
-                *error = "INITSERVERS: bad local socket path in \"" + item + "\"";
-                return false;
-            }
-        } else {
-            size_t colon = item.rfind(':');
-            if (colon == std::string::npos || colon == 0 || colon + 1 == item.size()) {
-                *error = "INITSERVERS: \"" + item + "\" is neither unix:/path nor host:port";
-                return false;
-            }
-            a.host = item.substr(0, colon);
-            a.port = item.substr(colon + 1);
-            if (a.host.size() > 2 && a.host.front() == '[' && a.host.back() == ']') {
-                a.host = a.host.substr(1, a.host.size() - 2);
-            }
-            if (a.port.find_first_not_of("0123456789") != std::string::npos) {
-                *error = "INITSERVERS: bad port in \"" + item + "\"";
-                return false;
-            }
-        }
-        out->push_back(a);
-    }
-    if (out->empty()) {
-        *error =
-            "INITSERVERS is empty: give a comma-separated list of clamd servers "
-            "(unix:/path/to/clamd.sock or host:port)";
-        return false;
-    }
-    return true;
-}
-
-void FailureBook::MarkFailed(const std::string& server, uint32_t reconnectSeconds) {
-    Book& b = TheBook();
-    std::lock_guard<std::mutex> g(b.lock);
-    b.until[server] = Clock::now() + std::chrono::seconds(reconnectSeconds);
-}
-
-void FailureBook::MarkGood(const std::string& server) {
-    Book& b = TheBook();
-    std::lock_guard<std::mutex> g(b.lock);
-    b.until.erase(server);
-}
-
-bool FailureBook::Usable(const std::string& server, uint32_t* secondsLeft) {
-    Book& b = TheBook();
-    std::lock_guard<std::mutex> g(b.lock);
-    auto it = b.until.find(server);
-    if (it == b.until.end()) return true;
-    auto now = Clock::now();
-    if (it->second <= now) {
-        b.until.erase(it);
-        return true;
-    }
-    auto left = std::chrono::duration_cast<std::chrono::seconds>(it->second - now).count();
-    *secondsLeft = static_cast<uint32_t>(left + 1);
-    return false;
-}
-
-void FailureBook::Clear() {
-    Book& b = TheBook();
-    std::lock_guard<std::mutex> g(b.lock);
-    b.until.clear();
-}
 
 // ---- Connection ------------------------------------------------------------------------
 
@@ -234,6 +137,7 @@ bool Connection::Open(const ServerAddress& a, size_t index, uint32_t timeoutMs,
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     }
     fd_ = fd;
+    local_ = a.local;
     server_ = index;
     nextId_ = 1;
     pending_.clear();
@@ -286,6 +190,10 @@ bool Connection::SendAll(const void* data, size_t length, Clock::time_point dead
                     *replied = true;
                     return true;
                 }
+                if (pending_.size() > kMaxReply) {
+                    *error = "reply longer than " + std::to_string(kMaxReply) + " bytes";
+                    return false;
+                }
                 continue;
             }
             if (n == 0) {
@@ -326,6 +234,12 @@ bool Connection::ReadReply(Clock::time_point deadline, bool limited, std::string
             pending_.erase(0, nul + 1);
             return true;
         }
+        if (pending_.size() > kMaxReply) {
+            // No clamd reply is that long: a server that sends without end
+            // must not take the process's memory.
+            *error = "reply longer than " + std::to_string(kMaxReply) + " bytes";
+            return false;
+        }
         short revents = 0;
         if (!Wait(fd_, POLLIN, deadline, limited, &revents, error)) return false;
         char buf[4096];
@@ -348,6 +262,7 @@ Connection::Outcome Connection::Finish(uint32_t id, Clock::time_point deadline, 
     for (;;) {
         std::string line;
         if (!ReadReply(deadline, limited, &line, error)) return kFailed;
+        lastUsed_ = Clock::now();
         if (line.compare(0, prefix.size(), prefix) == 0) {
             *reply = line.substr(prefix.size());
             return kReply;
@@ -390,27 +305,40 @@ Connection::Outcome Connection::Stream(const Source& src, uint32_t timeoutMs, st
     bool replied = false;
     static const char kInstream[] = "zINSTREAM";
     if (!SendAll(kInstream, sizeof kInstream, deadline, limited, &replied, error)) return kFailed;
-    std::vector<unsigned char> buffer(src.bytes == nullptr ? kChunk + 4 : 4);
-    size_t offset = 0;
-    while (!replied && offset < src.length) {
-        size_t n = std::min(kChunk, src.length - offset);
+    const bool file = src.fd >= 0;
+    std::vector<unsigned char> buffer(file ? kChunk + 4 : 4);
+    // A file is read to its end, not to the size taken before: bytes
+    // appended since are sent too, and files whose size reads as 0 (/proc,
+    // /sys, some FUSE file systems) are read at all.
+    uint64_t offset = 0;
+    while (!replied && (file || offset < src.length)) {
+        size_t n = file ? kChunk : std::min<size_t>(kChunk, src.length - offset);
         const unsigned char* data = nullptr;
-        if (src.bytes != nullptr) {
+        if (!file) {
             data = src.bytes + offset;
         } else {
-            ssize_t got = pread(src.fd, buffer.data() + 4, n, static_cast<off_t>(offset));
-            if (got <= 0) {
-                *error = got < 0 ? Errno("read") : "the file shrank while it was sent";
+            ssize_t got;
+            do {
+                got = pread(src.fd, buffer.data() + 4, n, static_cast<off_t>(offset));
+            } while (got < 0 && errno == EINTR);
+            if (got < 0) {
+                *error = Errno("read");
                 Close();  // the stream cannot be ended cleanly
                 return kSourceFailed;
             }
+            if (got == 0) break;  // end of the file
             n = static_cast<size_t>(got);
+            if (src.limit != 0 && offset + n > src.limit) {
+                *error = "the file is longer than " + std::to_string(src.limit) + " bytes";
+                Close();
+                return kTooLarge;
+            }
             data = buffer.data() + 4;
         }
         unsigned char head[4] = {static_cast<unsigned char>(n >> 24),
                                  static_cast<unsigned char>(n >> 16),
                                  static_cast<unsigned char>(n >> 8), static_cast<unsigned char>(n)};
-        if (src.bytes == nullptr) {
+        if (file) {
             std::memcpy(buffer.data(), head, 4);
             if (!SendAll(buffer.data(), n + 4, deadline, limited, &replied, error)) return kFailed;
         } else {
@@ -422,6 +350,48 @@ Connection::Outcome Connection::Stream(const Source& src, uint32_t timeoutMs, st
     if (!replied) {
         static const unsigned char kEndOfStream[4] = {0, 0, 0, 0};
         if (!SendAll(kEndOfStream, 4, deadline, limited, &replied, error)) return kFailed;
+    }
+    return Finish(id, deadline, limited, reply, error);
+}
+
+Connection::Outcome Connection::Fildes(int fd, uint32_t timeoutMs, std::string* reply,
+                                       std::string* error) {
+    if (fd_ < 0 || !local_) {
+        *error = fd_ < 0 ? "not connected" : "descriptors pass only over a local socket";
+        return kFailed;
+    }
+    const bool limited = timeoutMs != 0;
+    const auto deadline = Deadline(timeoutMs);
+    uint32_t id = nextId_++;
+    bool replied = false;
+    static const char kFildes[] = "zFILDES";
+    if (!SendAll(kFildes, sizeof kFildes, deadline, limited, &replied, error)) return kFailed;
+    if (!replied) {
+        // The descriptor travels with one dummy byte of data.
+        char dummy = 0;
+        iovec iov{&dummy, 1};
+        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))];
+        std::memset(control, 0, sizeof control);
+        msghdr msg;
+        std::memset(&msg, 0, sizeof msg);
+        msg.msg_iov = &iov;
+        msg.msg_iovlen = 1;
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof control;
+        cmsghdr* c = CMSG_FIRSTHDR(&msg);
+        c->cmsg_level = SOL_SOCKET;
+        c->cmsg_type = SCM_RIGHTS;
+        c->cmsg_len = CMSG_LEN(sizeof(int));
+        std::memcpy(CMSG_DATA(c), &fd, sizeof(int));
+        for (;;) {
+            short revents = 0;
+            if (!Wait(fd_, POLLOUT, deadline, limited, &revents, error)) return kFailed;
+            ssize_t n = sendmsg(fd_, &msg, MSG_NOSIGNAL);
+            if (n == 1) break;
+            if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
+            *error = n < 0 ? Errno("sendmsg") : "sendmsg sent nothing";
+            return kFailed;
+        }
     }
     return Finish(id, deadline, limited, reply, error);
 }

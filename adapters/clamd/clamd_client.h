@@ -3,8 +3,9 @@
  *
  * One connection per adapter instance, kept open as an IDSESSION and reused
  * for every request; commands are z-prefixed and NUL-terminated, replies come
- * back as "<id>: <reply>". A server that fails is left alone for
- * INITRECONNECTTIME seconds by every instance of the process.
+ * back as "<id>: <reply>". Objects go as an INSTREAM (any socket) or, on a
+ * Unix socket, as a descriptor (FILDES with SCM_RIGHTS) that clamd reads in
+ * place.
  */
 #ifndef KORMO_CLAMD_CLIENT_H
 #define KORMO_CLAMD_CLIENT_H
@@ -15,45 +16,33 @@
 #include <string>
 #include <vector>
 
+#include "pel_farm.h"
+
 namespace clamdpel {
 
-struct ServerAddress {
-    std::string text;  // as configured: "unix:/path" or "host:port"
-    bool local = false;
-    std::string path;  // local socket
-    std::string host;  // TCP
-    std::string port;
-};
-
-// Parses "unix:/a.sock, 127.0.0.1:3310, [::1]:3310". False with a reason for
-// an empty list or a malformed entry.
-bool ParseServers(const std::string& list, std::vector<ServerAddress>* out, std::string* error);
-
-// Process-wide record of failed servers, by address text.
-class FailureBook {
-  public:
-    static void MarkFailed(const std::string& server, uint32_t reconnectSeconds);
-    static void MarkGood(const std::string& server);
-    // True when the server may be tried now; else the seconds left.
-    static bool Usable(const std::string& server, uint32_t* secondsLeft);
-    static void Clear();
-};
+using pelcommon::ServerAddress;
 
 using Clock = std::chrono::steady_clock;
 
-// Where the bytes of an INSTREAM come from: memory, or a file read with pread
-// (so a retry can stream it again).
+// Where the bytes of an INSTREAM come from: memory (length bytes), or a file
+// (fd not -1)
+// read with pread from offset 0 to its end, whatever its size said (so a
+// retry can stream it again, and files whose size reads as 0 are read too).
+// limit: at most this many bytes are sent (0: no limit); a file longer than
+// that ends the request with kTooLarge.
 struct Source {
     const unsigned char* bytes = nullptr;
     int fd = -1;
     size_t length = 0;
+    uint64_t limit = 0;
 };
 
 class Connection {
   public:
     // kFailed: the server or the connection failed; kSourceFailed: the
-    // object could not be read (not the server's fault).
-    enum Outcome { kReply, kFailed, kSourceFailed };
+    // object could not be read (not the server's fault); kTooLarge: a file
+    // went past Source::limit while it was read (the connection is closed).
+    enum Outcome { kReply, kFailed, kSourceFailed, kTooLarge };
 
     Connection() = default;
     ~Connection() { Close(); }
@@ -68,6 +57,8 @@ class Connection {
     void Close();
     // False when the server has closed the idle session.
     bool Alive();
+    // How long ago the last reply came.
+    Clock::duration Idle() const { return Clock::now() - lastUsed_; }
 
     // One command of the session; the reply comes back without its id.
     Outcome Command(const char* command, uint32_t timeoutMs, std::string* reply,
@@ -75,6 +66,10 @@ class Connection {
     // INSTREAM of source in chunks with 4-byte big-endian lengths.
     Outcome Stream(const Source& source, uint32_t timeoutMs, std::string* reply,
                    std::string* error);
+    // FILDES: passes fd (SCM_RIGHTS) for clamd to read in place. Unix
+    // sockets only.
+    Outcome Fildes(int fd, uint32_t timeoutMs, std::string* reply, std::string* error);
+    bool Local() const { return local_; }
 
   private:
     bool SendAll(const void* data, size_t length, Clock::time_point deadline, bool limited,
@@ -86,9 +81,11 @@ class Connection {
                    std::string* error);
 
     int fd_ = -1;
+    bool local_ = false;
     size_t server_ = 0;
     uint32_t nextId_ = 1;
     std::string pending_;  // received bytes not yet taken as a reply
+    Clock::time_point lastUsed_{};
 };
 
 }  // namespace clamdpel

@@ -6,6 +6,8 @@
 
 #include <sys/un.h>
 
+#include <climits>
+#include <cstdint>
 #include <ctime>
 #include <map>
 #include <mutex>
@@ -18,6 +20,7 @@ struct Farm::Shared {
     bool down = false;
     uint32_t bound = 0;
     uint64_t picks = 0;
+    uint32_t busy = 0;
     std::string version;
 };
 
@@ -96,7 +99,9 @@ bool ParseServerList(const std::string& list, const char* paramName,
     return true;
 }
 
-Farm::~Farm() { Unbind(); }
+Farm::~Farm() {
+    Unbind();
+}
 
 bool Farm::Configure(const std::string& list, const char* paramName, FarmMode mode,
                      uint32_t reconnectSeconds, uint32_t backoffMs, std::string* error) {
@@ -119,12 +124,45 @@ bool Farm::Configure(const std::string& list, const char* paramName, FarmMode mo
 }
 
 size_t Farm::Pick(const std::vector<bool>& tried, std::string* why) {
+    return Choose(tried, false, why);
+}
+
+size_t Farm::Acquire(const std::vector<bool>& tried, std::string* why) {
+    return Choose(tried, true, why);
+}
+
+void Farm::Release(size_t i) {
+    if (i >= shared_.size()) return;
+    Registry& r = Reg();
+    std::lock_guard<std::mutex> g(r.lock);
+    if (shared_[i]->busy > 0) --shared_[i]->busy;
+}
+
+size_t Farm::Choose(const std::vector<bool>& tried, bool byBusy, std::string* why) {
     Registry& r = Reg();
     std::lock_guard<std::mutex> g(r.lock);
     const Clock::time_point now = Clock::now();
     size_t best = kNone;
     size_t retry = kNone;  // the down server whose time ends first
     size_t untried = 0;
+    // Spread mode, for an instance: the fewest bound instances (its own
+    // binding does not count against its server). For an object (byBusy):
+    // among the servers at most one object busier than the least busy, the
+    // one that got the fewest objects so far, so shares stay even when one
+    // server is a little faster, and a stuck server is left alone; then the
+    // bound server. Ties in list order.
+    uint32_t leastBusy = UINT32_MAX;
+    for (size_t i = 0; byBusy && i < shared_.size(); ++i) {
+        if ((i < tried.size() && tried[i]) || DownNow(shared_[i], now)) continue;
+        if (shared_[i]->busy < leastBusy) leastBusy = shared_[i]->busy;
+    }
+    auto key = [&](size_t i) {
+        const Shared* s = shared_[i];
+        if (!byBusy) return uint64_t(s->bound - (i == bound_ ? 1u : 0u));
+        uint64_t crowded = s->busy > leastBusy + 1 ? 1 : 0;
+        uint64_t picks = s->picks < (uint64_t(1) << 61) ? s->picks : (uint64_t(1) << 61) - 1;
+        return (crowded << 62) | (picks << 1) | uint64_t(i != bound_);
+    };
     for (size_t i = 0; i < shared_.size(); ++i) {
         if (i < tried.size() && tried[i]) continue;
         ++untried;
@@ -133,10 +171,7 @@ size_t Farm::Pick(const std::vector<bool>& tried, std::string* why) {
             if (retry == kNone || s->downUntil < shared_[retry]->downUntil) retry = i;
             continue;
         }
-        // The instance's own binding does not count against its server.
-        uint32_t load = s->bound - (i == bound_ ? 1u : 0u);
-        uint32_t bestLoad = best == kNone ? 0 : shared_[best]->bound - (best == bound_ ? 1u : 0u);
-        if (best == kNone || (mode_ == FarmMode::kSpread && load < bestLoad)) best = i;
+        if (best == kNone || (mode_ == FarmMode::kSpread && key(i) < key(best))) best = i;
         if (mode_ == FarmMode::kOrdered) break;
     }
     if (best == kNone && retry != kNone) {
@@ -154,7 +189,10 @@ size_t Farm::Pick(const std::vector<bool>& tried, std::string* why) {
     } else if (best == kNone && why != nullptr) {
         *why = untried == 0 ? "every server was tried" : "no usable server";
     }
-    if (best != kNone) ++shared_[best]->picks;
+    if (best != kNone) {
+        ++shared_[best]->picks;
+        if (byBusy) ++shared_[best]->busy;
+    }
     return best;
 }
 
@@ -183,6 +221,21 @@ void Farm::MarkGood(size_t i) {
     Registry& r = Reg();
     std::lock_guard<std::mutex> g(r.lock);
     shared_[i]->down = false;
+}
+
+bool Farm::ShouldMove() const {
+    if (bound_ == kNone) return false;
+    Registry& r = Reg();
+    std::lock_guard<std::mutex> g(r.lock);
+    const Clock::time_point now = Clock::now();
+    if (DownNow(shared_[bound_], now)) return true;
+    const uint32_t mine = shared_[bound_]->bound;
+    for (size_t i = 0; i < shared_.size(); ++i) {
+        if (i == bound_ || DownNow(shared_[i], now)) continue;
+        if (mode_ == FarmMode::kOrdered) return i < bound_;
+        if (shared_[i]->bound + 1 < mine) return true;
+    }
+    return false;
 }
 
 bool Farm::IsUp(size_t i) const {
@@ -216,6 +269,7 @@ std::vector<FarmServerState> Farm::Snapshot() const {
         }
         st.bound = s->bound;
         st.picks = s->picks;
+        st.busy = s->busy;
         st.version = s->version;
         out.push_back(st);
     }

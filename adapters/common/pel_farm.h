@@ -9,6 +9,13 @@
  * instances. Protocol-free: the adapter connects, scans and reports back with
  * MarkFailed / MarkGood.
  *
+ * Use: Configure once per instance; at the instance's start Pick a server,
+ * connect, and Bind to it (MarkFailed and Pick again when it does not
+ * answer); per object Acquire a server (skipping those already tried for
+ * it), send, Release, and MarkFailed on a server failure before trying the
+ * next; ShouldMove tells when the binding is stale; Snapshot feeds the
+ * engine information.
+ *
  * Thread-safe: one process-wide lock, taken last (nothing else is locked
  * while it is held), so it fits under any lock an adapter holds.
  *
@@ -53,6 +60,7 @@ struct FarmServerState {
     int64_t downUntil = 0;  // wall-clock seconds (time_t) while down, else 0
     uint32_t bound = 0;     // instances of this process bound to it
     uint64_t picks = 0;     // times it was chosen for work
+    uint32_t busy = 0;      // objects of this process on it now (Acquire)
     std::string version;    // last version text the adapter reported, may be empty
 };
 
@@ -83,6 +91,15 @@ class Farm {
     // passed, the one whose down time ends first is returned (a retry).
     size_t Pick(const std::vector<bool>& tried, std::string* why);
 
+    // The server for one object: like Pick, but in spread mode, among the
+    // usable servers at most one object busier than the least busy one (so
+    // a stuck server is left alone), the one that got the fewest objects of
+    // this process so far; ties to the bound server, then in list order. The
+    // shares stay even when one server is a little faster. Counts the object
+    // on the server until Release(i).
+    size_t Acquire(const std::vector<bool>& tried, std::string* why);
+    void Release(size_t i);
+
     // Counts this farm's instance as bound to server i (kNone: to none);
     // moves the count when already bound elsewhere. One binding per Farm.
     void Bind(size_t i);
@@ -93,6 +110,11 @@ class Farm {
     // reconnectSeconds. MarkGood: it answered, so it is up again.
     void MarkFailed(size_t i);
     void MarkGood(size_t i);
+    // True when the bound server should be left for another: it is down, or
+    // (spread) another usable server has at least two fewer instances bound,
+    // or (ordered) a server before it in the list is usable again. Lets
+    // instances come back to a server that was down.
+    bool ShouldMove() const;
     // True when server i is not marked down now.
     bool IsUp(size_t i) const;
     void SetVersion(size_t i, const std::string& version);
@@ -106,6 +128,7 @@ class Farm {
     struct Shared;  // process-wide state of one address (internal)
 
   private:
+    size_t Choose(const std::vector<bool>& tried, bool byBusy, std::string* why);
     std::vector<ServerAddress> servers_;
     std::vector<Shared*> shared_;
     FarmMode mode_ = FarmMode::kSpread;

@@ -26,6 +26,10 @@ extern "C" {
 KRN_API int rscpInit(int defaultCp);
 /* The current process code page name (4 characters); never null. */
 KRN_API const char* GetProcessCodePageU(void);
+/* Nonzero when the process code page is UTF-8: one relaxed load once the
+ * code page is known. Internal to the library (the scan path asks on every
+ * object name). */
+__attribute__((visibility("hidden"))) int KrnCodePageIsUtf8(void);
 /* Sets the process code page: a known 4-character name, or null to take it
  * from the environment (LC_ALL, LC_CTYPE, LANG). 0 on success. */
 KRN_API int SetProcessCodePageFromEnv(const char* codePage);

@@ -33,33 +33,35 @@ inline bool IsProfileInstance(const MAV_INST_REC* r) {
            r->uiTailMark == MAV_PINST_TAIL;
 }
 
-// True when KORMO_CHAR text is UTF-8 already (the usual process code page).
-inline bool CodePageIsUtf8() {
-    const char* cp = GetProcessCodePageU();
-    uint32_t word;
-    memcpy(&word, cp, sizeof word);
-    uint32_t utf8;
-    memcpy(&utf8, "1208", sizeof utf8);
-    return word == utf8 && cp[4] == '\0';
-}
-
 // 1 when text is non-empty ASCII, 0 when it is empty, -1 when it holds a
 // byte above 0x7f. The length comes from the C library's strlen; the bytes
-// are then tested eight at a time, so a typical object name costs a few
-// instructions and nothing past the terminator is read.
+// are then tested a word at a time, the last (partial) word as an
+// overlapping load, so a typical object name costs a few instructions and
+// nothing past the terminator is read.
 inline int AsciiState(const char* text) {
     constexpr uint64_t kHigh = 0x8080808080808080ull;
-    size_t len = strlen(text);
-    if (len == 0) return 0;
-    uint64_t any = 0;
-    size_t i = 0;
-    for (; i + sizeof(uint64_t) <= len; i += sizeof(uint64_t)) {
-        uint64_t w;
-        memcpy(&w, text + i, sizeof w);
-        any |= w;
+    const size_t len = strlen(text);
+    if (len >= sizeof(uint64_t)) {
+        uint64_t any = 0, w;
+        for (size_t i = 0; i + sizeof w <= len; i += sizeof w) {
+            memcpy(&w, text + i, sizeof w);
+            any |= w;
+        }
+        memcpy(&w, text + len - sizeof w, sizeof w);
+        return ((any | w) & kHigh) != 0 ? -1 : 1;
     }
-    for (; i < len; ++i) any |= static_cast<unsigned char>(text[i]);
-    return (any & kHigh) != 0 ? -1 : 1;
+    if (len >= sizeof(uint32_t)) {
+        uint32_t a, b;
+        memcpy(&a, text, sizeof a);
+        memcpy(&b, text + len - sizeof b, sizeof b);
+        return ((a | b) & static_cast<uint32_t>(kHigh)) != 0 ? -1 : 1;
+    }
+    if (len == 0) return 0;
+    // One to three bytes: the first, the middle and the last cover them.
+    unsigned any = static_cast<unsigned char>(text[0]) |
+                   static_cast<unsigned char>(text[len / 2]) |
+                   static_cast<unsigned char>(text[len - 1]);
+    return (any & 0x80u) != 0 ? -1 : 1;
 }
 
 // Utf8Name for everything but an ASCII name in a UTF-8 process.
@@ -80,7 +82,7 @@ __attribute__((noinline)) const char* Utf8NameSlow(const KORMO_CHAR* name, char*
 // UTF-8 already (checked without a copy), else a converted copy in *owned.
 // Null when the conversion fails or gives nothing (an empty name).
 inline const char* Utf8Name(const KORMO_CHAR* name, char** owned) {
-    bool utf8 = CodePageIsUtf8();
+    bool utf8 = KrnCodePageIsUtf8() != 0;
     if (utf8) {
         int ascii = AsciiState(name);
         if (ascii != -1) return ascii == 1 ? name : nullptr;
@@ -368,12 +370,13 @@ MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
     MAV_INST_REC* inst = static_cast<MAV_INST_REC*>(hdl);
     // Nothing is read from a pointer that is no record block of the library.
     if (!MavIXRecOwned(inst)) return MAV_E_INVALID_HANDLE;
-    if (IsProfileInstance(inst)) {
-        if (inst->pProfileInst == nullptr) return MAV_E_INVALID_HANDLE;
-        return MavIXScanClean(inst->pProfileInst, scanCode, actionCode, objectNameUtf8, objectName,
-                              bytes, length, jobId, scanInfo);
-    }
-    if (!IsInstance(inst)) {
+    // A plain instance first: the common case pays for one record check.
+    if (__builtin_expect(!IsInstance(inst), 0)) {
+        if (IsProfileInstance(inst)) {
+            if (inst->pProfileInst == nullptr) return MAV_E_INVALID_HANDLE;
+            return MavIXScanClean(inst->pProfileInst, scanCode, actionCode, objectNameUtf8,
+                                  objectName, bytes, length, jobId, scanInfo);
+        }
         MAV_TRC_E("%s: Invalid NULL parameter for instance handle\n", __func__);
         return MAV_E_INVALID_HANDLE;
     }

@@ -56,7 +56,7 @@ TEST_F(ClamdAdapter, ReportsOneConnectionPerInstanceAndItsParameters) {
     EXPECT_EQ(0u, config_->pAdapterInfo->uiThreadModel);
     EXPECT_EQ(PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY, config_->uiPelScanFlag);
     ASSERT_NE(nullptr, config_->pInitParams);
-    ASSERT_EQ(3, config_->pInitParams->usNumParams);
+    ASSERT_EQ(4, config_->pInitParams->usNumParams);
     EXPECT_EQ(VS_P_INITSERVERS, config_->pInitParams->pParams[0].tCode);
     EXPECT_EQ(VS_TYPE_CHAR, config_->pInitParams->pParams[0].tType);
     EXPECT_EQ(VS_P_INITTIMEOUT, config_->pInitParams->pParams[1].tCode);
@@ -93,7 +93,7 @@ TEST_F(ClamdAdapter, ScansOverUnixAndTcpSockets) {
 
 TEST_F(ClamdAdapter, StreamLimitIsNotScannedAndTheNextScanWorks) {
     PEL_INIT* in = nullptr;
-    ASSERT_EQ(0, Open(daemon_->UnixAddress(), &in));
+    ASSERT_EQ(0, Open(daemon_->TcpAddress(), &in));  // INSTREAM: StreamMaxLength applies
     Scanner s(*adapter_, in);
     Bytes big(2 * 1024 * 1024, 'Z');
     EXPECT_EQ(14, s.Bytes(big, "big"));
