@@ -28,6 +28,7 @@
 
 #include "clamd_client.h"
 #include "kormopel.h"
+#include "pel_trace.h"
 #include "pel_farm.h"
 #include "pel_init.h"
 #include "pel_params.h"
@@ -464,6 +465,9 @@ int Instance::ScanOnFarm(Object* obj, const PEL_SCANPARAM* param, ScanResult* re
         }
         std::string body;
         Verdict v = ReadVerdict(reply, &body);
+        PEL_TRACE(pel::kTraceInfo, "clamd %s: %s: %s\n", server.c_str(),
+                  param->pszObjectName != nullptr ? param->pszObjectName : "(memory)",
+                  body.c_str());
         if (farm_.Bound() == Farm::kNone && v != Verdict::kMalformed) farm_.Bind(i);
         if (v == Verdict::kRefused && byFd) {
             // No descriptors on this server: INSTREAM from now on, on a new
