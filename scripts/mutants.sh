@@ -9,7 +9,7 @@
 #
 #   scripts/mutants.sh [-k] [filter]      filter: a regex on the mutation line
 #   MUTANTS_DIR   scratch directory (default: build/mutants)
-#   MUTANT_TIMEOUT  seconds for one mutant's test run (default 300)
+#   MUTANT_TIMEOUT  seconds for one mutant's test run (default 120)
 #   -k            keep going after the baseline fails (failing tests excluded)
 #
 # Ends with "mutants: K of N killed"; exits 1 when a line did not match.
@@ -18,7 +18,7 @@ cd "$(dirname "$0")/.."
 root=$(pwd)
 list=$root/scripts/mutants.txt
 work=${MUTANTS_DIR:-$root/build/mutants}
-timeout_s=${MUTANT_TIMEOUT:-300}
+timeout_s=${MUTANT_TIMEOUT:-120}
 jobs=2
 keep=0
 if [ "${1:-}" = "-k" ]; then keep=1; shift; fi

@@ -104,15 +104,6 @@ TEST_F(CodePage, Latin1MapsUpToFFAndRefusesTheRest) {
     EXPECT_EQ(ToCp(utf8.out).out, all);
 }
 
-TEST_F(CodePage, Windows1252MapsItsOwnHighRow) {
-    Use("1252");
-    EXPECT_EQ(ToCp("\xE2\x82\xAC\xC5\xB8\xC3\xA9").out, "\x80\x9F\xE9");
-    EXPECT_EQ(ToUtf8("\x80\x99").out, "\xE2\x82\xAC\xE2\x84\xA2");
-    EXPECT_EQ(ToCp("\xC2\x80").rc, CP_RC_INVALID_INPUT);  // C1 control has no byte
-    for (const char* undefined : {"\x81", "\x8D", "\x8F", "\x90", "\x9D"})
-        EXPECT_EQ(ToUtf8(undefined).rc, CP_RC_INVALID_INPUT);
-}
-
 TEST_F(CodePage, OutputAndNulMustFitExactly) {
     struct Case {
         const char* cp;
@@ -175,39 +166,6 @@ TEST_F(CodePage, NonAsciiAtEveryOffsetOfTheFastPath) {
             EXPECT_EQ(ToUtf8(page).out, utf8) << cp << " at " << at;
         }
     }
-}
-
-TEST_F(CodePage, NamesAndEnvironment) {
-    Use("0819");
-    EXPECT_STREQ(GetProcessCodePageU(), "0819");
-    for (const char* bad : {"9999", "819", "", "12080"})
-        EXPECT_EQ(SetProcessCodePageFromEnv(bad), CP_RC_UNKNOWN_CODEPAGE);
-    EXPECT_STREQ(GetProcessCodePageU(), "0819");
-    EXPECT_EQ(rscpInit(4711), CP_RC_UNKNOWN_CODEPAGE);
-    EXPECT_EQ(rscpInit(-1), CP_RC_OK);  // started already: keeps the setting
-    EXPECT_STREQ(GetProcessCodePageU(), "0819");
-
-    struct Env {
-        const char *all, *ctype, *lang, *cp;
-    } envs[] = {
-        {"de_DE.ISO-8859-1", "en_US.UTF-8", "", "0819"},
-        {"", "", "de_DE.iso88591@euro", "0819"},
-        {"", "latin1", "en_US.UTF-8", "0819"},
-        {"", "", "en_US.UTF-8", "1208"},
-        {"", "", "C", "1208"},
-        {"", "", "", "1208"},
-        {"en_US.utf8", "", "de_DE.ISO8859-1", "1208"},
-    };
-    for (const Env& e : envs) {
-        setenv("LC_ALL", e.all, 1);
-        setenv("LC_CTYPE", e.ctype, 1);
-        setenv("LANG", e.lang, 1);
-        ASSERT_EQ(SetProcessCodePageFromEnv(nullptr), CP_RC_OK);
-        EXPECT_STREQ(GetProcessCodePageU(), e.cp) << e.all << "|" << e.ctype << "|" << e.lang;
-    }
-    unsetenv("LC_ALL");
-    unsetenv("LC_CTYPE");
-    unsetenv("LANG");
 }
 
 TEST_F(CodePage, ConcurrentConversionsAgree) {

@@ -76,30 +76,6 @@ TEST(ThrCS, ExcludesOtherThreads) {
     EXPECT_EQ(ThrCSDelete(&cs), THR_RC_OK);
 }
 
-TEST(Thr, IdsAndProcessStart) {
-    EXPECT_EQ(ThrGetCurrentId(), static_cast<uint32_t>(getpid()));  // the main thread
-    uint32_t other = 0, kernel = 1;
-    std::thread([&] {
-        other = ThrGetCurrentId();
-        kernel = static_cast<uint32_t>(syscall(SYS_gettid));
-    }).join();
-    EXPECT_EQ(other, kernel);
-    EXPECT_NE(other, ThrGetCurrentId());
-
-    char buf[16];
-    EXPECT_EQ(ThrId2Str(4294967295u, buf, sizeof buf), buf);
-    EXPECT_STREQ(buf, "4294967295");
-    ThrId2Str(12345, buf, 3);
-    EXPECT_STREQ(buf, "12");
-
-    std::vector<std::thread> threads;
-    std::vector<int> rcs(8, -1);
-    for (int t = 0; t < 8; ++t) threads.emplace_back([&rcs, t] { rcs[t] = ThrProcInit(); });
-    for (auto& th : threads) th.join();
-    for (int rc : rcs) EXPECT_EQ(rc, 0);
-    EXPECT_EQ(ThrIsThreaded(), 1);
-}
-
 TEST(Dl, MissingFileKeepsTheLoaderText) {
     ErrClear();
     int h = 7;

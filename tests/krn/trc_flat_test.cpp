@@ -39,37 +39,6 @@ class Trace : public ::testing::Test {
     FILE* fp_ = nullptr;
 };
 
-TEST_F(Trace, WritesOnlyWithStreamAndLevel) {
-    CTrcSetTraceLevelFct(1);
-    DpTrcA7("no stream %d", 1);
-    CTrcSetFpTf(fp_);
-    EXPECT_EQ(CTrcGetFpTf(), fp_);
-    CTrcSetTraceLevelFct(0);
-    DpTrcErrA7("level zero");
-    EXPECT_TRUE(Lines().empty());
-
-    CTrcSetTraceLevelFct(7);
-    EXPECT_EQ(CTrcGetTraceLevel(), 3);
-    CTrcSaveLocation("/src/krn/module.cpp", 42);
-    DpTrcErrA7("boom %s", "here");
-    DpTrcWarnA7("careful\n");  // no second line end
-    DpTrcA7("plain");
-    CTrcSetTraceLevelFct(-2);
-    EXPECT_EQ(CTrcGetTraceLevel(), 0);
-
-    std::vector<std::string> lines = Lines();
-    ASSERT_EQ(lines.size(), 3u);
-    const std::string stamp = R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3} p\d{6,} t *\d+ )";
-    EXPECT_TRUE(std::regex_match(
-        lines[0], std::regex(stamp + R"(\[module\.cpp:  42\]: \*\*\* ERROR => boom here\n)")))
-        << lines[0];
-    EXPECT_TRUE(std::regex_match(
-        lines[1], std::regex(stamp + R"(\[unknown   :   0\]: \*\*\* WARNING => careful\n)")))
-        << lines[1];
-    EXPECT_TRUE(std::regex_match(lines[2], std::regex(stamp + R"(\[unknown   :   0\]: plain\n)")))
-        << lines[2];
-}
-
 TEST_F(Trace, ConcurrentLinesNeverInterleave) {
     CTrcSetFpTf(fp_);
     CTrcSetTraceLevelFct(1);
@@ -89,30 +58,6 @@ TEST_F(Trace, ConcurrentLinesNeverInterleave) {
     std::regex shape(R"(.*\]: thread \d line \d+ x{300}\n)");
     for (size_t i = 1; i < lines.size(); ++i)
         ASSERT_TRUE(std::regex_match(lines[i], shape)) << lines[i];
-}
-
-TEST(Flat, CaseBlindCompare) {
-    EXPECT_EQ(strcmpiU("PEL_Scan", "pel_sCAN"), 0);
-    EXPECT_LT(strcmpiU("abc", "ABD"), 0);
-    EXPECT_LT(strcmpiU("ab", "AbC"), 0);
-    EXPECT_GT(strcmpiU("b", "A"), 0);
-    EXPECT_NE(strcmpiU("\xC4", "\xE4"), 0);  // ASCII letters only
-    EXPECT_LT(strcmpiU(nullptr, ""), 0);
-    EXPECT_GT(strcmpiU("", nullptr), 0);
-    EXPECT_EQ(strcmpiU(nullptr, nullptr), 0);
-    EXPECT_EQ(strncmpiU("HelloX", "helloY", 5), 0);
-    EXPECT_NE(strncmpiU("HelloX", "helloY", 6), 0);
-    EXPECT_EQ(strncmpiU("a", "A", 10), 0);
-}
-
-TEST(Flat, BoundedCopy) {
-    char buf[4];
-    EXPECT_EQ(strlcpyU(buf, "abcdef", sizeof buf), 6u);
-    EXPECT_STREQ(buf, "abc");
-    EXPECT_EQ(strlcpyU(buf, "ab", sizeof buf), 2u);
-    EXPECT_STREQ(buf, "ab");
-    EXPECT_EQ(strlcpyU(buf, "xyz", 1), 3u);
-    EXPECT_STREQ(buf, "");
 }
 
 TEST(Flat, UniqueFilesAreExclusiveAndPrivate) {
@@ -147,21 +92,6 @@ TEST(Flat, UniqueFilesAreExclusiveAndPrivate) {
     char bad[] = "/tmp/krn_noX.tmp";
     EXPECT_EQ(mkstempsU(bad, 4), -1);
     EXPECT_EQ(mkstempsU(nullptr, 0), -1);
-}
-
-TEST(Flat, Time) {
-    time_t now = time(nullptr);
-    time_t s = 0;
-    int ms = -1;
-    timeOfDayU(&s, &ms);
-    EXPECT_GE(ms, 0);
-    EXPECT_LE(ms, 999);
-    EXPECT_LE(s - now, 1);
-    struct tm a, b;
-    ASSERT_EQ(localtimeU(&now, &a), &a);
-    localtime_r(&now, &b);
-    EXPECT_EQ(mktime(&a), mktime(&b));
-    EXPECT_EQ(localtimeU(nullptr, &a), nullptr);
 }
 
 }  // namespace

@@ -17,25 +17,6 @@ namespace {
 
 // ---- Lookups ------------------------------------------------------------------------
 
-TEST(ParamLookup, EveryCodeMapsToItsNameAndBack) {
-    const int32_t ranges[][2] = {{0, 14}, {100, 120}, {200, 205}, {300, 301}, {-105, -100}};
-    int count = 0;
-    for (const auto& r : ranges) {
-        for (int32_t code = r[0]; code <= r[1]; ++code, ++count) {
-            const char* name = MavParamCodeName(code);
-            ASSERT_STRNE("UNKNOWN", name) << code;
-            EXPECT_EQ(code, MavParamCode(name)) << name;
-            EXPECT_STREQ(name, MavIXGetPelParamName(code));
-        }
-    }
-    EXPECT_EQ(15 + 21 + 6 + 2 + 6, count);
-    EXPECT_STREQ("INITTEMP_PATH", MavParamCodeName(10));
-    EXPECT_STREQ("SCANREGEXFLAGS", MavParamCodeName(120));
-    EXPECT_STREQ("CUST_MIME_TYPES_ARE_BLACKLIST", MavParamCodeName(-105));
-    for (int32_t code : {15, 16, 99, 121, 199, 206, 299, 302, -99, -106, -1, 1000})
-        EXPECT_STREQ("UNKNOWN", MavParamCodeName(code)) << code;
-}
-
 TEST(ParamLookup, NamesAreCaseBlindAndUnknownsFollowTheirPrefix) {
     // An unknown custom name falls back to the first custom code.
     const std::pair<const char*, int32_t> cases[] = {
@@ -54,22 +35,6 @@ TEST(ParamLookup, NamesAreCaseBlindAndUnknownsFollowTheirPrefix) {
     EXPECT_EQ(-1, MavParamType(nullptr));
     EXPECT_EQ(nullptr, MavParamTypeName(11));
     EXPECT_EQ(nullptr, MavParamTypeName(-1));
-}
-
-TEST(ParamLookup, ParsersTraceUnknownNames) {
-    TraceCapture trace(MAV_TRC_ERROR);
-    int32_t code = 0;
-    EXPECT_EQ(MAV_OK, MavIXParseOptParams("SCANLIMIT", &code));
-    EXPECT_EQ(107, code);
-    EXPECT_EQ(MAV_OK, MavIXParseOptParams("BLOCKEXTENSIONS", &code));
-    EXPECT_EQ(301, code);
-    // Without SCAN or BLOCK prefix the clean names are searched.
-    EXPECT_EQ(MAV_OK, MavIXParseOptParams("cleanquarantine", &code));
-    EXPECT_EQ(202, code);
-    EXPECT_EQ(MAV_E_PARAM_UNSUPPORTED, MavIXParseOptParams("BLOCKFOO", &code));
-    EXPECT_EQ(MAV_E_PARAM_UNSUPPORTED, MavIXParseInitParams("SCANLIMIT", &code));
-    EXPECT_TRUE(trace.Has("The parameter >>>BLOCKFOO<<< is unknown or not supported.\n"));
-    EXPECT_TRUE(trace.Has("The parameter >>>SCANLIMIT<<< is unknown or not supported.\n"));
 }
 
 // ---- Values on a handle and its instances ----------------------------------------------
@@ -212,33 +177,6 @@ TEST_F(Params, NullTextResetsToTheAdapterDefault) {
     EXPECT_EQ(MAV_E_NULL_PARAM, MavISetDefaultValue(hdl, nullptr));
 }
 
-TEST_F(Params, CustomParametersDriveTheDefaultActionAndFlags) {
-    MAV_CFG* cfg = HdlCfg();
-    ASSERT_EQ(MAV_DEFAULT_ACTION, cfg->uiDefaultAction);
-    EXPECT_EQ(MAV_OK, Set(hdl, "CUST_CLEAN", VS_TYPE_BOOL, "true"));
-    EXPECT_EQ(MAV_OK, Set(hdl, "cust_active_content", VS_TYPE_CHAR, "1"));
-    EXPECT_EQ(MAV_OK, Set(hdl, "CUST_CHECK_MIME_TYPE", VS_TYPE_BOOL, "TRUE"));
-    EXPECT_EQ(2u | 0x8u | 0x10u | 0x1u, cfg->uiDefaultAction);
-    // Anything but "1" or "true" is false.
-    EXPECT_EQ(MAV_OK, Set(hdl, "CUST_ACTIVE_CONTENT", VS_TYPE_BOOL, "yes"));
-    EXPECT_EQ(2u | 0x8u | 0x1u, cfg->uiDefaultAction);
-    EXPECT_EQ(MAV_OK, Set(hdl, "CUST_NO_SCANINFO", VS_TYPE_BOOL, "1"));
-    EXPECT_EQ(MAV_OK, Set(hdl, "CUST_NOT_SCANNED_AS_WARNING", VS_TYPE_BOOL, "True"));
-    EXPECT_EQ(1, cfg->bNoScanInfo);
-    EXPECT_EQ(1, cfg->bNotScannedAsWarning);
-    EXPECT_EQ(MAV_OK, Set(hdl, "CUST_MIME_TYPES_ARE_BLACKLIST", VS_TYPE_BOOL, "1"));
-    EXPECT_EQ(2u | 0x8u | 0x1u, cfg->uiDefaultAction);
-    // The default action is what a scan with action 0 asks for.
-    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
-    EXPECT_EQ(2u | 0x8u | 0x1u, pel.lastScan().uiActionCode);
-    // Resetting any custom parameter sets the whole word back to 2 and leaves
-    // the booleans alone.
-    EXPECT_EQ(MAV_OK, Set(hdl, "CUST_MIME_TYPES_ARE_BLACKLIST", VS_TYPE_BOOL, nullptr));
-    EXPECT_EQ(MAV_DEFAULT_ACTION, cfg->uiDefaultAction);
-    EXPECT_EQ(1, cfg->bNoScanInfo);
-    EXPECT_EQ(MAV_E_PARAM_UNSUPPORTED, Set(hdl, "CUST_NOTHING", VS_TYPE_BOOL, "1"));
-}
-
 TEST_F(Params, InstanceGetsItsOwnCopyOnFirstChangeOnly) {
     MAV_CFG* handleCfg = HdlCfg();
     // A refused change makes no copy.
@@ -267,47 +205,6 @@ TEST_F(Params, InstanceGetsItsOwnCopyOnFirstChangeOnly) {
     EXPECT_EQ(MAV_OK, MavSetDefaultConfig(inst));
     EXPECT_EQ("1000", Get(inst, "SCANLIMIT"));
     EXPECT_EQ("77", Get(hdl, "SCANLIMIT"));
-}
-
-TEST_F(Params, EnumerateListsInitThenOptionalEntries) {
-    const char* expected[] = {"INITTEMP_PATH/7//nonexistent-default",
-                              "INITTIMEOUT/3/30",
-                              "SCANALLFILES/0/1",
-                              "SCANLIMIT/4/1000",
-                              "SCANEXTRACT_RATIO/6/3",
-                              "SCANBESTEFFORT/1/",
-                              "SCANLOGPATH/10/",
-                              "CLEANDELETE/0/0",
-                              "BLOCKEXTENSIONS/7/exe"};
-    EXPECT_EQ(10u, MavIXGetParamNum(hdl));
-    for (uint32_t i = 0; i < 9; ++i) {
-        char name[64], value[64];
-        size_t nameLen = sizeof name, valueLen = sizeof value;
-        int32_t type = -1;
-        ASSERT_EQ(MAV_OK, MavEnumParameters(hdl, i, name, &nameLen, &type, value, &valueLen)) << i;
-        EXPECT_EQ(expected[i], std::string(name, nameLen) + "/" + std::to_string(type) + "/" +
-                                   std::string(value, valueLen));
-    }
-    TraceCapture trace(MAV_TRC_ERROR);
-    size_t nameLen = 0;
-    EXPECT_EQ(MAV_OK, MavEnumParameters(hdl, 0, nullptr, &nameLen, nullptr, nullptr, nullptr));
-    EXPECT_EQ(strlen("INITTEMP_PATH") + 1, nameLen);
-    char name[64] = "xxxx";
-    nameLen = 5;
-    EXPECT_EQ(MAV_E_BUFFER_TOO_SHORT,
-              MavEnumParameters(hdl, 0, name, &nameLen, nullptr, nullptr, nullptr));
-    EXPECT_EQ(0u, nameLen);
-    EXPECT_TRUE(trace.Has("Buffer for parameter too small (passed length=5, needed length=14)\n"));
-    nameLen = sizeof name;
-    EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX,
-              MavEnumParameters(hdl, 9, name, &nameLen, nullptr, nullptr, nullptr));
-    EXPECT_TRUE(trace.Has("Parameter with index >>>9<<< is unknown to this PEL!\n"));
-    EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX,
-              MavEnumParameters(hdl, 10, name, &nameLen, nullptr, nullptr, nullptr));
-    EXPECT_TRUE(trace.Has("The passed index >10< is not valid for the requested information\n"));
-    alignas(64) unsigned char junk[256] = {};
-    EXPECT_EQ(MAV_E_INVALID_HANDLE,
-              MavEnumParameters(junk, 0, name, &nameLen, nullptr, nullptr, nullptr));
 }
 
 // An adapter may still read a handle's text values inside PelScan on another
@@ -381,67 +278,5 @@ TEST_F(Params, TempPathRefusesAnUnwritableDirectory) {
 }
 
 // ---- Building a configuration ----------------------------------------------------------------
-
-TEST(ParamConfig, DefaultsFillIndexTablesAndWarnAboutUnknownCodes) {
-    PEL_PARAM initList[3] = {
-        {sizeof(PEL_PARAM), VS_P_INITSERVERS, VS_TYPE_CHAR, 9, const_cast<char*>("localhost")},
-        {sizeof(PEL_PARAM), -7, VS_TYPE_INT, 4, reinterpret_cast<void*>(3)},
-        {sizeof(PEL_PARAM), VS_P_INITTIMEOUT, VS_TYPE_INT, 4, reinterpret_cast<void*>(12)}};
-    // The adapter's length overstates its second string: only the string is copied.
-    PEL_PARAM optList[2] = {
-        {sizeof(PEL_PARAM), VS_P_BLOCKMIMETYPES, VS_TYPE_CHAR, 3, const_cast<char*>("a/b")},
-        {sizeof(PEL_PARAM), VS_P_CLEANRENAME, VS_TYPE_CHAR, 50, const_cast<char*>("x")}};
-    PEL_PARAMS init = {3, {}, initList};
-    PEL_PARAMS opt = {2, {}, optList};
-    PEL_CONFIG pel = {};
-    pel.struct_size = sizeof pel;
-    pel.uiPelActionFlag = 0x11;
-    pel.pInitParams = &init;
-    pel.pOptParams = &opt;
-
-    TraceCapture trace(MAV_TRC_WARNING);
-    MAV_CFG* cfg = nullptr;
-    ASSERT_EQ(MAV_OK, MavIGetConfig(&pel, &cfg));
-    EXPECT_EQ(0, cfg->asInitIndex[VS_P_INITSERVERS]);
-    EXPECT_EQ(2, cfg->asInitIndex[VS_P_INITTIMEOUT]);
-    EXPECT_EQ(-1, cfg->asInitIndex[0]);
-    EXPECT_EQ(0, cfg->asBlockIndex[0]);
-    EXPECT_EQ(1, cfg->asCleanIndex[0]);
-    EXPECT_EQ(-1, cfg->asScanIndex[0]);
-    EXPECT_TRUE(trace.Has("Warning: Parameter with tCode(-7) is unknown\n"));
-    // String values are the configuration's own copies.
-    EXPECT_NE(initList[0].pvValue, cfg->pInitParams->pParams[0].pvValue);
-    EXPECT_STREQ("localhost", static_cast<char*>(cfg->pInitParams->pParams[0].pvValue));
-    EXPECT_STREQ("x", static_cast<char*>(cfg->pOptParams->pParams[1].pvValue));
-    EXPECT_EQ(2, cfg->usActionCount);
-    EXPECT_EQ(MAV_OK, MavIXFreeCFG(&cfg));
-
-    // A type outside the range is refused and fails the whole copy.
-    optList[1].tType = 11;
-    EXPECT_EQ(MAV_E_INVALID_PARAM_TYPE, MavIGetConfig(&pel, &cfg));
-    EXPECT_EQ(nullptr, cfg);
-    EXPECT_TRUE(trace.Has("Invalid OPT Type 11 passed for MavIXCopyParameter\n"));
-    EXPECT_TRUE(
-        trace.Has("Error in MavSetDefaultConfig occured (rc = MAV_E_INVALID_PARAM_TYPE)\n"));
-    EXPECT_EQ(MAV_E_NULL_PARAM, MavIGetConfig(nullptr, &cfg));
-}
-
-TEST(ParamConfig, CopyParameterSwitchesBetweenTextAndNumberSlots) {
-    PEL_PARAM dest = {};
-    PEL_PARAM text = {sizeof(PEL_PARAM), 104, VS_TYPE_CHAR, 3, const_cast<char*>("abc")};
-    PEL_PARAM number = {sizeof(PEL_PARAM), 105, VS_TYPE_INT, 4, reinterpret_cast<void*>(42)};
-    ASSERT_EQ(MAV_OK, MavIXCopyParameter(&dest, 104, &text, false, nullptr));
-    EXPECT_STREQ("abc", static_cast<char*>(dest.pvValue));
-    // Text to number frees the copy; number to text never treats the number
-    // as a buffer.
-    ASSERT_EQ(MAV_OK, MavIXCopyParameter(&dest, 105, &number, false, nullptr));
-    EXPECT_EQ(reinterpret_cast<void*>(42), dest.pvValue);
-    EXPECT_EQ(105, dest.tCode);
-    ASSERT_EQ(MAV_OK, MavIXCopyParameter(&dest, 104, &text, false, nullptr));
-    EXPECT_STREQ("abc", static_cast<char*>(dest.pvValue));
-    MavIFree(dest.pvValue);
-    number.tType = -1;
-    EXPECT_EQ(MAV_E_INVALID_PARAM_TYPE, MavIXCopyParameter(&dest, 105, &number, true, nullptr));
-}
 
 }  // namespace

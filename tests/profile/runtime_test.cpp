@@ -118,24 +118,6 @@ TEST_F(RuntimeTest, ConfigurationSources) {
     EXPECT_EQ(MavGetProfileInstance(nullptr, &inst), MAV_E_PROFILE_NOT_VALID);
 }
 
-TEST_F(RuntimeTest, StartTwiceStopTwiceAndRestartKeepsOldValues) {
-    ASSERT_EQ(start(simple(pel.path()).text), MAV_OK);
-    uint32_t startups = pel.calls(TPEL_STARTUP);
-    EXPECT_EQ(start("mav.profile.OTHER=OTHER\n"), MAV_OK);
-    EXPECT_EQ(profile("OTHER"), nullptr);
-    EXPECT_EQ(pel.calls(TPEL_STARTUP), startups);
-    EXPECT_EQ(MavStopRuntime(), MAV_OK);
-    EXPECT_TRUE(mav::mav_providers.empty());
-    EXPECT_EQ(MavStopRuntime(), MAV_OK);
-    // The key map survives the stop: P stays active, Q is new.
-    Config second;
-    second.profile("P", false).profile("Q");
-    ASSERT_EQ(start(second.text), MAV_OK);
-    ASSERT_NE(profile("P"), nullptr);
-    EXPECT_TRUE(profile("P")->isActive());
-    EXPECT_NE(profile("Q"), nullptr);
-}
-
 TEST_F(RuntimeTest, KeyRules) {
     Config c;
     c.line("mav.defaults.profile=P");
@@ -226,33 +208,6 @@ TEST_F(RuntimeTest, LookupCodesInOrder) {
     EXPECT_EQ(MavGetProfileInstance("ON", &inst), MAV_E_PROFILE_NOT_VALID);
     EXPECT_EQ(MavGetProfileInstancePointer("ON"), nullptr);
     EXPECT_FALSE(mav::MavInstance::createInstance("ON"));
-}
-
-TEST_F(RuntimeTest, ProfileInstanceHandleHoldsOnlyMarksThreadAndInstance) {
-    ASSERT_EQ(start(simple(pel.path()).text), MAV_OK);
-    MAV_INST inst = nullptr;
-    ASSERT_EQ(MavGetProfileInstance("P", &inst), MAV_OK);
-    ASSERT_NE(inst, nullptr);
-    unsigned char b[136];
-    memcpy(b, inst, sizeof b);
-    size_t size;
-    void* link;
-    uint32_t u32[4];  // head mark, thread, tail mark
-    memcpy(&size, b, sizeof size);
-    memcpy(&u32[0], b + 8, 4);
-    memcpy(&u32[1], b + 16, 4);
-    memcpy(&link, b + 120, sizeof link);
-    memcpy(&u32[2], b + 128, 4);
-    EXPECT_EQ(size, 136u);
-    EXPECT_EQ(u32[0], 0xABCDABCDu);
-    EXPECT_EQ(u32[1], ThrGetCurrentId());
-    EXPECT_NE(link, nullptr);
-    EXPECT_EQ(u32[2], 0xDCBADCBAu);
-    memset(b, 0, 12);  // every other byte is zero
-    memset(b + 16, 0, 4);
-    memset(b + 120, 0, 12);
-    EXPECT_EQ(std::string(136, '\0'), std::string(b, b + 136));
-    EXPECT_EQ(MavFreeInstance(&inst), MAV_OK);
 }
 
 TEST_F(RuntimeTest, ProfilesThatReachThemselvesAreNotValid) {
