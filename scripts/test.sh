@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The test command: installs what is missing, builds with AddressSanitizer and
 # UndefinedBehaviorSanitizer, runs every test, then runs the thread stress test
-# under ThreadSanitizer.
+# under ThreadSanitizer; prints the tests/code ratio last.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/deps.sh
@@ -16,4 +16,5 @@ ctest --test-dir build/asan --output-on-failure -j"$jobs" || status=$?
 if [ -x scripts/tsan.sh ]; then
   scripts/tsan.sh || status=$?
 fi
+scripts/test-ratio.sh || true
 exit $status
