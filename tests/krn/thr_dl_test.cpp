@@ -13,24 +13,6 @@
 
 namespace {
 
-TEST(ThrCS, LifecycleRecursionAndMisuse) {
-    THR_CRIT_SEC cs;
-    memset(&cs, 0, sizeof cs);
-    EXPECT_EQ(ThrCSLock(&cs), THR_RC_INVALID);  // zeroed storage is "not created"
-    EXPECT_EQ(ThrCSLock(nullptr), THR_RC_INVALID);
-    EXPECT_EQ(ThrCSInit2(nullptr), THR_RC_INVALID);
-    ASSERT_EQ(ThrCSInit2(&cs), THR_RC_OK);
-    EXPECT_EQ(ThrCSInit2(&cs), THR_RC_EXISTS);
-    for (int i = 0; i < 3; ++i) ASSERT_EQ(ThrCSLock(&cs), THR_RC_OK);
-    for (int i = 0; i < 3; ++i) ASSERT_EQ(ThrCSUnlock(&cs), THR_RC_OK);
-    EXPECT_EQ(ThrCSDelete(&cs), THR_RC_OK);
-    EXPECT_EQ(cs.uiCreated, 0u);
-    EXPECT_EQ(ThrCSDelete(&cs), THR_RC_INVALID);
-    EXPECT_EQ(ThrCSUnlock(&cs), THR_RC_INVALID);
-    EXPECT_EQ(ThrCSInit2(&cs), THR_RC_OK);  // storage can be reused
-    EXPECT_EQ(ThrCSDelete(&cs), THR_RC_OK);
-}
-
 #if defined(__SANITIZE_THREAD__)
 #define KRN_TSAN 1
 #elif defined(__has_feature)

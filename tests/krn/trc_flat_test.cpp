@@ -39,27 +39,6 @@ class Trace : public ::testing::Test {
     FILE* fp_ = nullptr;
 };
 
-TEST_F(Trace, ConcurrentLinesNeverInterleave) {
-    CTrcSetFpTf(fp_);
-    CTrcSetTraceLevelFct(1);
-    DpLock();  // recursive: the writers below take it again on this thread
-    DpTrcA7("under the lock");
-    DpUnlock();
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([t] {
-            for (int i = 0; i < 200; ++i)
-                DpTrcA7("thread %d line %d %s", t, i, std::string(300, 'x').c_str());
-        });
-    }
-    for (auto& th : threads) th.join();
-    std::vector<std::string> lines = Lines();
-    ASSERT_EQ(lines.size(), 801u);
-    std::regex shape(R"(.*\]: thread \d line \d+ x{300}\n)");
-    for (size_t i = 1; i < lines.size(); ++i)
-        ASSERT_TRUE(std::regex_match(lines[i], shape)) << lines[i];
-}
-
 TEST(Flat, UniqueFilesAreExclusiveAndPrivate) {
     char dir[] = "/tmp/krnflatXXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);

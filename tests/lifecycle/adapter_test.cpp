@@ -81,32 +81,6 @@ TEST_F(AdapterChoice, LibraryWithoutAllEntryPointsIsRefused) {
 
 using AdapterStart = Lifecycle;
 
-TEST_F(AdapterStart, FailingPelStartupOrPelGetConfig) {
-    const struct {
-        int entry, rc;
-        const char* text;
-        uint32_t ends;  // a started adapter is ended with PelEnd and PelCleanup
-    } cases[] = {
-        {TPEL_STARTUP, 13,
-         "Global adapter initialization in PelStartup failed. Please contact PEL vendor.", 0},
-        {TPEL_GETCONFIG, 9, "Adapter function PelGetConfig failed. Please contact PEL vendor.", 1},
-    };
-    for (const auto& c : cases) {
-        pel.reset();
-        pel.fail(c.entry, c.rc, nullptr);
-        MAV_HANDLE h = nullptr;
-        EXPECT_EQ(c.rc, MavInit(pel.path(), &h));
-        EXPECT_EQ(c.text, LastError(h));
-        EXPECT_EQ(c.rc, Rec(h)->lastErrorRc);
-        EXPECT_EQ(c.ends, pel.calls(TPEL_GETCONFIG));
-        EXPECT_EQ(c.ends != 0, Rec(h)->pPelConfig != nullptr);  // kept whatever the result
-        EXPECT_EQ(nullptr, Rec(h)->pCfg);
-        EXPECT_EQ(MAV_OK, MavEnd(&h));
-        EXPECT_EQ(c.ends, pel.calls(TPEL_END));
-        EXPECT_EQ(c.ends, pel.calls(TPEL_CLEANUP));
-    }
-}
-
 TEST_F(AdapterStart, InterfaceVersionsAndMissingAdapterInfo) {
     MAV_HANDLE good = Start();
     for (uint16_t v : {0, 1, 2}) {
@@ -145,55 +119,6 @@ TEST_F(AdapterStart, InterfaceVersionsAndMissingAdapterInfo) {
     EXPECT_EQ(MAV_E_NOT_SUPPORTED, MavInit(v3.path(), &h));
     EXPECT_EQ(MAV_OK, MavEnd(&h));
     EXPECT_EQ(0u, MavIXGetHdlSize());
-}
-
-TEST_F(AdapterStart, FailingPelInitTakesVendorText) {
-    TraceCapture trace(MAV_TRC_ERROR);
-    MAV_HANDLE h = Start();
-    pel.fail(TPEL_INIT, 9, "engine files missing");
-    MAV_INST i = nullptr;
-    EXPECT_EQ(9, MavCreateInstance(h, &i));
-    EXPECT_EQ(nullptr, i);
-    EXPECT_EQ("engine files missing", LastError(h));
-    EXPECT_EQ(9, Rec(h)->lastErrorRc);
-    EXPECT_TRUE(trace.HasFrom("MavICreateInstance",
-                              "PelInit failed with \n                vendor internal rc = "
-                              "[9]\n                vendor reason = [engine files missing]\n"));
-    EXPECT_EQ(0u, Rec(h)->uiInstances);
-    EXPECT_EQ(0, pel.live_inits());  // the failed record went back to the adapter
-    // Through the public call: no engine record, so the list's latest text.
-    char* buf = nullptr;
-    size_t len = 0;
-    EXPECT_EQ(MAV_OK, MavAdapterErrorText(h, &buf, &len));
-    EXPECT_EQ(0, strncmp("engine files missing", buf, strlen("engine files missing")));
-    MavIFree(buf);
-
-    pel.fail(TPEL_INIT, 0, nullptr);
-    ASSERT_EQ(MAV_OK, MavSetPoolSize(h, 1));
-    pel.fail(TPEL_INIT, 5, nullptr);  // no record handed back
-    EXPECT_EQ(5, MavLoadPool(h, 1, 0));
-    EXPECT_EQ(0u, Rec(h)->uiPooled);
-    pel.fail(TPEL_INIT, 0, nullptr);
-    EXPECT_EQ(MAV_OK, MavLoadPool(h, 1, 0));
-    EXPECT_EQ(MAV_OK, MavEnd(&h));
-    EXPECT_EQ(0, pel.live_inits());
-}
-
-TEST_F(AdapterStart, FailingPelEndOrPelCleanupKeepsTheHandle) {
-    for (int entry : {TPEL_END, TPEL_CLEANUP}) {
-        pel.reset();
-        MAV_HANDLE h = Start();
-        pel.fail(entry, 15, nullptr);
-        EXPECT_EQ(15, MavEnd(&h));
-        ASSERT_NE(nullptr, h);
-        EXPECT_EQ(1u, MavIXGetHdlSize());
-        MAV_INST i = nullptr;
-        EXPECT_EQ(MAV_OK, MavCreateInstance(h, &i));  // still usable
-        pel.fail(entry, 0, nullptr);
-        EXPECT_EQ(MAV_OK, MavFreeInstance(&i));
-        EXPECT_EQ(MAV_OK, MavEnd(&h));
-        EXPECT_EQ(entry == TPEL_CLEANUP ? 2u : 1u, pel.calls(TPEL_CLEANUP));
-    }
 }
 
 using AdapterTrace = Lifecycle;

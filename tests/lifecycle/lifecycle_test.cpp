@@ -268,36 +268,4 @@ using LifecycleNames = Lifecycle;
 
 using LifecycleCfg = Lifecycle;
 
-TEST_F(LifecycleCfg, InstanceGetsItsOwnCopyOnFirstWrite) {
-    pel.add_param(0, VS_P_SCANLIMIT, VS_TYPE_CHAR, "limit");
-    MAV_HANDLE h = Start();
-    ASSERT_EQ(MAV_OK, MavRegisterSingleEventHandler(
-                          h, [](MAV_INST, uint32_t, void*, void*) -> VS_CALLRC { return 0; },
-                          VS_M_VIRUS, nullptr));
-    Rec(h)->pCfg->uiDefaultAction = 0x1a;
-    Rec(h)->pCfg->bNoScanInfo = 1;
-    MAV_INST i = nullptr;
-    ASSERT_EQ(MAV_OK, MavCreateInstance(h, &i));
-    MAV_CFG* cfg = nullptr;
-    ASSERT_EQ(MAV_OK, MavIXAssignHdlToCFG(h, &cfg));
-    EXPECT_EQ(Rec(h)->pCfg, cfg);
-    ASSERT_EQ(MAV_OK, MavIXAssignHdlToCFG(i, &cfg));
-    ASSERT_NE(Rec(h)->pCfg, cfg);
-    EXPECT_EQ(cfg, Inst(i)->pCfg);
-    EXPECT_EQ(0x1au, cfg->uiDefaultAction);
-    EXPECT_EQ(1, cfg->bNoScanInfo);
-    EXPECT_EQ(Rec(h)->pCfg->usActionCount, cfg->usActionCount);
-    EXPECT_EQ(0, cfg->asScanIndex[VS_P_SCANLIMIT - 100]);
-    ASSERT_NE(nullptr, cfg->pAux->pEvents);
-    EXPECT_NE(Rec(h)->pCfg->pAux->pEvents, cfg->pAux->pEvents);
-    EXPECT_EQ(VS_M_VIRUS, cfg->pAux->pEvents->uiMask);
-    MAV_CFG* again = nullptr;
-    ASSERT_EQ(MAV_OK, MavIXAssignHdlToCFG(i, &again));
-    EXPECT_EQ(cfg, again);                    // copied once
-    alignas(8) unsigned char junk[256] = {};  // no size, no marks
-    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXAssignHdlToCFG(junk, &cfg));
-    EXPECT_EQ(MAV_OK, MavFreeInstance(&i));  // frees the copy with its registration
-    EXPECT_EQ(MAV_OK, MavEnd(&h));
-}
-
 }  // namespace

@@ -52,28 +52,6 @@ class Mem : public ::testing::Test {
     }
 };
 
-TEST_F(Mem, InternalAllocationsGoThroughTheHooksWithTagMav) {
-    UseCountingHooks();
-    void* p = MavIAlloc(16, true);
-    ASSERT_NE(nullptr, p);
-    EXPECT_EQ(0, memcmp(p, std::string(16, '\0').data(), 16));
-    p = MavIRealloc(p, 64);
-    MavIFree(p);
-    MavIFree(nullptr);  // not handed to the hook
-    EXPECT_EQ(1, hookLog.allocs);
-    EXPECT_EQ(1, hookLog.cleanAllocs);
-    EXPECT_EQ(1, hookLog.reallocs);
-    EXPECT_EQ(1, hookLog.frees);
-    EXPECT_EQ((std::vector<std::string>{"mav", "mav"}), hookLog.tags);
-    // One null hook is refused and the old table kept.
-    EXPECT_EQ(MAV_E_NULL_PARAM, MavRegisterMmCallbacks(nullptr, MavPXRealloc, MavPXFree));
-    EXPECT_EQ(MAV_E_NULL_PARAM, MavRegisterMmCallbacks(MavPXAlloc, nullptr, MavPXFree));
-    EXPECT_EQ(MAV_E_NULL_PARAM, MavRegisterMmCallbacks(MavPXAlloc, MavPXRealloc, nullptr));
-    MavIFree(MavIAlloc(8, false));
-    EXPECT_EQ(2, hookLog.allocs);
-    EXPECT_EQ(2, hookLog.frees);
-}
-
 TEST_F(Mem, ConversionsValidateAndMapCodes) {
     const char* utf8 =
         "Gr\xC3\xBC\xC3\x9F"

@@ -17,26 +17,6 @@ namespace {
 
 // ---- Lookups ------------------------------------------------------------------------
 
-TEST(ParamLookup, NamesAreCaseBlindAndUnknownsFollowTheirPrefix) {
-    // An unknown custom name falls back to the first custom code.
-    const std::pair<const char*, int32_t> cases[] = {
-        {"blockmimetypes", 300}, {"CleanDelete", 201}, {"BLOCKNOTHING", -1}, {"SCANNOTHING", -1},
-        {"INITNOTHING", -1},     {"NOPREFIX", -1},     {nullptr, -1},        {"CUST_NOTHING", -100},
-        {"cust", -100},          {"cust_clean", -104}};
-    for (const auto& c : cases) EXPECT_EQ(c.second, MavParamCode(c.first)) << c.first;
-    const char* names[] = {"BOOL",   "BYTE", "SHORT",  "INT",    "LONG",  "FLOAT",
-                           "DOUBLE", "CHAR", "TIME_T", "SIZE_T", "OBJECT"};
-    for (int32_t t = 0; t <= 10; ++t) {
-        EXPECT_STREQ(names[t], MavParamTypeName(t));
-        EXPECT_EQ(t, MavParamType(names[t]));
-    }
-    EXPECT_EQ(6, MavParamType("double"));
-    EXPECT_EQ(-1, MavParamType("STRING"));
-    EXPECT_EQ(-1, MavParamType(nullptr));
-    EXPECT_EQ(nullptr, MavParamTypeName(11));
-    EXPECT_EQ(nullptr, MavParamTypeName(-1));
-}
-
 // ---- Values on a handle and its instances ----------------------------------------------
 
 class Params : public MavFixture {
@@ -151,60 +131,6 @@ TEST_F(Params, SetParsesChecksTypeAndKeepsOldValueOnFailure) {
     // The new values reach the adapter with the next scan.
     ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
     EXPECT_EQ(pel.lastScan().pOptParams, HdlCfg()->pOptParams);
-}
-
-TEST_F(Params, NullTextResetsToTheAdapterDefault) {
-    TraceCapture trace(MAV_TRC_PARAM);
-    ASSERT_EQ(MAV_OK, Set(hdl, "BLOCKEXTENSIONS", VS_TYPE_CHAR, "zip"));
-    ASSERT_EQ(MAV_OK, Set(hdl, "INITTIMEOUT", VS_TYPE_INT, "1"));
-    EXPECT_EQ(MAV_OK, Set(hdl, "BLOCKEXTENSIONS", -1, nullptr));  // the type is not looked at
-    EXPECT_EQ(MAV_OK, Set(hdl, "INITTIMEOUT", VS_TYPE_INT, nullptr));
-    EXPECT_EQ("exe", Get(hdl, "BLOCKEXTENSIONS"));
-    EXPECT_EQ("30", Get(hdl, "INITTIMEOUT"));
-    EXPECT_TRUE(
-        trace.Has("Optional block parameter BLOCKEXTENSIONS will be set with its default value\n"));
-    EXPECT_TRUE(trace.Has("Initial parameter INITTIMEOUT will be set with its default value\n"));
-
-    ASSERT_EQ(MAV_OK, Set(hdl, "SCANLIMIT", VS_TYPE_LONG, "5"));
-    ASSERT_EQ(MAV_OK, Set(hdl, "CUST_CLEAN", VS_TYPE_BOOL, "1"));
-    EXPECT_EQ(MAV_OK, MavSetDefaultConfig(hdl));
-    EXPECT_EQ("1000", Get(hdl, "SCANLIMIT"));
-    // MavSetDefaultConfig leaves the custom flags alone.
-    EXPECT_EQ(MAV_DEFAULT_ACTION | VS_A_CLEAN, HdlCfg()->uiDefaultAction);
-    EXPECT_EQ(MAV_E_NULL_PARAM, MavSetDefaultConfig(nullptr));
-    MAV_PARAM_ID unknown = {sizeof(MAV_PARAM_ID), 999, VS_TYPE_INT};
-    EXPECT_EQ(MAV_E_PARAM_UNSUPPORTED, MavISetDefaultValue(hdl, &unknown));
-    EXPECT_EQ(MAV_E_NULL_PARAM, MavISetDefaultValue(hdl, nullptr));
-}
-
-TEST_F(Params, InstanceGetsItsOwnCopyOnFirstChangeOnly) {
-    MAV_CFG* handleCfg = HdlCfg();
-    // A refused change makes no copy.
-    EXPECT_EQ(MAV_E_INVALID_PARAM_TYPE, Set(inst, "SCANLIMIT", VS_TYPE_INT, "5"));
-    EXPECT_EQ(handleCfg, InstCfg());
-    EXPECT_EQ(MAV_OK, Set(inst, "SCANLIMIT", VS_TYPE_LONG, "5"));
-    EXPECT_NE(handleCfg, InstCfg());
-    EXPECT_EQ(handleCfg, HdlCfg());
-    EXPECT_EQ("5", Get(inst, "SCANLIMIT"));
-    EXPECT_EQ("1000", Get(hdl, "SCANLIMIT"));
-    EXPECT_EQ(MAV_OK, Set(inst, "CUST_CLEAN", VS_TYPE_BOOL, "1"));
-    EXPECT_EQ(MAV_DEFAULT_ACTION, handleCfg->uiDefaultAction);
-    EXPECT_EQ(MAV_DEFAULT_ACTION | VS_A_CLEAN, InstCfg()->uiDefaultAction);
-    // The instance scans with its own lists, another instance with the
-    // handle's.
-    MAV_INST other = nullptr;
-    ASSERT_EQ(MAV_OK, MavCreateInstance(hdl, &other));
-    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
-    EXPECT_EQ(pel.lastScan().pOptParams, InstCfg()->pOptParams);
-    ASSERT_EQ(MAV_OK, MavScanFile(other, "/dev/null", 1, nullptr));
-    EXPECT_EQ(pel.lastScan().pOptParams, handleCfg->pOptParams);
-    EXPECT_EQ(MAV_DEFAULT_ACTION, pel.lastScan().uiActionCode);
-    EXPECT_EQ(MAV_OK, MavFreeInstance(&other));
-    // Defaults on the instance touch only the instance.
-    ASSERT_EQ(MAV_OK, Set(hdl, "SCANLIMIT", VS_TYPE_LONG, "77"));
-    EXPECT_EQ(MAV_OK, MavSetDefaultConfig(inst));
-    EXPECT_EQ("1000", Get(inst, "SCANLIMIT"));
-    EXPECT_EQ("77", Get(hdl, "SCANLIMIT"));
 }
 
 // An adapter may still read a handle's text values inside PelScan on another

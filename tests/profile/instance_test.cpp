@@ -11,16 +11,6 @@ using profiletest::TempDir;
 
 namespace {
 
-TEST(MavInstanceEmpty, ScansCleanAndKeepsTheFallbackHandle) {
-    mav::MavInstance inst(0);
-    EXPECT_EQ(inst.scan("/nonexistent"), MAV_OK);
-    EXPECT_EQ(inst.scan(reinterpret_cast<const unsigned char*>("ab"), 2), MAV_OK);
-    EXPECT_EQ(inst.getScanInfo().struct_size, 32u);
-    int marker = 0;
-    inst.setMavHandle(&marker);
-    EXPECT_EQ(inst.getMavHandle(), &marker);
-}
-
 // What a scan threw: "infection|what|text", "scan|what" or "" for nothing.
 template <typename F>
 std::string Thrown(F scan) {

@@ -37,14 +37,6 @@ mav::MavProfile* profile(const std::string& name) {
     return it == mav::mav_profiles.end() ? nullptr : it->second;
 }
 
-// One active profile P over group G with a single provider of the test adapter.
-Config simple(const std::string& path, const std::string& pool = "2") {
-    Config c;
-    c.line("mav.defaults.profile=P").profile("P").step("P", "0", "0", "G").group("G");
-    c.provider("A", "G", path, pool);
-    return c;
-}
-
 TEST_F(RuntimeTest, BuiltInDefaultWithTheTestAdapter) {
     TempDir dir;
     Environment env(dir.path, pel.path());
@@ -92,32 +84,6 @@ TEST_F(RuntimeTest, BuiltInDefaultWithoutAdapterFailsTheProvider) {
     EXPECT_EQ(MavGetProfileInstancePointer(nullptr), nullptr);
 }
 
-TEST_F(RuntimeTest, ConfigurationSources) {
-    TempDir dir;
-    Environment env(dir.path, nullptr);
-    // mav.properties in the working directory wins over the built-in text.
-    dir.write("mav.properties", "mav.profile.FROMFILE=FROMFILE\n");
-    ASSERT_EQ(MavStartRuntime(nullptr, 0), MAV_OK);
-    EXPECT_NE(profile("FROMFILE"), nullptr);
-    EXPECT_EQ(profile("DEFAULT"), nullptr);
-    MavStopRuntime();
-    // A text that names a file reads the file; its length counts, not a NUL.
-    std::string file = dir.write("named.properties", "mav.profile.NAMED=NAMED\n");
-    std::string padded = file + "trailing";
-    ASSERT_EQ(MavStartRuntime(padded.c_str(), file.size()), MAV_OK);
-    EXPECT_NE(profile("NAMED"), nullptr);
-    MavStopRuntime();
-    ASSERT_EQ(start("mav.profile.TEXT=TEXT\n"), MAV_OK);
-    EXPECT_NE(profile("TEXT"), nullptr);
-    EXPECT_EQ(profile("NAMED"), nullptr);
-    MavStopRuntime();
-    // No valid line: not started.
-    EXPECT_EQ(start("# nothing\n"), MAV_E_NOT_INITIALISED);
-    EXPECT_FALSE(mav::bRuntimeInit);
-    MAV_INST inst = nullptr;
-    EXPECT_EQ(MavGetProfileInstance(nullptr, &inst), MAV_E_PROFILE_NOT_VALID);
-}
-
 TEST_F(RuntimeTest, KeyRules) {
     Config c;
     c.line("mav.defaults.profile=P");
@@ -158,28 +124,6 @@ TEST_F(RuntimeTest, KeyRules) {
     EXPECT_EQ(MavGetProfileInstance("\xC3\xA4", &pi), MAV_E_PROFILE_NOT_FOUND);
     EXPECT_EQ(MavGetProfileInstance("\xE4", &pi), MAV_OK);
     EXPECT_EQ(pi, nullptr);  // no entries: nothing to build
-}
-
-TEST_F(RuntimeTest, GroupFailsOverToItsSecondProvider) {
-    TempDir dir;
-    Config c;
-    c.line("mav.defaults.profile=P").profile("P").step("P", "0", "0", "G").group("G");
-    c.provider("BROKEN", "G", dir.file("libnone.so")).provider("GOOD", "G", pel.path());
-    ASSERT_EQ(start(c.text), MAV_OK);
-    ASSERT_TRUE(provider("BROKEN")->isFailed());
-    MAV_INST inst = MavGetProfileInstancePointer("P");
-    ASSERT_NE(inst, nullptr);
-    EXPECT_EQ(MavGetHandle(inst), provider("GOOD")->getMavHandle());
-    EXPECT_FALSE(profile("P")->isFailed());
-    EXPECT_EQ(MavFreeInstancePointer(inst), MAV_OK);
-
-    // A start-up refused by the adapter fails the provider the same way.
-    MavStopRuntime();
-    pel.fail(TPEL_STARTUP, MAV_E_LOAD_FAILED, "refused");
-    mav::mav_properties = mav::PropertyReader();
-    ASSERT_EQ(start(simple(pel.path()).text), MAV_OK);
-    EXPECT_TRUE(provider("A")->isFailed());
-    pel.fail(TPEL_STARTUP, 0, nullptr);
 }
 
 TEST_F(RuntimeTest, LookupCodesInOrder) {
