@@ -16,7 +16,6 @@
 set -uo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
-list=$root/scripts/mutants.txt
 work=${MUTANTS_DIR:-$root/build/mutants}
 timeout_s=${MUTANT_TIMEOUT:-120}
 jobs=2
@@ -24,12 +23,19 @@ keep=0
 if [ "${1:-}" = "-k" ]; then keep=1; shift; fi
 filter=${1:-}
 
+# A fresh scratch copy: the worktree is never mutated. tar keeps time stamps,
+# so a later run rebuilds only what changed. A run that was killed with a
+# mutant in place leaves "dirty": then every file is taken as new, so nothing
+# built from the mutant survives.
+rm -rf "$work/src"
 mkdir -p "$work/src"
-# A scratch copy: the worktree is never mutated. tar keeps time stamps, so a
-# later run rebuilds only what changed.
-tar -C "$root" --exclude=./build --exclude=./.git -cf - . | tar -C "$work/src" -xf -
+touch_all=()
+[ -f "$work/dirty" ] && touch_all=(--touch)
+tar -C "$root" --exclude=./build --exclude=./.git -cf - . | tar -C "$work/src" -xf - "${touch_all[@]}"
+rm -f "$work/dirty"
 src=$work/src
 bld=$work/build
+list=$src/scripts/mutants.txt  # the copy: edits during a run do not reach it
 log=$work/log
 mkdir -p "$log"
 
@@ -65,7 +71,10 @@ EOF
 killed=0 survived=0 total=0 nomatch=0 stillborn=0 i=0
 survivors=()
 restore=""
-put_back() { [ -n "$restore" ] && mv "$restore.orig" "$restore" && touch "$restore"; restore=""; }
+put_back() {
+    [ -n "$restore" ] && mv "$restore.orig" "$restore" && touch "$restore" && rm -f "$work/dirty"
+    restore=""
+}
 trap 'put_back; exit 3' INT TERM
 trap put_back EXIT
 while IFS= read -r line; do
@@ -79,6 +88,7 @@ while IFS= read -r line; do
     if [ ! -f "$src/$file" ]; then
         echo "NOMATCH   $tag (no such file)"; nomatch=$((nomatch + 1)); continue
     fi
+    : >"$work/dirty"
     cp -p "$src/$file" "$src/$file.orig"
     restore=$src/$file
     if [ "$(apply "$src/$file" "$find" "$repl")" != OK ]; then
