@@ -111,6 +111,12 @@ TEST_F(ErrorList, SmallBufferIsReplacedAndGrowthKeepsEntries) {
     EXPECT_EQ(11u, len);            // length + 1
     EXPECT_STREQ("0123456789", buf);
     free(buf);
+    // One byte short of the text: replaced too, the short buffer left alone.
+    std::vector<char> shortBuf(9, 'x');
+    EXPECT_EQ(MAV_OK, Text(hdl_, shortBuf.data(), shortBuf.size(), &buf, &len));
+    EXPECT_NE(shortBuf.data(), buf);
+    EXPECT_EQ(std::string(9, 'x'), std::string(shortBuf.begin(), shortBuf.end()));
+    free(buf);
     failAlloc = true;
     EXPECT_EQ(MAV_E_NO_SPACE, Text(hdl_, storage, 1, &buf, &len));
     EXPECT_EQ(storage, buf);

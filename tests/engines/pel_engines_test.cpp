@@ -237,6 +237,7 @@ TEST_F(Clamav, LimitsApplyPerScanAndFailClosed) {
     Bytes tailZip = DeflatedZip({{"tail.txt", tail}});
     Bytes many = DeflatedZip({{"a.txt", Bytes(1024 * 1024, 'C')}, {"b.txt", tail}});
     Bytes slow = DeflatedZip({{"a.txt", Bytes(16 * 1024 * 1024, 'D')}, {"b.txt", tail}});
+    Bytes atLimit(1024 * 1024, 'A'), overLimit(1024 * 1024 + 1, 'A');
     struct Case {
         const Bytes* object;
         std::vector<std::pair<int32_t, uint64_t>> options;
@@ -251,6 +252,8 @@ TEST_F(Clamav, LimitsApplyPerScanAndFailClosed) {
           {VS_P_SCANEXTRACT_DEPTH, 0}},
          -2, nullptr},  // 0 switches a limit off
         {&tail, {{VS_P_SCANLIMIT, 1024 * 1024}}, 14, "SCANLIMIT"},
+        {&atLimit, {{VS_P_SCANLIMIT, 1024 * 1024}}, 0, nullptr},
+        {&overLimit, {{VS_P_SCANLIMIT, 1024 * 1024}}, 14, "SCANLIMIT"},
         {&tailZip, {{VS_P_SCANLIMIT, 4 * 1024 * 1024}}, -2, nullptr},
         // A member over the limit whose signature lies past it.
         {&tailZip, {{VS_P_SCANLIMIT, 1024 * 1024}, {VS_P_SCANEXTRACT_SIZE, 64 << 20}}, 14,
@@ -351,6 +354,7 @@ TEST_F(ClamdPel, ServerLimitsAreNotScannedAndTheSessionGoesOn) {
     PEL_INIT* bad = nullptr;
     EXPECT_EQ(3, Open(gClamd, "localhost", &bad));  // no port
     EXPECT_EQ(3, Open(gClamd, " , ", &bad));
+    EXPECT_EQ(3, Open(gClamd, "unix:/" + std::string(107, 'p'), &bad));  // no room for the NUL
 }
 
 TEST_F(ClamdPel, FailsOverBetweenServersAndNeverScansCleanWithoutOne) {

@@ -279,8 +279,14 @@ class JsonTest(unittest.TestCase):
         self.assertEqual(("ERROR", "MAV_E_NOT_SCANNED"), (o["verdict"], o["code"]))
         self.assertIn("SCANLIMIT", o["scan_errors"][0]["text"])
 
+    def test_every_finding_of_an_object_is_listed(self):
+        with open(path("db/marker.txt"), "rb") as f:
+            both = put("two/both.com", EICAR + b"\n" + f.read())
+        objs, _ = json_lines(check(self, ["--json", both], 1)[0])
+        self.assertEqual([EICAR_NAME, MARKER_NAME], sorted(i["name"] for i in objs[0]["infections"]))
+
     def test_awkward_names_survive(self):
-        name = put('odd/qu"ote\\back\nline\tand\x01ctl \xe9.txt', b"fine\n")
+        name = put('odd/qu"ote\\back\nline\tand\x01\x1fctl \xe9.txt', b"fine\n")
         raw = os.path.join(path("odd").encode(), b"bad\xffbyte.txt")
         with open(raw, "wb") as f:
             f.write(EICAR)

@@ -45,6 +45,8 @@ class TwoAdapters : public RuntimeTest {
         c.param("mav.profile.NOINFO", "CUST_NO_SCANINFO", "BOOL", "true");
         c.profile("WARN").step("WARN", "0", "0", "GA").step("WARN", "1", "0", "GB");
         c.param("mav.profile.WARN", "CUST_NOT_SCANNED_AS_WARNING", "BOOL", "1");
+        c.profile("CLEAN").step("CLEAN", "0", "0", "GA");
+        c.param("mav.profile.CLEAN", "CUST_CLEAN", "BOOL", "true");
         c.group("GA").group("GB").provider("A", "GA", pel.path(), "2");
         c.provider("B", "GB", pathB, "2");
         ASSERT_EQ(start(c.text), MAV_OK);
@@ -84,6 +86,18 @@ TEST_F(TwoAdapters, LinkageZeroStopsAtTheFirstFinding) {
               Thrown(scanFile));
     EXPECT_EQ(inst->getCurrent(), 0);
     EXPECT_EQ(pelB->calls(TPEL_SCAN), 1u);
+}
+
+// Cleaning writes into the scanned buffer: a profile that cleans hands the
+// adapter a copy, and the caller's const bytes stay as they were.
+TEST_F(TwoAdapters, CleaningProfileLeavesTheCallersBytesAlone) {
+    pel.script_rc(MAV_E_CLEAN_OK);
+    pel.script_cleaned("CLEAN", 5);
+    auto inst = take("CLEAN");
+    const unsigned char bytes[] = "dirty bytes";
+    Thrown([&] { inst->scan(bytes, sizeof bytes - 1, "obj"); });
+    EXPECT_EQ(0, memcmp(bytes, "dirty bytes", sizeof bytes));
+    EXPECT_NE(0u, pel.lastScan().uiActionCode & VS_A_CLEAN);
 }
 
 TEST_F(TwoAdapters, LinkageOneStopsAtTheFirstCleanResult) {

@@ -180,6 +180,16 @@ TEST_F(Scan, FallbackWritesBytesToAPrivateFileAndRemovesIt) {
     EXPECT_TRUE(dir_.entries().empty());
 }
 
+// Without INITTEMP_PATH the fallback file goes to the default directory.
+TEST_F(Scan, FallbackWithoutATempPathUsesTheDefaultDirectory) {
+    pel.set_flags(PEL_SCANFLAG_FILE, 0x19, VS_M_VIRUS | VS_M_CLEAN, 0);
+    Start();
+    ASSERT_EQ(MAV_OK, Bytes("plain.bin"));
+    EXPECT_TRUE(pel.lastScan().bFileExisted);
+    std::string dir = std::string(MavPXGetDefaultTmpPath()) + "/";
+    EXPECT_EQ(dir, LastName().substr(0, dir.size()));
+}
+
 TEST(TempFile, CreatedExclusivelyWithMode0600UnderTheObjectName) {
     TempDir dir;
     const unsigned char bytes[] = "hello";
