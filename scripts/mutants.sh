@@ -100,7 +100,7 @@ while IFS= read -r line; do
         sel=()
         [ "$labels" != "*" ] && sel=(-L "$labels")
         timeout -k 10 "$timeout_s" ctest --test-dir "$bld" "${sel[@]}" -E "$exclude" -j$jobs \
-            --timeout "$timeout_s" --stop-on-failure >"$log/m$i.test.txt" 2>&1
+            --timeout "$timeout_s" --stop-on-failure --output-on-failure >"$log/m$i.test.txt" 2>&1
         rc=$?
         if [ $rc = 0 ]; then
             echo "SURVIVED  $tag"; survived=$((survived + 1)); survivors+=("#$i")
