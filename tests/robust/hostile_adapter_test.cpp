@@ -633,9 +633,9 @@ TEST_F(HostileAdapter, StaleAndForeignHandlesAreRefused) {
         uint32_t scans = pel.calls(TPEL_SCAN);
         EXPECT_EQ(MAV_E_INVALID_HANDLE, MavScanBytes(live, "b", bytes, sizeof bytes, 1, nullptr));
         EXPECT_EQ(scans, pel.calls(TPEL_SCAN));
-        uint16_t drivers = 0;
-        EXPECT_NE(MAV_OK, MavGetEngineInfo(live, nullptr, nullptr, nullptr, nullptr, nullptr,
-                                            &drivers));
+        EXPECT_EQ(MAV_E_INVALID_HANDLE, MavEnumInfections(live, 0, nullptr, nullptr, nullptr,
+                                                          nullptr, nullptr, nullptr, nullptr,
+                                                          nullptr, nullptr));
         MAV_INST probe = live;  // an instance whose engine failed may still be freed
         EXPECT_TRUE(part == 2 || MavFreeInstance(&probe) == MAV_E_INVALID_HANDLE);
         *mark = keptMark;
