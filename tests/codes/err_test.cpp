@@ -132,4 +132,38 @@ TEST_F(ErrorList, SmallBufferIsReplacedAndGrowthKeepsEntries) {
     EXPECT_EQ(19, hdl_->lastErrorRc);
 }
 
+// The engine record's text and code come before the handle's list; its text
+// follows the same buffer rule, and one that is not UTF-8 empties the buffer.
+TEST_F(ErrorList, EngineRecordTakesPrecedence) {
+    PEL_INIT own{};
+    own.struct_size = sizeof own;
+    own.iErrorRC = 5;
+    own.pszErrorText = "licence expired";
+    MavPAddError(hdl_, "from the list", 1);
+    EXPECT_EQ(0xFFFFFFFFu, MavAdapterErrorCode(hdl_));  // no PEL_INIT
+    MAV_INST_REC* inst = MavIXAllocInstRec(false);
+    ASSERT_NE(nullptr, inst);
+    inst->pHdl = hdl_;
+    inst->pPelInit = &own;
+    EXPECT_EQ(5u, MavAdapterErrorCode(inst));
+    char storage[32];
+    char* buf = nullptr;
+    size_t len = 0;
+    for (size_t size : {sizeof storage, size_t{4}}) {
+        EXPECT_EQ(MAV_OK, Text(inst, storage, size, &buf, &len));
+        EXPECT_EQ(15u, len);
+        EXPECT_STREQ("licence expired", buf);
+        if (buf != storage) free(buf);
+    }
+    own.pszErrorText = "bad \xFF";
+    EXPECT_EQ(MAV_E_CONVERSION_FAILED, Text(inst, storage, sizeof storage, &buf, &len));
+    EXPECT_EQ(0u, len);
+    EXPECT_EQ('\0', storage[0]);
+    own.pszErrorText = nullptr;
+    EXPECT_EQ(MAV_OK, Text(inst, storage, sizeof storage, &buf, &len));
+    EXPECT_EQ(0u, len);
+    EXPECT_EQ(MAV_OK, MavAdapterErrorText(inst, nullptr, &len));
+    MavIXFreeRec(inst);
+}
+
 }  // namespace

@@ -53,6 +53,9 @@ class Mem : public ::testing::Test {
 };
 
 TEST_F(Mem, ConversionsValidateAndMapCodes) {
+    EXPECT_EQ(0, MavSetProcessCodePage("120"));  // code page names have four characters
+    EXPECT_EQ(1, MavSetProcessCodePage("1208"));
+    EXPECT_STREQ("1208", MavGetProcessCodePage());
     const char* utf8 =
         "Gr\xC3\xBC\xC3\x9F"
         "e";  // 7 bytes of UTF-8

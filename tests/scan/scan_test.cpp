@@ -268,6 +268,40 @@ TEST_F(Scan, ThousandFallbackScansWithFailuresLeaveNoFileBehind) {
     EXPECT_GT(writeFailed, 50);
 }
 
+// Every verdict and every failure of a scan is traced once, as one "***" line.
+TEST_F(Scan, EveryVerdictAndFailureIsTracedOnce) {
+    Start();
+    TraceCapture trace(MAV_TRC_VIRUS | MAV_TRC_PEL | MAV_TRC_WARNING);
+    for (MAV_RC rc : {MAV_E_VIRUS_FOUND, MAV_E_CLEAN_OK, MAV_E_MACRO_FOUND, MAV_E_PATTERN_FOUND,
+                      MAV_E_CLEAN_FAILED, MAV_E_NOT_INITIALISED, MAV_E_EXPIRED, MAV_E_LOAD_FAILED,
+                      MAV_E_NOT_SUPPORTED, MAV_E_INVALID_SCANOBJECT, MAV_E_NOT_SCANNED,
+                      MAV_E_SCAN_FAILED}) {
+        pel.script_rc(rc);
+        int before = trace.CountContaining("*** ");
+        EXPECT_EQ(rc, MavScanFile(inst, "/dev/null", 1, nullptr));
+        EXPECT_EQ(before + 1, trace.CountContaining("*** ")) << rc;
+    }
+}
+
+// Custom parameters switch action bits of an instance's scans on and off.
+TEST_F(Scan, CustomParametersSwitchActionBits) {
+    Start();
+    const struct {
+        const char* name;
+        uint32_t bit;
+    } cases[] = {{"CUST_ACTIVE_CONTENT", VS_A_ACTIVE_CONTENT},
+                 {"CUST_CHECK_MIME_TYPE", VS_A_CHECK_MIME},
+                 {"CUST_CLEAN", VS_A_CLEAN}};
+    for (const auto& c : cases) {
+        for (const char* value : {"true", "0"}) {
+            ASSERT_EQ(MAV_OK, MavSetParameter(inst, c.name, VS_TYPE_BOOL, value));
+            ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
+            EXPECT_EQ(value[0] == 't', (pel.lastScan().uiActionCode & c.bit) != 0) << c.name;
+        }
+    }
+    EXPECT_EQ(MAV_OK, MavSetParameter(inst, "CUST_MIME_TYPES_ARE_BLACKLIST", VS_TYPE_BOOL, "1"));
+}
+
 TEST_F(Scan, SummaryMustBe32BytesAndIsCheckedBeforeAnyAdapterCall) {
     StartFallback();
     MAV_SCANINFO si = Summary();

@@ -72,4 +72,24 @@ class LifecycleTest extends BridgeTestBase {
         assertEquals("MAV_E_IN_PROGRESS", h.m_lastError);
         assertEquals("testpel", h.m_VendorPelName);
     }
+
+    @Test
+    void reloadRetriesUntilTheInstanceIsBack() throws InterruptedException {
+        MavHandle h = open();
+        MavHandle i = instance(h);
+        Thread release = new Thread(() -> {
+            try {
+                Thread.sleep(1200);
+            } catch (InterruptedException e) {
+                Thread.currentThread().interrupt();
+            }
+            Mavgate.freeInstance(i);
+        });
+        release.start();
+        // In progress while the instance is out; retried until it is back.
+        assertEquals(MAV_OK, Mavgate.reloadPEL(h));
+        release.join();
+        assertEquals(0, i.m_Handle);
+        assertEquals(MAV_OK, Mavgate.reloadPEL(null));
+    }
 }

@@ -31,6 +31,7 @@ class TraceTest extends BridgeTestBase {
         Path log = Paths.get("jni-trace.log").toAbsolutePath();
         assertEquals(MAV_OK, Mavgate.setTrace(log.toString(), 2 | Mavgate.TRACE_JNI));
         assertEquals(2 | Mavgate.TRACE_JNI, Mavgate.getTraceLevel());
+        assertEquals(2 | Mavgate.TRACE_JNI, Mavgate.setTraceLevel(0));  // 0 only asks
         MavHandle h = new MavHandle();
         Mavgate.getErrorInfo(h, 3);
         Mavgate.pelScan(h, 2, 0, null, null, 0, 0);
