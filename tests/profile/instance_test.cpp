@@ -94,9 +94,10 @@ TEST_F(TwoAdapters, CleaningProfileLeavesTheCallersBytesAlone) {
     pel.script_rc(MAV_E_CLEAN_OK);
     pel.script_cleaned("CLEAN", 5);
     auto inst = take("CLEAN");
-    const unsigned char bytes[] = "dirty bytes";
-    Thrown([&] { inst->scan(bytes, sizeof bytes - 1, "obj"); });
-    EXPECT_EQ(0, memcmp(bytes, "dirty bytes", sizeof bytes));
+    unsigned char bytes[] = "dirty bytes";
+    const unsigned char* callers = bytes;
+    Thrown([&] { inst->scan(callers, sizeof bytes - 1, "obj"); });
+    EXPECT_EQ("dirty bytes", std::string(reinterpret_cast<char*>(bytes)));
     EXPECT_NE(0u, pel.lastScan().uiActionCode & VS_A_CLEAN);
 }
 
