@@ -342,6 +342,34 @@ TEST_F(Scan, PreviousResultIsReleasedBeforeTheNextScan) {
     EXPECT_EQ(1, pel.live_scaninfos());
 }
 
+// The memory path allocates nothing (counting hooks that forward to the C
+// library, so they mix with the defaults).
+std::atomic<int> allocations{0};
+void* CountAlloc(size_t size, int clean, const char*) {
+    ++allocations;
+    return (clean & 0xff) != 0 ? calloc(1, size) : malloc(size);
+}
+void* CountRealloc(void* p, size_t size, const char*) {
+    ++allocations;
+    return realloc(p, size);
+}
+
+TEST_F(Scan, MemoryScanAllocatesNothing) {
+    Start();
+    ASSERT_EQ(MAV_OK, MavRegisterMmCallbacks(CountAlloc, CountRealloc, free));
+    unsigned char buf[4096] = {};
+    MAV_SCANINFO si = Summary();
+    pel.script_no_scaninfo(1);
+    allocations = 0;
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_EQ(MAV_OK, MavScanBytes(inst, "bench.bin", buf, sizeof buf, i, nullptr));
+        ASSERT_EQ(MAV_OK, MavScanBytes(inst, "bench.bin", buf, sizeof buf, i, &si));
+    }
+    int counted = allocations;
+    MavRegisterMmCallbacks(MavPXAlloc, MavPXRealloc, MavPXFree);
+    EXPECT_EQ(0, counted);
+}
+
 // Scans on two instances at once: no lock is held while the adapter scans,
 // and each scan's events reach its own instance.
 std::atomic<int> wrongInstance{0};
