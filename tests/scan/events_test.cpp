@@ -2,10 +2,7 @@
 // each handler gets, and stopping a scan from a handler.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "mav_fixture.h"

@@ -1,10 +1,7 @@
 // Record dumps: gating, exact line formats, numbering of the entries.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <ctime>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "krntrc.h"
