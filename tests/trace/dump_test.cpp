@@ -1,4 +1,4 @@
-// Record dumps: gating, exact line formats, numbering of the entries.
+// Record dumps: gating, missing records, and the shape and numbering of the entries.
 #include <gtest/gtest.h>
 
 #include <string>
