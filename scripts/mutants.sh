@@ -105,7 +105,9 @@ while IFS= read -r line; do
         if [ $rc = 0 ]; then
             echo "SURVIVED  $tag"; survived=$((survived + 1)); survivors+=("#$i")
         else
-            [ $rc = 124 ] && how=timeout || how=$(grep -m1 -o '[0-9]* - [^ ]*' "$log/m$i.test.txt")
+            how=timeout
+            [ $rc = 124 ] || how=$(sed -n '/tests FAILED:/{n;s/^[[:space:]]*//;s/ (.*//;p;q}' \
+                                   "$log/m$i.test.txt")
             echo "killed    $tag ($how)"; killed=$((killed + 1))
         fi
     fi
