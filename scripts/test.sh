@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The test command: installs what is missing, builds with AddressSanitizer and
 # UndefinedBehaviorSanitizer, runs every test, then runs the thread stress test
-# under ThreadSanitizer.
+# under ThreadSanitizer; prints the tests/code ratio last.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/deps.sh
@@ -21,4 +21,6 @@ fi
 # The Debian packages: built, checked by lintian, installed on this machine,
 # used by a consumer and mavscan, and removed again.
 scripts/deb.sh --install build/deb || status=$?
+
+scripts/test-ratio.sh || true
 exit $status

@@ -174,7 +174,7 @@ struct State {
     uint16_t engMajor, engMinor;
     Text engText;
     int64_t engDate;
-    uint32_t engViruses, engExtensions, engRevision, engSignatures;
+    uint32_t engViruses;
     std::vector<Driver> drivers;
 
     Failure fail[TPEL_ENTRY_COUNT];
@@ -254,7 +254,6 @@ void State::reset() {
     engText = "testpel engine 3.1";
     engDate = 1577836800;  // 2020-01-01 00:00:00 UTC
     engViruses = 1000;
-    engExtensions = engRevision = engSignatures = 0;
     drivers.clear();
     drivers.push_back(Driver{std::string("testpel.drv"), 1, 0, engDate, 1000, 10, 0});
 
@@ -585,9 +584,6 @@ InitBlock* buildInit(const State& s, const Failure& f) {
     std::memset(&in, 0, sizeof in);
     in.struct_size = sizeof(PEL_INIT);
     in.uiViruses = s.engViruses;
-    in.uiExtensions = s.engExtensions;
-    in.uiIntRevision = s.engRevision;
-    in.uiSignatures = s.engSignatures;
     in.usEngineMajVersion = s.engMajor;
     in.usEngineMinVersion = s.engMinor;
     in.pszEngineVersionText = dupText(s.engText, b->strings);
@@ -986,19 +982,6 @@ void tpel_add_driver(const char* name, uint16_t major, uint16_t minor, int64_t d
     s.drivers.push_back(Driver{textOf(name), major, minor, date, viruses, variants, driverRc});
 }
 
-void tpel_set_engine_counts(uint32_t extensions, uint32_t intRevision, uint32_t signatures) {
-    TPEL_LOCKED;
-    s.engExtensions = extensions;
-    s.engRevision = intRevision;
-    s.engSignatures = signatures;
-}
-
-int tpel_last_param_count(int atScan) {
-    TPEL_LOCKED;
-    const CapturedParams& c = s.lastParams[atScan ? 1 : 0];
-    return c.seen ? static_cast<int>(c.list.size()) : -1;
-}
-
 int tpel_last_param(int atScan, int32_t code, int32_t* type, size_t* length, int64_t* number,
                     char* text, size_t textSize) {
     TPEL_LOCKED;
@@ -1016,12 +999,6 @@ int tpel_last_param(int atScan, int32_t code, int32_t* type, size_t* length, int
         return 1;
     }
     return 0;
-}
-
-int tpel_is_live_init(const void* p) {
-    TPEL_LOCKED;
-    auto* b = reinterpret_cast<InitBlock*>(const_cast<void*>(p));
-    return s.inits.count(b) ? 1 : 0;
 }
 
 uint32_t tpel_bad_releases(void) {

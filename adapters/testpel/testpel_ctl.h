@@ -159,22 +159,14 @@ void tpel_add_driver(const char* name, uint16_t major, uint16_t minor, int64_t d
  * size of the scanned object (the file's size for a file scan, else lLength). */
 #define TPEL_SIZE_OF_OBJECT ((size_t)-1)
 
-/* The remaining PEL_INIT counters (default all 0). */
-void tpel_set_engine_counts(uint32_t extensions, uint32_t intRevision, uint32_t signatures);
-
 /* The parameter lists seen by the last PelInit (atScan 0: pInitParams) or the
- * last PelScan (atScan 1: pOptParams), copied during the call. Count of entries
- * (0 for a null list), or -1 when no such call happened since tpel_reset. */
-int tpel_last_param_count(int atScan);
-/* Looks up the first entry with tCode == code in that list; 1 when found, else
+ * last PelScan (atScan 1: pOptParams), copied during the call: looks up the first entry with tCode == code in that list; 1 when found, else
  * 0. Any out pointer may be null. CHAR/OBJECT: the text is copied into text
  * (truncated to textSize - 1, "" for a null value) and *number is 0; other
  * types: *number is the value slot and text becomes "". */
 int tpel_last_param(int atScan, int32_t code, int32_t* type, size_t* length, int64_t* number,
                     char* text, size_t textSize);
 
-/* 1 when p is a PEL_INIT made by PelInit and not yet ended. */
-int tpel_is_live_init(const void* p);
 /* PelEnd / PelReleaseScan calls with a record this adapter does not hold alive
  * (double release, foreign pointer). Such calls return MAV_E_INVALID_PARAM (3)
  * and touch nothing. Reset by tpel_reset. */

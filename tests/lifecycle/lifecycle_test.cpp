@@ -128,32 +128,6 @@ TEST_F(LifecycleInstances, PoolOfTwoGivesTwoPooledAndOneListed) {
     EXPECT_EQ(0, pel.live_inits());
 }
 
-TEST_F(LifecycleInstances, LoweredPoolSizeEndsReturnedPooledInstances) {
-    MAV_HANDLE h = Start();
-    ASSERT_EQ(MAV_OK, MavSetPoolSize(h, 3));
-    MAV_INST i[3] = {};
-    for (MAV_INST& x : i) ASSERT_EQ(MAV_OK, MavCreateInstance(h, &x));
-    EXPECT_EQ(MAV_OK, MavSetPoolSize(h, 1));  // only the size changes
-    EXPECT_EQ(1u, MavGetPoolSize(h));
-    EXPECT_EQ(3u, Rec(h)->uiPooled);
-    // Slot 2 lies beyond the size, slot 0 within it; both are ended.
-    EXPECT_EQ(MAV_OK, MavFreeInstance(&i[2]));
-    EXPECT_EQ(MAV_OK, MavFreeInstance(&i[0]));
-    EXPECT_EQ(1u, Rec(h)->uiPooled);
-    EXPECT_EQ(1, pel.live_inits());
-    EXPECT_EQ(nullptr, Rec(h)->pPool[0]);
-    EXPECT_EQ(nullptr, Rec(h)->pPool[2]);
-    // Growing again keeps the instance in slot 1 and fills the free slots.
-    EXPECT_EQ(MAV_OK, MavSetPoolSize(h, 3));
-    MAV_INST n = nullptr;
-    ASSERT_EQ(MAV_OK, MavCreateInstance(h, &n));
-    EXPECT_EQ(n, Rec(h)->pPool[0]);
-    EXPECT_EQ(MAV_OK, MavFreeInstance(&n));
-    EXPECT_EQ(MAV_OK, MavFreeInstance(&i[1]));
-    EXPECT_EQ(MAV_OK, MavEnd(&h));
-    EXPECT_EQ(0, pel.live_inits());
-}
-
 TEST_F(LifecycleInstances, SharedEngineForThreadModelsOneAndTwo) {
     for (uint32_t model : {1u, 2u}) {
         SCOPED_TRACE(model);
@@ -261,13 +235,11 @@ TEST_F(LifecyclePools, ReloadRecreatesThePoolUnlessAnInstanceIsOut) {
     EXPECT_EQ(MAV_OK, MavReload(nullptr));  // nothing registered
     MAV_HANDLE h = Start();
     ASSERT_EQ(MAV_OK, MavLoadPool(h, 2, 0));
-    const void* oldInit = Inst(Rec(h)->pPool[0])->pPelInit;
     EXPECT_EQ(MAV_OK, MavReload(h));
     EXPECT_EQ(2u, pel.calls(TPEL_END));
     EXPECT_EQ(4u, pel.calls(TPEL_INIT));
     EXPECT_EQ(2u, Rec(h)->uiPoolFree);
     EXPECT_EQ(2, pel.live_inits());
-    EXPECT_FALSE(pel.is_live_init(oldInit));
     EXPECT_EQ(1u, pel.calls(TPEL_STARTUP));  // the adapter stays started
     EXPECT_EQ(1u, pel.calls(TPEL_GETCONFIG));
 
@@ -294,106 +266,6 @@ TEST_F(LifecyclePools, ReloadRecreatesThePoolUnlessAnInstanceIsOut) {
 
 using LifecycleNames = Lifecycle;
 
-TEST_F(LifecycleNames, PrefixRuleRenamingAndActionFlags) {
-    pel.set_flags(0x3, 0x8, 0, 0);
-    MAV_HANDLE a = Start(), b = Start();
-    EXPECT_EQ(MAV_E_NULL_PARAM, MavSetHandleName(nullptr, "x", 1));
-    EXPECT_EQ(nullptr, MavGetHandleByName("abc", 3));  // no names yet
-    ASSERT_EQ(MAV_OK, MavSetHandleName(a, "abcdef", 6));
-    ASSERT_EQ(MAV_OK, MavSetHandleName(b, "abcxyz_ignored", 6));
-    EXPECT_STREQ("abcxyz", Rec(b)->pName->pszName);
-    EXPECT_EQ(a, MavGetHandleByName("abc", 3));  // first in registry order
-    EXPECT_EQ(b, MavGetHandleByName("abcx", 4));
-    EXPECT_EQ(nullptr, MavGetHandleByName("abcdefg", 7));  // longer than stored
-    EXPECT_EQ(nullptr, MavGetHandleByName(nullptr, 3));
-    EXPECT_EQ(2u, MavIXGetHdlSizeByName("abc", 3, 10));
-    EXPECT_EQ(1u, MavIXGetHdlSizeByName("abc", 3, 1));
-    ASSERT_EQ(MAV_OK, MavSetHandleName(a, "zz", 2));  // the old name goes
-    EXPECT_EQ(b, MavGetHandleByName("abc", 3));
-    EXPECT_EQ(a, MavGetHandleByName("zz", 2));
-    EXPECT_EQ(a, MavIXGetHdl(0x8));
-    EXPECT_EQ(nullptr, MavIXGetHdl(0x10));
-    EXPECT_EQ(MAV_OK, MavEnd(&b));
-    EXPECT_EQ(nullptr, MavGetHandleByName("abc", 3));
-    EXPECT_EQ(MAV_OK, MavEnd(&a));
-    EXPECT_EQ(nullptr, MavIXGetHdl(0x8));
-}
-
 using LifecycleCfg = Lifecycle;
-
-TEST_F(LifecycleCfg, AllocCountsActionsAndCopiesListShapes) {
-    EXPECT_EQ(MAV_E_NULL_PARAM, MavIXAllocCFG(nullptr, nullptr));
-    MAV_CFG* cfg = nullptr;
-    ASSERT_EQ(MAV_OK, MavIXAllocCFG(nullptr, &cfg));
-    EXPECT_EQ(160u, cfg->struct_size);
-    EXPECT_EQ(2u, cfg->uiDefaultAction);
-    EXPECT_EQ(0u, cfg->usActionCount);
-    EXPECT_EQ(56u, MavIXGetCfgCallback(cfg)->struct_size);
-    EXPECT_EQ(0u, MavIXGetCfgInitParams(cfg)->usNumParams);
-    EXPECT_EQ(nullptr, MavIXGetCfgOptParams(cfg)->pParams);
-    ASSERT_NE(nullptr, cfg->pAux);
-    EXPECT_EQ(nullptr, cfg->pAux->pEvents);
-    EXPECT_EQ(MAV_OK, MavIXFreeCFG(&cfg));
-    EXPECT_EQ(nullptr, cfg);
-    EXPECT_EQ(MAV_OK, MavIXFreeCFG(&cfg));
-    EXPECT_EQ(nullptr, MavIXGetCfgCallback(nullptr));
-
-    PEL_PARAM entries[3] = {};
-    PEL_PARAMS init = {3, {0, 0, 0}, entries};
-    PEL_CONFIG pc = {};
-    pc.struct_size = sizeof pc;
-    pc.pInitParams = &init;
-    for (uint32_t flags : {0x0u, 0x1u, 0x10u, 0x11u, 0x19u}) {
-        pc.uiPelActionFlag = flags;
-        ASSERT_EQ(MAV_OK, MavIXAllocCFG(&pc, &cfg));
-        EXPECT_EQ(((flags & 1) ? 1 : 0) + ((flags & 0x10) ? 1 : 0), cfg->usActionCount);
-        EXPECT_EQ(3u, cfg->pInitParams->usNumParams);
-        ASSERT_NE(nullptr, cfg->pInitParams->pParams);
-        EXPECT_EQ(0u, cfg->pOptParams->usNumParams);
-        MavIXFreeCFG(&cfg);
-    }
-}
-
-TEST_F(LifecycleCfg, InstanceGetsItsOwnCopyOnFirstWrite) {
-    pel.add_param(0, VS_P_SCANLIMIT, VS_TYPE_CHAR, "limit");
-    MAV_HANDLE h = Start();
-    ASSERT_EQ(MAV_OK, MavRegisterSingleEventHandler(
-                          h, [](MAV_INST, uint32_t, void*, void*) -> VS_CALLRC { return 0; },
-                          VS_M_VIRUS, nullptr));
-    Rec(h)->pCfg->uiDefaultAction = 0x1a;
-    Rec(h)->pCfg->bNoScanInfo = 1;
-    MAV_INST i = nullptr;
-    ASSERT_EQ(MAV_OK, MavCreateInstance(h, &i));
-    MAV_CFG* cfg = nullptr;
-    ASSERT_EQ(MAV_OK, MavIXAssignHdlToCFG(h, &cfg));
-    EXPECT_EQ(Rec(h)->pCfg, cfg);
-    ASSERT_EQ(MAV_OK, MavIXAssignHdlToCFG(i, &cfg));
-    ASSERT_NE(Rec(h)->pCfg, cfg);
-    EXPECT_EQ(cfg, Inst(i)->pCfg);
-    EXPECT_EQ(0x1au, cfg->uiDefaultAction);
-    EXPECT_EQ(1, cfg->bNoScanInfo);
-    EXPECT_EQ(Rec(h)->pCfg->usActionCount, cfg->usActionCount);
-    EXPECT_EQ(0, cfg->asScanIndex[VS_P_SCANLIMIT - 100]);
-    ASSERT_NE(nullptr, cfg->pAux->pEvents);
-    EXPECT_NE(Rec(h)->pCfg->pAux->pEvents, cfg->pAux->pEvents);
-    EXPECT_EQ(VS_M_VIRUS, cfg->pAux->pEvents->uiMask);
-    MAV_CFG* again = nullptr;
-    ASSERT_EQ(MAV_OK, MavIXAssignHdlToCFG(i, &again));
-    EXPECT_EQ(cfg, again);                    // copied once
-    alignas(8) unsigned char junk[256] = {};  // no size, no marks
-    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavIXAssignHdlToCFG(junk, &cfg));
-    EXPECT_EQ(MAV_OK, MavFreeInstance(&i));  // frees the copy with its registration
-    EXPECT_EQ(MAV_OK, MavEnd(&h));
-}
-
-TEST(LifecycleCodePage, NamesMustHaveFourCharacters) {
-    for (const char* bad : {"120", "12080", ""}) EXPECT_EQ(0, MavSetProcessCodePage(bad)) << bad;
-    ASSERT_NE(nullptr, MavGetProcessCodePage());
-    EXPECT_EQ(4u, strlen(MavGetProcessCodePage()));
-    EXPECT_EQ(1, MavSetProcessCodePage("0819"));
-    EXPECT_STREQ("0819", MavGetProcessCodePage());
-    EXPECT_EQ(1, MavSetProcessCodePage("1208"));
-    EXPECT_STREQ("1208", MavGetProcessCodePage());
-}
 
 }  // namespace

@@ -35,17 +35,10 @@ void CountFree(void* p) {
     free(p);
 }
 
-std::vector<std::string> traced;
-int Capture(const char*, const char*, int, uint32_t level, const char* text) {
-    traced.push_back(std::to_string(level) + " " + text);
-    return 0;
-}
-
 class Mem : public ::testing::Test {
   protected:
     void SetUp() override {
         hookLog = HookLog();
-        traced.clear();
         ASSERT_EQ(0, SetProcessCodePageFromEnv("1208"));
     }
     void TearDown() override {
@@ -59,55 +52,10 @@ class Mem : public ::testing::Test {
     }
 };
 
-TEST_F(Mem, InternalAllocationsGoThroughTheHooksWithTagMav) {
-    UseCountingHooks();
-    void* p = MavIAlloc(16, true);
-    ASSERT_NE(nullptr, p);
-    EXPECT_EQ(0, memcmp(p, std::string(16, '\0').data(), 16));
-    p = MavIRealloc(p, 64);
-    MavIFree(p);
-    MavIFree(nullptr);  // not handed to the hook
-    EXPECT_EQ(1, hookLog.allocs);
-    EXPECT_EQ(1, hookLog.cleanAllocs);
-    EXPECT_EQ(1, hookLog.reallocs);
-    EXPECT_EQ(1, hookLog.frees);
-    EXPECT_EQ((std::vector<std::string>{"mav", "mav"}), hookLog.tags);
-    // One null hook is refused and the old table kept.
-    EXPECT_EQ(MAV_E_NULL_PARAM, MavRegisterMmCallbacks(nullptr, MavPXRealloc, MavPXFree));
-    EXPECT_EQ(MAV_E_NULL_PARAM, MavRegisterMmCallbacks(MavPXAlloc, nullptr, MavPXFree));
-    EXPECT_EQ(MAV_E_NULL_PARAM, MavRegisterMmCallbacks(MavPXAlloc, MavPXRealloc, nullptr));
-    MavIFree(MavIAlloc(8, false));
-    EXPECT_EQ(2, hookLog.allocs);
-    EXPECT_EQ(2, hookLog.frees);
-}
-
-TEST_F(Mem, DefaultHooksZeroCleanBlocksAndTraceAtMemoryLevel) {
-    MavSetTraceHandler(Capture);
-    MavSetTraceLevel(MAV_TRC_MEMORY);
-    MavPXFree(nullptr);
-    EXPECT_TRUE(traced.empty());                                         // freeing null is silent
-    auto* p = static_cast<unsigned char*>(MavPXAlloc(256, 0x101, "x"));  // low byte counts
-    ASSERT_NE(nullptr, p);
-    EXPECT_EQ(std::string(256, '\0'), std::string(p, p + 256));
-    MavPXFree(p);
-    char alloc[128], freed[128];
-    snprintf(alloc, sizeof alloc, "16 MavPXAlloc alloc (ptr=%p,size=256,clean=257)\n", p);
-    snprintf(freed, sizeof freed, "16 memy free (ptr=%p)\n", p);
-    EXPECT_EQ((std::vector<std::string>{alloc, freed}), traced);
-    traced.clear();
-    MavSetTraceLevel(MAV_TRC_PEL);  // memory bit off: nothing
-    MavPXFree(MavPXAlloc(4, 0, "x"));
-    EXPECT_TRUE(traced.empty());
-
-    // With the memory bit on, the writer's own hook calls are not traced:
-    // no recursion, and the level is left as it was for other threads.
-    MavSetTraceLevel(0xFFFF);
-    MavPPrintTrace(MAV_TRC_PEL, "a/b.cpp", "Fn", 1, "one %d\n", 1);
-    EXPECT_EQ(std::vector<std::string>{"32 one 1\n"}, traced);
-    EXPECT_EQ(0xFFFFu, MavGetTraceLevel());
-}
-
 TEST_F(Mem, ConversionsValidateAndMapCodes) {
+    EXPECT_EQ(0, MavSetProcessCodePage("120"));  // code page names have four characters
+    EXPECT_EQ(1, MavSetProcessCodePage("1208"));
+    EXPECT_STREQ("1208", MavGetProcessCodePage());
     const char* utf8 =
         "Gr\xC3\xBC\xC3\x9F"
         "e";  // 7 bytes of UTF-8

@@ -37,14 +37,6 @@ mav::MavProfile* profile(const std::string& name) {
     return it == mav::mav_profiles.end() ? nullptr : it->second;
 }
 
-// One active profile P over group G with a single provider of the test adapter.
-Config simple(const std::string& path, const std::string& pool = "2") {
-    Config c;
-    c.line("mav.defaults.profile=P").profile("P").step("P", "0", "0", "G").group("G");
-    c.provider("A", "G", path, pool);
-    return c;
-}
-
 TEST_F(RuntimeTest, BuiltInDefaultWithTheTestAdapter) {
     TempDir dir;
     Environment env(dir.path, pel.path());
@@ -92,50 +84,6 @@ TEST_F(RuntimeTest, BuiltInDefaultWithoutAdapterFailsTheProvider) {
     EXPECT_EQ(MavGetProfileInstancePointer(nullptr), nullptr);
 }
 
-TEST_F(RuntimeTest, ConfigurationSources) {
-    TempDir dir;
-    Environment env(dir.path, nullptr);
-    // mav.properties in the working directory wins over the built-in text.
-    dir.write("mav.properties", "mav.profile.FROMFILE=FROMFILE\n");
-    ASSERT_EQ(MavStartRuntime(nullptr, 0), MAV_OK);
-    EXPECT_NE(profile("FROMFILE"), nullptr);
-    EXPECT_EQ(profile("DEFAULT"), nullptr);
-    MavStopRuntime();
-    // A text that names a file reads the file; its length counts, not a NUL.
-    std::string file = dir.write("named.properties", "mav.profile.NAMED=NAMED\n");
-    std::string padded = file + "trailing";
-    ASSERT_EQ(MavStartRuntime(padded.c_str(), file.size()), MAV_OK);
-    EXPECT_NE(profile("NAMED"), nullptr);
-    MavStopRuntime();
-    ASSERT_EQ(start("mav.profile.TEXT=TEXT\n"), MAV_OK);
-    EXPECT_NE(profile("TEXT"), nullptr);
-    EXPECT_EQ(profile("NAMED"), nullptr);
-    MavStopRuntime();
-    // No valid line: not started.
-    EXPECT_EQ(start("# nothing\n"), MAV_E_NOT_INITIALISED);
-    EXPECT_FALSE(mav::bRuntimeInit);
-    MAV_INST inst = nullptr;
-    EXPECT_EQ(MavGetProfileInstance(nullptr, &inst), MAV_E_PROFILE_NOT_VALID);
-}
-
-TEST_F(RuntimeTest, StartTwiceStopTwiceAndRestartKeepsOldValues) {
-    ASSERT_EQ(start(simple(pel.path()).text), MAV_OK);
-    uint32_t startups = pel.calls(TPEL_STARTUP);
-    EXPECT_EQ(start("mav.profile.OTHER=OTHER\n"), MAV_OK);
-    EXPECT_EQ(profile("OTHER"), nullptr);
-    EXPECT_EQ(pel.calls(TPEL_STARTUP), startups);
-    EXPECT_EQ(MavStopRuntime(), MAV_OK);
-    EXPECT_TRUE(mav::mav_providers.empty());
-    EXPECT_EQ(MavStopRuntime(), MAV_OK);
-    // The key map survives the stop: P stays active, Q is new.
-    Config second;
-    second.profile("P", false).profile("Q");
-    ASSERT_EQ(start(second.text), MAV_OK);
-    ASSERT_NE(profile("P"), nullptr);
-    EXPECT_TRUE(profile("P")->isActive());
-    EXPECT_NE(profile("Q"), nullptr);
-}
-
 TEST_F(RuntimeTest, KeyRules) {
     Config c;
     c.line("mav.defaults.profile=P");
@@ -178,28 +126,6 @@ TEST_F(RuntimeTest, KeyRules) {
     EXPECT_EQ(pi, nullptr);  // no entries: nothing to build
 }
 
-TEST_F(RuntimeTest, GroupFailsOverToItsSecondProvider) {
-    TempDir dir;
-    Config c;
-    c.line("mav.defaults.profile=P").profile("P").step("P", "0", "0", "G").group("G");
-    c.provider("BROKEN", "G", dir.file("libnone.so")).provider("GOOD", "G", pel.path());
-    ASSERT_EQ(start(c.text), MAV_OK);
-    ASSERT_TRUE(provider("BROKEN")->isFailed());
-    MAV_INST inst = MavGetProfileInstancePointer("P");
-    ASSERT_NE(inst, nullptr);
-    EXPECT_EQ(MavGetHandle(inst), provider("GOOD")->getMavHandle());
-    EXPECT_FALSE(profile("P")->isFailed());
-    EXPECT_EQ(MavFreeInstancePointer(inst), MAV_OK);
-
-    // A start-up refused by the adapter fails the provider the same way.
-    MavStopRuntime();
-    pel.fail(TPEL_STARTUP, MAV_E_LOAD_FAILED, "refused");
-    mav::mav_properties = mav::PropertyReader();
-    ASSERT_EQ(start(simple(pel.path()).text), MAV_OK);
-    EXPECT_TRUE(provider("A")->isFailed());
-    pel.fail(TPEL_STARTUP, 0, nullptr);
-}
-
 TEST_F(RuntimeTest, LookupCodesInOrder) {
     MAV_INST inst = reinterpret_cast<MAV_INST>(0x1);
     EXPECT_EQ(MavGetProfileInstance(nullptr, &inst), MAV_E_PROFILE_NOT_VALID);
@@ -226,33 +152,6 @@ TEST_F(RuntimeTest, LookupCodesInOrder) {
     EXPECT_EQ(MavGetProfileInstance("ON", &inst), MAV_E_PROFILE_NOT_VALID);
     EXPECT_EQ(MavGetProfileInstancePointer("ON"), nullptr);
     EXPECT_FALSE(mav::MavInstance::createInstance("ON"));
-}
-
-TEST_F(RuntimeTest, ProfileInstanceHandleHoldsOnlyMarksThreadAndInstance) {
-    ASSERT_EQ(start(simple(pel.path()).text), MAV_OK);
-    MAV_INST inst = nullptr;
-    ASSERT_EQ(MavGetProfileInstance("P", &inst), MAV_OK);
-    ASSERT_NE(inst, nullptr);
-    unsigned char b[136];
-    memcpy(b, inst, sizeof b);
-    size_t size;
-    void* link;
-    uint32_t u32[4];  // head mark, thread, tail mark
-    memcpy(&size, b, sizeof size);
-    memcpy(&u32[0], b + 8, 4);
-    memcpy(&u32[1], b + 16, 4);
-    memcpy(&link, b + 120, sizeof link);
-    memcpy(&u32[2], b + 128, 4);
-    EXPECT_EQ(size, 136u);
-    EXPECT_EQ(u32[0], 0xABCDABCDu);
-    EXPECT_EQ(u32[1], ThrGetCurrentId());
-    EXPECT_NE(link, nullptr);
-    EXPECT_EQ(u32[2], 0xDCBADCBAu);
-    memset(b, 0, 12);  // every other byte is zero
-    memset(b + 16, 0, 4);
-    memset(b + 120, 0, 12);
-    EXPECT_EQ(std::string(136, '\0'), std::string(b, b + 136));
-    EXPECT_EQ(MavFreeInstance(&inst), MAV_OK);
 }
 
 TEST_F(RuntimeTest, ProfilesThatReachThemselvesAreNotValid) {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "mavxxi.h"
 #include "robust_env.h"
 
 namespace robust {
@@ -223,6 +224,21 @@ TEST_F(HostileAdapter, FailingPelInitKeepsTheHandleUsable) {
     ASSERT_NE(nullptr, i);
     EXPECT_EQ(MAV_OK, ScanBytes(i));
     EXPECT_EQ(MAV_OK, MavFreeInstance(&i));
+    End(&h);
+}
+
+// The first instance record of a process is new memory: when it is refused
+// there is no instance (later records are recycled blocks, which the sweeps
+// cannot refuse).
+TEST_F(HostileAdapter, RefusedInstanceRecordGivesNoInstance) {
+    if (CountingHooks::RecycledRecords() > 0) GTEST_SKIP() << "record blocks already recycled";
+    MAV_HANDLE h = Start();
+    CountingHooks::FailFrom(1, true);
+    MAV_INST i = nullptr;
+    EXPECT_EQ(MAV_E_NO_SPACE, MavCreateInstance(h, &i));
+    CountingHooks::Disarm();
+    EXPECT_EQ(nullptr, i);
+    EXPECT_EQ(0u, pel.calls(TPEL_INIT));
     End(&h);
 }
 
@@ -597,6 +613,36 @@ TEST_F(HostileAdapter, StaleAndForeignHandlesAreRefused) {
     CallEverything(staleInstance, "freed instance");
     EXPECT_EQ(MAV_E_INVALID_HANDLE, MavEnd(&staleHandle));
     EXPECT_EQ(MAV_E_INVALID_HANDLE, MavFreeInstance(&staleInstance));
+
+    // A live instance with one mark or its engine pointer damaged is no
+    // instance: no scan or question reaches the adapter.
+    h = Start();
+    MAV_INST live = Instance(h);
+    auto* rec = static_cast<MAV_INST_REC*>(live);
+    unsigned char bytes[4] = {1, 2, 3, 4};
+    for (int part = 0; part < 3; ++part) {
+        SCOPED_TRACE(part);
+        uint32_t* mark = part == 0 ? &rec->uiHeadMark : &rec->uiTailMark;
+        uint32_t keptMark = *mark;
+        PEL_INIT* keptInit = rec->pPelInit;
+        if (part < 2) {
+            *mark = 0;
+        } else {
+            rec->pPelInit = nullptr;
+        }
+        uint32_t scans = pel.calls(TPEL_SCAN);
+        EXPECT_EQ(MAV_E_INVALID_HANDLE, MavScanBytes(live, "b", bytes, sizeof bytes, 1, nullptr));
+        EXPECT_EQ(scans, pel.calls(TPEL_SCAN));
+        EXPECT_EQ(MAV_E_INVALID_HANDLE, MavEnumInfections(live, 0, nullptr, nullptr, nullptr,
+                                                          nullptr, nullptr, nullptr, nullptr,
+                                                          nullptr, nullptr));
+        MAV_INST probe = live;  // an instance whose engine failed may still be freed
+        EXPECT_TRUE(part == 2 || MavFreeInstance(&probe) == MAV_E_INVALID_HANDLE);
+        *mark = keptMark;
+        rec->pPelInit = keptInit;
+    }
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&live));
+    End(&h);
 }
 
 }  // namespace

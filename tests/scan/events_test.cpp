@@ -2,10 +2,7 @@
 // each handler gets, and stopping a scan from a handler.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "mav_fixture.h"
@@ -148,42 +145,6 @@ TEST_F(Events, MaskRulesFollowTheAdapterEventFlags) {
     EXPECT_EQ(MAV_E_NULL_PARAM, MavRegisterSingleEventHandler(nullptr, Single, 1, nullptr));
 }
 
-TEST_F(Events, SingleHandlerGetsConvertedRecordsAndRawNumbers) {
-    Start();
-    ScriptAllMessages();
-    ASSERT_EQ(MAV_OK, MavRegisterSingleEventHandler(inst, Single, VS_M_ALL, &seen));
-    ASSERT_EQ(MAV_OK, ScanFile(inst));
-    ASSERT_EQ(12u, seen.size());
-    for (const Seen& s : seen) {
-        EXPECT_EQ("single", s.via);
-        EXPECT_EQ(inst, s.inst);
-    }
-    const Seen& v = seen[0];
-    EXPECT_EQ(VS_M_VIRUS, v.message);
-    EXPECT_EQ("Eicar<1>|a.com|free", v.text + "|" + v.object + "|" + v.freeText);
-    EXPECT_EQ(77u, v.id);
-    EXPECT_EQ(1, v.repairable);
-    EXPECT_EQ(68u, v.size);
-    EXPECT_EQ(42u, v.jobId);
-    EXPECT_EQ(sizeof(PEL_VIRUSINFO), v.recordSize);
-    EXPECT_EQ(VS_M_REPAIRED, seen[1].message);
-    EXPECT_EQ("Eicar<1>", seen[1].text);
-    const Seen& e = seen[2];
-    EXPECT_EQ(VS_M_NOTSCANNED, e.message);
-    EXPECT_EQ("encrypted|b.zip", e.text + "|" + e.object);
-    EXPECT_EQ(12, e.errorRc);
-    EXPECT_EQ(900u, e.size);
-    EXPECT_EQ(42u, e.jobId);
-    EXPECT_EQ(VS_M_NOTREPAIRED, seen[3].message);
-    EXPECT_EQ("inner/doc.xls", seen[4].text);
-    EXPECT_EQ("bad header", seen[5].text);
-    // The single handler gets the adapter's data unchanged (all 64 bits).
-    EXPECT_EQ(0x100000005ull, seen[6].number);
-    EXPECT_EQ(3u, seen[7].number);
-    EXPECT_EQ(7u, seen[11].number);
-    EXPECT_EQ(12, pel.event_results(nullptr, 0));
-}
-
 TEST_F(Events, TableRoutesBySlotAndBothNotScannedMessagesGoToSlot7) {
     Start();
     ScriptAllMessages();
@@ -218,118 +179,6 @@ TEST_F(Events, TableRoutesBySlotAndBothNotScannedMessagesGoToSlot7) {
     int32_t results[4] = {-1};
     ASSERT_EQ(1, pel.event_results(results, 4));
     EXPECT_EQ(0, results[0]);
-}
-
-TEST_F(Events, MessagesOutsideTheMaskOrTableYieldZeroAndAHandlerCanStop) {
-    Start();
-    pel.script_clear();
-    pel.script_event(VS_M_CLEAN, 0, nullptr, 1, 1);  // forced, not in the mask
-    pel.script_event(0x4, 0, nullptr, 1, 1);         // not a message of the table
-    pel.script_event(VS_M_SCANPROGRESS, 0, nullptr, 9, 0);
-    ASSERT_EQ(MAV_OK, MavRegisterSingleEventHandler(inst, Single, VS_M_SCANPROGRESS, &seen));
-    {
-        TraceCapture trace(MAV_TRC_EVENT);
-        ASSERT_EQ(MAV_OK, ScanFile(inst));
-        ASSERT_EQ(1u, seen.size());
-        EXPECT_EQ(VS_M_SCANPROGRESS, seen[0].message);
-        int32_t results[4] = {-1, -1};
-        ASSERT_EQ(3, pel.event_results(results, 4));
-        EXPECT_EQ(0, results[0]);
-        EXPECT_EQ(0, results[1]);
-        EXPECT_TRUE(trace.Has("Unknown Message 4 received from PEL\n"));
-        EXPECT_EQ(3, trace.CountContaining(">> start >> MavPXCallback("));
-        // The unknown message returns before the end line.
-        EXPECT_EQ(2, trace.Count(" << end << MavPXCallback(VS_CALLRC==0) \n"));
-    }
-
-    // A non-zero answer stops the scan at once.
-    pel.script_event(VS_M_SCANPROGRESS, 0, nullptr, 2, 0);
-    MAV_EVENTS table = {};
-    table.ScanProgress = ScanProgress;
-    ASSERT_EQ(MAV_OK, MavRegisterEvents(inst, &table, &seen));
-    seen.clear();
-    nextResult = 1;
-    EXPECT_EQ(MAV_E_CBC_TERMINATED, ScanFile(inst));
-    EXPECT_EQ(1u, seen.size());
-    int32_t results[4];
-    ASSERT_EQ(3, pel.event_results(results, 4));  // the two unwanted ones, then the stop
-    EXPECT_EQ(1, results[2]);
-}
-
-TEST_F(Events, InstanceRegistrationStaysWithTheInstance) {
-    Start();
-    MAV_INST other = nullptr;
-    ASSERT_EQ(MAV_OK, MavCreateInstance(hdl, &other));
-    ASSERT_EQ(MAV_OK, MavRegisterSingleEventHandler(inst, Single, VS_M_VIRUS, &seen));
-    EXPECT_NE(static_cast<MAV_HDL_REC*>(hdl)->pCfg, static_cast<MAV_INST_REC*>(inst)->pCfg);
-    ASSERT_EQ(MAV_OK, ScanFile(other));
-    EXPECT_EQ(nullptr, pel.lastScan().sCallback.pfnCallback);
-    ASSERT_EQ(MAV_OK, ScanFile(inst));
-    EXPECT_EQ(VS_M_VIRUS, pel.lastScan().sCallback.uiMessageMask);
-    // A handle registration reaches the instances that share its
-    // configuration, each as its own context.
-    ASSERT_EQ(MAV_OK, MavRegisterSingleEventHandler(hdl, Single, VS_M_CLEAN, &seen));
-    ASSERT_EQ(MAV_OK, ScanFile(other));
-    EXPECT_EQ(VS_M_CLEAN, pel.lastScan().sCallback.uiMessageMask);
-    EXPECT_EQ(other, pel.lastScan().sCallback.pvContext);
-    ASSERT_EQ(MAV_OK, ScanFile(inst));
-    EXPECT_EQ(VS_M_VIRUS, pel.lastScan().sCallback.uiMessageMask);
-    EXPECT_EQ(MAV_OK, MavFreeInstance(&other));
-
-    // The callback refuses a context that is no instance.
-    TraceCapture trace(MAV_TRC_ERROR);
-    EXPECT_EQ(1, MavPXCallback(nullptr, VS_M_CLEAN, nullptr, static_cast<MAV_HDL_REC*>(hdl)->pCfg));
-    EXPECT_EQ(1, MavPXCallback(nullptr, VS_M_CLEAN, nullptr, nullptr));
-    EXPECT_TRUE(trace.Has("Cound not get instance configuration\n"));
-    EXPECT_EQ(0, MavPXCallback(nullptr, VS_M_CLEAN, nullptr, inst));
-}
-
-std::atomic<int> raceCalls{0};
-VS_CALLRC CountCall(MAV_INST, uint32_t, void*, void*) {
-    ++raceCalls;
-    return 0;
-}
-VS_CALLRC CountTable(MAV_INST, void*, void*) {
-    ++raceCalls;
-    return 0;
-}
-
-// Registrations on the handle while two instances scan: each scan sees a
-// whole registration, never a torn one (run under ThreadSanitizer too).
-TEST_F(Events, RegistrationRacesWithScans) {
-    Start();
-    MAV_INST other = nullptr;
-    ASSERT_EQ(MAV_OK, MavCreateInstance(hdl, &other));
-    pel.script_clear();
-    pel.script_event(VS_M_SCANPROGRESS, 0, nullptr, 1, 0);
-    std::atomic<bool> stop{false};
-    std::atomic<int> failures{0};
-    std::atomic<int> scans[2] = {{0}, {0}};
-    auto scan = [&](MAV_INST i, int n) {
-        unsigned char buf[16] = {};
-        for (; !stop; ++scans[n]) failures += MavScanBytes(i, "r", buf, 16, 1, nullptr) != MAV_OK;
-    };
-    std::thread a(scan, inst, 0), b(scan, other, 1);
-    MAV_EVENTS table = {};
-    table.ScanProgress = CountTable;
-    // Registrations go on until both threads have scanned a while with
-    // handlers in place (bounded in time).
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    for (int k = 0; (k < 300 || scans[0] < 500 || scans[1] < 500 || raceCalls < 200) &&
-                    std::chrono::steady_clock::now() < deadline;
-         ++k) {
-        MAV_RC rc = k % 3 == 0
-                        ? MavRegisterSingleEventHandler(hdl, CountCall, VS_M_SCANPROGRESS, nullptr)
-                    : k % 3 == 1 ? MavRegisterEvents(hdl, &table, nullptr)
-                                 : MavRegisterSingleEventHandler(hdl, nullptr, 0, nullptr);
-        failures += rc != MAV_OK;
-    }
-    stop = true;
-    a.join();
-    b.join();
-    EXPECT_EQ(0, failures.load());
-    EXPECT_GT(raceCalls.load(), 0);
-    EXPECT_EQ(MAV_OK, MavFreeInstance(&other));
 }
 
 }  // namespace

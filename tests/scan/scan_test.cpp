@@ -96,29 +96,6 @@ TEST_F(Scan, RequestsCarryNameJobActionAndSummary) {
               MavScanClean(inst, VS_SC_BYTES, 0, nullptr, "x", buf, nullptr, 3, nullptr));
 }
 
-TEST_F(Scan, ObjectNamesAreConvertedFileNamesHandedOnAsTheyStand) {
-    Start();
-    ASSERT_EQ(1, MavSetProcessCodePage("0819"));
-    MAV_RC rc = Bytes("\xe4.bin");
-    std::string objectName = LastName();
-    MAV_RC frc = MavScanFile(inst, "/tmp/\xe4", 1, nullptr);
-    std::string fileName = LastName();
-    MavSetProcessCodePage("1208");
-    EXPECT_EQ(MAV_OK, rc);
-    EXPECT_EQ("\xc3\xa4.bin", objectName);
-    EXPECT_EQ(MAV_OK, frc);  // a file name is the file system's bytes
-    EXPECT_EQ("/tmp/\xe4", fileName);
-
-    // A name that does not convert, or converts to nothing, fails the bytes
-    // scan before the adapter is called; a file name is not converted.
-    uint32_t scans = pel.calls(TPEL_SCAN);
-    EXPECT_EQ(MAV_E_CONVERSION_FAILED, Bytes("\xe4.bin"));
-    EXPECT_EQ(MAV_E_CONVERSION_FAILED, Bytes(""));
-    EXPECT_EQ(scans, pel.calls(TPEL_SCAN));
-    ASSERT_EQ(MAV_OK, MavScanFile(inst, "/tmp/\xe4", 1, nullptr));
-    EXPECT_EQ("/tmp/\xe4", LastName());
-}
-
 // Names of every length up to 40 in exactly sized heap blocks, with a
 // non-ASCII or invalid byte at every position, and names that end right
 // before an unmapped page: read exactly, never beyond.
@@ -154,26 +131,6 @@ TEST_F(Scan, ObjectNamesAreReadExactly) {
         EXPECT_EQ(len == 0 ? MAV_E_CONVERSION_FAILED : MAV_OK, Bytes(name)) << len;
     }
     munmap(map, 2 * page);
-}
-
-TEST_F(Scan, CleanCallsAddTheCleanBitToTheDefaultAction) {
-    Start();
-    ASSERT_EQ(MAV_OK, MavCleanFile(inst, "/dev/null", 1, nullptr));
-    EXPECT_EQ(MAV_DEFAULT_ACTION | VS_A_CLEAN, pel.lastScan().uiActionCode);
-    ASSERT_EQ(MAV_OK, MavSetParameter(inst, "CUST_ACTIVE_CONTENT", VS_TYPE_BOOL, "1"));
-    unsigned char buf[10];
-    memset(buf, 'X', sizeof buf);
-    size_t len = sizeof buf;
-    pel.script_cleaned("CLEAN", 5);
-    pel.script_rc(MAV_E_CLEAN_OK);
-    EXPECT_EQ(MAV_E_CLEAN_OK, MavCleanBytes(inst, "obj", buf, &len, 1, nullptr));
-    EXPECT_EQ(MAV_DEFAULT_ACTION | VS_A_CLEAN | VS_A_ACTIVE_CONTENT, pel.lastScan().uiActionCode);
-    EXPECT_EQ(VS_SC_BYTES, pel.lastScan().uiScanCode);
-    EXPECT_EQ(0, memcmp("CLEANXXXXX", buf, 10));
-    EXPECT_EQ(sizeof buf, len);
-    // The plain calls leave the action to the configured default.
-    ASSERT_EQ(MAV_E_CLEAN_OK, MavScanBytes(inst, "obj", buf, sizeof buf, 1, nullptr));
-    EXPECT_EQ(MAV_DEFAULT_ACTION | VS_A_ACTIVE_CONTENT, pel.lastScan().uiActionCode);
 }
 
 TEST_F(Scan, FallbackWritesBytesToAPrivateFileAndRemovesIt) {
@@ -223,6 +180,16 @@ TEST_F(Scan, FallbackWritesBytesToAPrivateFileAndRemovesIt) {
     EXPECT_TRUE(dir_.entries().empty());
 }
 
+// Without INITTEMP_PATH the fallback file goes to the default directory.
+TEST_F(Scan, FallbackWithoutATempPathUsesTheDefaultDirectory) {
+    pel.set_flags(PEL_SCANFLAG_FILE, 0x19, VS_M_VIRUS | VS_M_CLEAN, 0);
+    Start();
+    ASSERT_EQ(MAV_OK, Bytes("plain.bin"));
+    EXPECT_TRUE(pel.lastScan().bFileExisted);
+    std::string dir = std::string(MavPXGetDefaultTmpPath()) + "/";
+    EXPECT_EQ(dir, LastName().substr(0, dir.size()));
+}
+
 TEST(TempFile, CreatedExclusivelyWithMode0600UnderTheObjectName) {
     TempDir dir;
     const unsigned char bytes[] = "hello";
@@ -258,38 +225,6 @@ TEST(TempFile, CreatedExclusivelyWithMode0600UnderTheObjectName) {
     MavIFree(c);
     EXPECT_TRUE(trace.Has("fdopenU return -1, mkstemp failed\n"));
     EXPECT_EQ(2u, dir.entries().size());
-}
-
-// The default directory is worked out once per process: each case runs in a
-// child process of its own.
-[[noreturn]] void ChildCheckTmpPath(const char* const values[4], const char* expected) {
-    const char* names[] = {"PEL_TMP", "TMP", "TEMP", "TMPDIR"};
-    for (int i = 0; i < 4; ++i) {
-        if (values[i] != nullptr) {
-            setenv(names[i], values[i], 1);
-        } else {
-            unsetenv(names[i]);
-        }
-    }
-    bool ok = strcmp(MavPXGetDefaultTmpPath(), expected) == 0;
-    setenv("PEL_TMP", "/changed", 1);  // a later change of the environment is not seen
-    ok = ok && strcmp(MavPXGetDefaultTmpPath(), expected) == 0;
-    _exit(ok ? 0 : 1);
-}
-
-TEST(TempFileDeathTest, DefaultDirectoryFollowsTheEnvironmentOrder) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const char* const cases[][5] = {
-        {"/p", "/t", "/te", "/td", "/p"},
-        {nullptr, "/t", "/te", "/td", "/t"},
-        {nullptr, nullptr, "/te", "/td", "/te"},
-        {nullptr, nullptr, nullptr, "/td", "/td"},
-        {nullptr, nullptr, nullptr, nullptr, "/tmp"},
-        {"", "/t", "/te", "/td", "/t"},  // an empty value counts as unset
-        {"", "", "", "", "/tmp"}};
-    for (const auto& c : cases) {
-        EXPECT_EXIT(ChildCheckTmpPath(c, c[4]), ::testing::ExitedWithCode(0), "") << c[4];
-    }
 }
 
 TEST_F(Scan, ThousandFallbackScansWithFailuresLeaveNoFileBehind) {
@@ -333,6 +268,40 @@ TEST_F(Scan, ThousandFallbackScansWithFailuresLeaveNoFileBehind) {
     EXPECT_GT(writeFailed, 50);
 }
 
+// Every verdict and every failure of a scan is traced once, as one "***" line.
+TEST_F(Scan, EveryVerdictAndFailureIsTracedOnce) {
+    Start();
+    TraceCapture trace(MAV_TRC_VIRUS | MAV_TRC_PEL | MAV_TRC_WARNING);
+    for (MAV_RC rc : {MAV_E_VIRUS_FOUND, MAV_E_CLEAN_OK, MAV_E_MACRO_FOUND, MAV_E_PATTERN_FOUND,
+                      MAV_E_CLEAN_FAILED, MAV_E_NOT_INITIALISED, MAV_E_EXPIRED, MAV_E_LOAD_FAILED,
+                      MAV_E_NOT_SUPPORTED, MAV_E_INVALID_SCANOBJECT, MAV_E_NOT_SCANNED,
+                      MAV_E_SCAN_FAILED}) {
+        pel.script_rc(rc);
+        int before = trace.CountContaining("*** ");
+        EXPECT_EQ(rc, MavScanFile(inst, "/dev/null", 1, nullptr));
+        EXPECT_EQ(before + 1, trace.CountContaining("*** ")) << rc;
+    }
+}
+
+// Custom parameters switch action bits of an instance's scans on and off.
+TEST_F(Scan, CustomParametersSwitchActionBits) {
+    Start();
+    const struct {
+        const char* name;
+        uint32_t bit;
+    } cases[] = {{"CUST_ACTIVE_CONTENT", VS_A_ACTIVE_CONTENT},
+                 {"CUST_CHECK_MIME_TYPE", VS_A_CHECK_MIME},
+                 {"CUST_CLEAN", VS_A_CLEAN}};
+    for (const auto& c : cases) {
+        for (const char* value : {"true", "0"}) {
+            ASSERT_EQ(MAV_OK, MavSetParameter(inst, c.name, VS_TYPE_BOOL, value));
+            ASSERT_EQ(MAV_OK, MavScanFile(inst, "/dev/null", 1, nullptr));
+            EXPECT_EQ(value[0] == 't', (pel.lastScan().uiActionCode & c.bit) != 0) << c.name;
+        }
+    }
+    EXPECT_EQ(MAV_OK, MavSetParameter(inst, "CUST_MIME_TYPES_ARE_BLACKLIST", VS_TYPE_BOOL, "1"));
+}
+
 TEST_F(Scan, SummaryMustBe32BytesAndIsCheckedBeforeAnyAdapterCall) {
     StartFallback();
     MAV_SCANINFO si = Summary();
@@ -373,91 +342,8 @@ TEST_F(Scan, PreviousResultIsReleasedBeforeTheNextScan) {
     EXPECT_EQ(1, pel.live_scaninfos());
 }
 
-TEST_F(Scan, ArgumentErrorsAreRefusedWithTheirTraces) {
-    Start();
-    TraceCapture trace(MAV_TRC_ERROR);
-    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavScanFile(nullptr, "/dev/null", 1, nullptr));
-    EXPECT_TRUE(trace.Has("MavScanClean: Invalid NULL parameter for instance handle\n"));
-    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavScanFile(hdl, "/dev/null", 1, nullptr));
-    EXPECT_EQ(MAV_E_NULL_PARAM, MavScanFile(inst, nullptr, 1, nullptr));
-    EXPECT_TRUE(trace.Has("No file name supplied to scan file method.\n"));
-    EXPECT_EQ(MAV_E_SCANPAR_UNSUPPORTED,
-              MavScanClean(inst, 3, 0, "x", nullptr, nullptr, nullptr, 1, nullptr));
-    EXPECT_TRUE(trace.Has("This scan code >>>3<<< is invalid or not supported.\n"));
-    EXPECT_EQ(0u, pel.calls(TPEL_SCAN));
-    MAV_INST stale = inst;  // a released instance is refused
-    ASSERT_EQ(MAV_OK, MavFreeInstance(&inst));
-    EXPECT_EQ(MAV_E_INVALID_HANDLE, MavScanFile(stale, "/dev/null", 1, nullptr));
-}
-
-TEST_F(Scan, FirstEntryOfEachListLosesItsAngleBrackets) {
-    Start();
-    pel.script_clear();
-    for (const char* n : {"0", "1"}) {
-        auto s = [n](const char* p) { return std::string("<") + p + n + ">"; };
-        pel.script_infection(s("v").c_str(), s("o").c_str(), 1, 0, 10, s("f").c_str());
-        pel.script_scan_error(s("e").c_str(), 4, s("t").c_str(), 5);
-        pel.script_content(s("c").c_str(), s("x").c_str(), s("m").c_str(), s("s").c_str(), 1, 3);
-    }
-    pel.script_rc(MAV_E_VIRUS_FOUND);
-    MAV_SCANINFO si = Summary();
-    ASSERT_EQ(MAV_E_VIRUS_FOUND, MavScanFile(inst, "/dev/null", 1, &si));
-    EXPECT_EQ(2u, si.uiInfections);
-    EXPECT_EQ(2u, si.uiScanErrors);
-    EXPECT_EQ(2u, si.uiScanned);
-    const PEL_SCANINFO* r = static_cast<MAV_INST_REC*>(inst)->pScanInfo;
-    ASSERT_NE(nullptr, r);
-    const PEL_VIRUSINFO* v = r->pVirusInfo;
-    const PEL_SCANERROR* e = r->pScanError;
-    const PEL_CONTENTINFO* c = r->pContentInfo;
-    std::vector<std::string> got = {v[0].pszVirusName,  v[0].pszObjectName,  v[0].pszFreeTextInfo,
-                                    e[0].pszObjectName, e[0].pszErrorText,   c[0].pszObjectName,
-                                    c[0].pszExtension,  c[0].pszContentType, c[0].pszCharSet,
-                                    v[1].pszVirusName,  e[1].pszErrorText,   c[1].pszObjectName};
-    std::vector<std::string> want = {"_v0_", "_o0_", "_f0_", "_e0_", "_t0_", "_c0_",
-                                     "_x0_", "_m0_", "_s0_", "<v1>", "<t1>", "<c1>"};
-    EXPECT_EQ(want, got);
-}
-
-TEST_F(Scan, VerdictsAndFailuresAreTracedByLevel) {
-    Start();
-    const struct {
-        uint32_t level;
-        MAV_RC rc;
-        uint32_t action;
-        const char* text;  // null: nothing of the kind
-    } cases[] = {
-        {MAV_TRC_VIRUS, MAV_E_VIRUS_FOUND, 0,
-         "*** VIRUS alert! The object contains an infection.\n"},
-        {MAV_TRC_VIRUS, MAV_E_CLEAN_FAILED, 0,
-         "*** VIRUS alert! The object ***could not be cleaned*** and is still infected.\n"},
-        {MAV_TRC_VIRUS, MAV_E_CLEAN_OK, 0,
-         "*** Detected infection was cleaned, but however a VIRUS might still exist.\n"},
-        {MAV_TRC_PEL | MAV_TRC_WARNING, MAV_E_NOT_SCANNED, 0,
-         "*** WARNING => The object was not scanned.\n"},
-        {MAV_TRC_PEL | MAV_TRC_WARNING, MAV_E_NOT_SUPPORTED, 17,
-         "*** Content scan feature is not supported. This PEL supports only virus scanning!\n"},
-        {MAV_TRC_PEL | MAV_TRC_WARNING, MAV_E_NOT_SUPPORTED, 16,
-         "*** Not supported feature supplied.\n"},
-        {MAV_TRC_PEL | MAV_TRC_WARNING, MAV_OK, 0, "No PEL_SCANINFO passed\n"},
-    };
-    for (const auto& c : cases) {
-        TraceCapture trace(c.level);
-        pel.script_rc(c.rc);
-        MavScanClean(inst, VS_SC_FILE, c.action, "/dev/null", nullptr, nullptr, nullptr, 1,
-                     nullptr);
-        EXPECT_TRUE(trace.Has(c.text)) << c.text;
-        EXPECT_EQ((c.level & MAV_TRC_PEL) ? 1 : 0, trace.CountContaining(">> PelScan("));
-    }
-    // Adapter failures need the warning bit too.
-    TraceCapture trace(MAV_TRC_PEL);
-    pel.script_rc(MAV_E_NOT_SCANNED);
-    MavScanFile(inst, "/dev/null", 1, nullptr);
-    EXPECT_FALSE(trace.Has("*** WARNING => The object was not scanned.\n"));
-}
-
-// Counting memory hooks (forwarding to the C library, so they mix with the
-// defaults).
+// The memory path allocates nothing (counting hooks that forward to the C
+// library, so they mix with the defaults).
 std::atomic<int> allocations{0};
 void* CountAlloc(size_t size, int clean, const char*) {
     ++allocations;

@@ -64,10 +64,7 @@ struct TestPel {
         TESTPEL_RESOLVE(set_engine);
         TESTPEL_RESOLVE(clear_drivers);
         TESTPEL_RESOLVE(add_driver);
-        TESTPEL_RESOLVE(set_engine_counts);
-        TESTPEL_RESOLVE(last_param_count);
         TESTPEL_RESOLVE(last_param);
-        TESTPEL_RESOLVE(is_live_init);
         TESTPEL_RESOLVE(bad_releases);
         TESTPEL_RESOLVE(script_delay_ms);
         TESTPEL_RESOLVE(max_concurrent_scans);
@@ -121,10 +118,7 @@ struct TestPel {
     decltype(&::tpel_set_engine) set_engine;
     decltype(&::tpel_clear_drivers) clear_drivers;
     decltype(&::tpel_add_driver) add_driver;
-    decltype(&::tpel_set_engine_counts) set_engine_counts;
-    decltype(&::tpel_last_param_count) last_param_count;
     decltype(&::tpel_last_param) last_param;
-    decltype(&::tpel_is_live_init) is_live_init;
     decltype(&::tpel_bad_releases) bad_releases;
     decltype(&::tpel_script_delay_ms) script_delay_ms;
     decltype(&::tpel_max_concurrent_scans) max_concurrent_scans;

@@ -72,46 +72,6 @@ class Trace : public ::testing::Test {
 // date, time with milliseconds, process, thread, [file:function:line]: label
 const std::string kPrefix = R"(\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}\.\d{3} p\d{6,} t[ \d]{3}\d+ )";
 
-TEST_F(Trace, FileLineFormat) {
-    std::string log = Activate("t.log");
-    MavPPrintTrace(MAV_TRC_PEL, "/src/sec/mav/mavxx_scan.cpp", "MavScanClean", 42, "rc=%d %s\n", 7,
-                   "x");
-    MavPPrintTrace(MAV_TRC_FUNCTION, "short.c", "AVeryLongFunctionName", 12345, "y\n");
-    MavPPrintTrace(MAV_TRC_ERROR, nullptr, "Fn", 9, "z\n");
-    std::vector<std::string> lines = Lines(log);
-    ASSERT_EQ(3u, lines.size());
-    const char* tails[] = {R"(\[mavxx_scan:MavScanClean:  42\]: \*PEL\* rc=7 x)",
-                           R"(\[short.c   :AVeryLongFun:12345\]: \*MAV\* y)",
-                           R"(\[unknown   :Fn          :   0\]: \* E \* z)"};
-    for (int i = 0; i < 3; ++i)
-        EXPECT_TRUE(std::regex_match(lines[i], std::regex(kPrefix + tails[i]))) << lines[i];
-    char pid[32];  // the process id is the caller's
-    snprintf(pid, sizeof pid, " p%06ld ", static_cast<long>(getpid()));
-    EXPECT_NE(std::string::npos, lines[0].find(pid));
-}
-
-TEST_F(Trace, LabelOfTheLowestOfTheSixteenBits) {
-    std::string log = Activate("l.log");
-    const struct {
-        uint32_t level;
-        const char* label;
-    } cases[] = {{1, ""},          {2, "* E *"},       {2 | 64, "* E *"},
-                 {4, "* W *"},     {8, "* I *"},       {16, "* M *"},
-                 {32, "*PEL*"},    {64, "*MAV*"},      {128, "*THR*"},
-                 {256, "*PAR*"},   {512, "*VIR*"},     {1024, "*CBC*"},
-                 {2048, "*RFC*"},  {4096, "*MEM*"},    {8192, "*TAB*"},
-                 {16384, "*JNI*"}, {32768, ""},        {0x10000, ""},
-                 {0, ""},          {0x10020, "*PEL*"}, {0x4000 | 0x8000, "*JNI*"}};
-    for (const auto& c : cases) MavPPrintTrace(c.level, "f.c", "F", 1, "m\n");
-    std::vector<std::string> lines = Lines(log);
-    ASSERT_EQ(sizeof cases / sizeof cases[0], lines.size());
-    for (size_t i = 0; i < lines.size(); i++) {
-        std::string tail = std::string("]: ") + cases[i].label + " m";
-        ASSERT_GE(lines[i].size(), tail.size());
-        EXPECT_EQ(tail, lines[i].substr(lines[i].size() - tail.size())) << cases[i].level;
-    }
-}
-
 TEST_F(Trace, HandlerGetsTheLineInsteadOfTheFileWithinItsLimits) {
     std::string log = Activate("h.log");
     ASSERT_EQ(MAV_OK, MavSetTraceHandler(Capture));
@@ -151,18 +111,6 @@ TEST_F(Trace, HandlerGetsTheLineInsteadOfTheFileWithinItsLimits) {
     MavPPrintTrace(MAV_TRC_INFO, "plain.cpp", "G", 5, "p\n");
     EXPECT_EQ(1u, captured.size());
     EXPECT_EQ(1u, Lines(log).size());
-}
-
-TEST_F(Trace, BasisLevels) {
-    const struct {
-        uint32_t basis, library;
-        int kernel;
-    } cases[] = {{0, 2, 0}, {1, 518, 1}, {2, 622, 2}, {3, 32766, 3}, {4, 2, 0}, {99, 2, 0}};
-    for (const auto& c : cases) {
-        EXPECT_EQ(MAV_OK, MavSetBasisTraceLevel(c.basis));
-        EXPECT_EQ(c.library, MavGetTraceLevel()) << c.basis;
-        EXPECT_EQ(c.kernel, CTrcGetTraceLevel()) << c.basis;
-    }
 }
 
 TEST_F(Trace, ActivationKeepsOneOldGeneration) {
@@ -231,59 +179,6 @@ TEST_F(Trace, DefaultStreamOnlyWhenTheEnvironmentAsks) {
         waitpid(pid, &status, 0);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << (c.dest ? c.dest : "(unset)");
     }
-}
-
-TEST_F(Trace, SetTraceFileNullKeepsTheStream) {
-    std::string path = dir_.file("own.log");
-    FILE* fp = fopen(path.c_str(), "w");
-    ASSERT_NE(nullptr, fp);
-    EXPECT_EQ(MAV_OK, MavSetTraceFile(fp));
-    EXPECT_EQ(MAV_OK, MavSetTraceFile(nullptr));
-    EXPECT_EQ(fp, MavGetTraceFile());
-    EXPECT_EQ(fp, CTrcGetFpTf());
-    MavIOpenDefaultTrace();  // a stream is set: nothing changes
-    EXPECT_EQ(fp, MavGetTraceFile());
-    MavPPrintTrace(MAV_TRC_ERROR, "f.c", "F", 1, "own\n");
-    EXPECT_NE(std::string::npos, ReadFile(path).find("own"));
-    MavDeactivateTrace();  // closes the library's stream (fp is not used after it)
-    EXPECT_EQ(nullptr, MavGetTraceFile());
-
-    // Without a library stream the kernel's stream is used.
-    std::string kpath = dir_.file("kernel.log");
-    FILE* kfp = fopen(kpath.c_str(), "w");
-    ASSERT_NE(nullptr, kfp);
-    CTrcSetFpTf(kfp);
-    EXPECT_EQ(kfp, MavGetTraceFile());
-    MavPPrintTrace(MAV_TRC_ERROR, "f.c", "F", 1, "kernel\n");
-    EXPECT_NE(std::string::npos, ReadFile(kpath).find("* E * kernel"));
-    CTrcSetFpTf(nullptr);
-    fclose(kfp);
-}
-
-TEST_F(Trace, MacrosTestTheLevelBeforeFormatting) {
-    MavSetTraceHandler(Capture);
-    int evaluated = 0;
-    auto arg = [&evaluated] { return ++evaluated; };
-    MAV_TRC(MAV_TRC_PEL, "%d\n", arg());
-    MAV_TRC_E("%d\n", arg());
-    EXPECT_EQ(0, evaluated);
-    EXPECT_TRUE(captured.empty());
-
-    MavSetTraceLevel(MAV_TRC_FUNCTION);  // errors are written whenever the level is non-zero
-    MAV_TRC(MAV_TRC_PEL, "%d\n", arg());
-    MAV_TRC_E("%d\n", arg());
-    MAV_TRC_EXIT(MAV_E_VIRUS_FOUND);
-    EXPECT_EQ(1, evaluated);
-    ASSERT_EQ(2u, captured.size());
-    EXPECT_EQ(MAV_TRC_ERROR, captured[0].level);
-    EXPECT_EQ("<<  end  << TestBody(MAV_RC==MAV_E_VIRUS_FOUND) \n", captured[1].text);
-
-    captured.clear();
-    MavIPrintTraceAlways("f.c", "MavInit", 3, "always %d\n", 1);
-    MavSetTraceLevel(0);
-    MavIPrintTraceAlways("f.c", "MavInit", 3, "always %d\n", 2);
-    ASSERT_EQ(2u, captured.size());
-    EXPECT_EQ("always 2\n", captured[1].text);
 }
 
 std::atomic<int> handlerCalls{0};

@@ -45,14 +45,4 @@ class EngineTest extends BridgeTestBase {
         assertEquals(MAV_E_NULL_PARAM, none.m_rc);
         assertNull(Mavgate.getEngine(null));
     }
-
-    @Test
-    void sharedEngineOfAThreadModelOneHandle() {
-        TestPel.setAdapterInfo(4711, 1, 2, 1, 0, "Kormo Test", "testpel");
-        MavHandle h = open();
-        instance(h);
-        Engine e = Mavgate.getEngine(h);
-        assertNotNull(e);
-        assertEquals(3, e.getMajorVersion());
-    }
 }

