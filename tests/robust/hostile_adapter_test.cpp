@@ -230,18 +230,6 @@ TEST_F(HostileAdapter, FailingPelInitKeepsTheHandleUsable) {
 // The first instance record of a process is new memory: when it is refused
 // there is no instance (later records are recycled blocks, which the sweeps
 // cannot refuse).
-TEST_F(HostileAdapter, RefusedInstanceRecordGivesNoInstance) {
-    if (CountingHooks::RecycledRecords() > 0) GTEST_SKIP() << "record blocks already recycled";
-    MAV_HANDLE h = Start();
-    CountingHooks::FailFrom(1, true);
-    MAV_INST i = nullptr;
-    EXPECT_EQ(MAV_E_NO_SPACE, MavCreateInstance(h, &i));
-    CountingHooks::Disarm();
-    EXPECT_EQ(nullptr, i);
-    EXPECT_EQ(0u, pel.calls(TPEL_INIT));
-    End(&h);
-}
-
 TEST_F(HostileAdapter, VendorTextsThatAreNotUtf8OrHuge) {
     MAV_HANDLE h = Start();
     for (const std::string& text : {std::string(kBadUtf8), kMegaText}) {
