@@ -98,36 +98,63 @@ struct ScanContext {
 
     // Judges the layers deeper than depth, innermost first.
     void Leave(size_t depth);
+    // Judges the innermost layer the engine finished; true when it was not
+    // looked into in full.
+    bool Finished();
+
+  private:
+    bool Judge(const Layer& l);
 };
 
 void AddUnique(std::vector<std::string>& v, const std::string& s) {
     if (std::find(v.begin(), v.end(), s) == v.end()) v.push_back(s);
 }
 
+bool ScanContext::Judge(const Layer& l) {
+    if (!l.scanned) return false;  // found clean before, with everything opened
+    const char* what = layers.empty() ? "this" : "an embedded";
+    if (!allEmbedded && !CleanWithoutExtraction(l.type)) {
+        AddUnique(notOpened, std::string("Not scanned: the contents of ") + what + " " + l.type +
+                                 " object were not extracted (SCANALLEMBEDDED is off)");
+        return true;
+    }
+    if (allEmbedded && IsArchive(l.type) && l.opened == 0 && (l.listed == 0 || l.sizable != 0)) {
+        AddUnique(notOpened, std::string("Not scanned: no member of ") + what + " " + l.type +
+                                 " archive could be opened");
+        return true;
+    }
+    return false;
+}
+
 void ScanContext::Leave(size_t depth) {
     while (layers.size() > depth) {
         const Layer l = layers.back();
         layers.pop_back();
-        if (!l.scanned) continue;  // found clean before, with everything opened
-        const char* what = layers.empty() ? "this" : "an embedded";
-        if (!allEmbedded && !CleanWithoutExtraction(l.type)) {
-            AddUnique(notOpened, std::string("Not scanned: the contents of ") + what + " " +
-                                     l.type + " object were not extracted (SCANALLEMBEDDED is off)");
-        } else if (allEmbedded && IsArchive(l.type) && l.opened == 0 &&
-                   (l.listed == 0 || l.sizable != 0)) {
-            AddUnique(notOpened, std::string("Not scanned: no member of ") + what + " " + l.type +
-                                     " archive could be opened");
-        }
+        Judge(l);
     }
+}
+
+bool ScanContext::Finished() {
+    while (!layers.empty() && !layers.back().scanned) layers.pop_back();  // cache answers
+    if (layers.empty()) return false;
+    const Layer l = layers.back();
+    layers.pop_back();
+    return Judge(l);
 }
 
 bool IsLimit(const char* name) {
     return std::strncmp(name, kLimitPrefix, sizeof kLimitPrefix - 1) == 0;
 }
 
+// Callbacks answer CL_VIRUS for an object not looked into in full: libclamav
+// then reports it under this name and, above all, does not add it to its
+// cache of clean objects (a later scan of the same bytes would be answered
+// "clean" from there). The reason is already recorded, so the name is dropped.
+const char kOwnAlert[] = "Detected.By.Callback";
+
 void OnVirusFound(int /*fd*/, const char* name, void* context) {
     auto* c = static_cast<ScanContext*>(context);
-    if (c == nullptr || name == nullptr) return;
+    if (c == nullptr || name == nullptr || StartsWith(name, kOwnAlert)) return;
     AddUnique(IsLimit(name) ? c->limitHits : c->detections, name);
 }
 
@@ -158,12 +185,21 @@ cl_error_t OnPreScan(int /*fd*/, const char* /*type*/, void* context) {
     return CL_CLEAN;
 }
 
+cl_error_t OnPostScan(int /*fd*/, int /*result*/, const char* /*virname*/, void* context) {
+    auto* c = static_cast<ScanContext*>(context);
+    return c != nullptr && c->Finished() ? CL_VIRUS : CL_CLEAN;
+}
+
 cl_error_t OnArchiveMember(const char* containerType, unsigned long /*containerSize*/,
                            const char* fileName, unsigned long realSize, int encrypted,
                            unsigned int /*position*/, void* context) {
     auto* c = static_cast<ScanContext*>(context);
     if (c == nullptr) return CL_CLEAN;
-    if (c->maxFileSize != 0 && realSize > c->maxFileSize) AddUnique(c->limitHits, kMaxFileSize);
+    cl_error_t answer = CL_CLEAN;
+    if (c->maxFileSize != 0 && realSize > c->maxFileSize) {
+        AddUnique(c->limitHits, kMaxFileSize);
+        answer = CL_VIRUS;  // libclamav truncates the member silently: keep it out of the cache
+    }
     for (auto l = c->layers.rbegin(); containerType != nullptr && l != c->layers.rend(); ++l) {
         if (l->type != containerType) continue;
         ++l->listed;
@@ -174,8 +210,9 @@ cl_error_t OnArchiveMember(const char* containerType, unsigned long /*containerS
         AddUnique(c->notOpened, std::string("Not scanned: encrypted member ") +
                                     (fileName != nullptr ? fileName : "(unnamed)") + " of " +
                                     (containerType != nullptr ? containerType : "an archive"));
+        answer = CL_VIRUS;
     }
-    return CL_CLEAN;
+    return answer;
 }
 
 std::string LimitText(const std::string& hit) {
@@ -437,6 +474,7 @@ void InstallScanCallbacks(cl_engine* engine) {
     cl_engine_set_clcb_virus_found(engine, OnVirusFound);
     cl_engine_set_clcb_file_inspection(engine, OnInspect);
     cl_engine_set_clcb_pre_scan(engine, OnPreScan);
+    cl_engine_set_clcb_post_scan(engine, OnPostScan);
     cl_engine_set_clcb_meta(engine, OnArchiveMember);
 }
 

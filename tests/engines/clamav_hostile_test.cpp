@@ -102,12 +102,15 @@ TEST_F(ClamavHostile, ObjectsNotLookedIntoAreNeverClean) {
     const Bytes zip = StoredZip({{"eicar.com", eicar}});
     Bytes binary = ToBytes(std::string("\x7f\x01\x02\x03 some binary header\x00\xff", 24));
     binary.insert(binary.end(), zip.begin(), zip.end());
+    Bytes big(2000000, 'A');
+    big.insert(big.end(), eicar.begin(), eicar.end());
     const struct {
         const char* what;
         Bytes data;
         bool allEmbedded;
         int rc;
         const char* error;
+        uint64_t scanLimit = 0;  // 0: the default
     } cases[] = {
         // Narrowed first: its verdict must not be cached for the full scan after it.
         {"rtf, embedded off", RtfWithObject(Eicar()), false, 14, "SCANALLEMBEDDED"},
@@ -118,13 +121,18 @@ TEST_F(ClamavHostile, ObjectsNotLookedIntoAreNeverClean) {
         {"deflated zip, cut directory",
          CutDirectory(DeflatedZip({{"e.com", ToBytes(Eicar() + std::string(200, '\n'))}})), true,
          14, "could be opened"},
+        {"zip member over SCANLIMIT", DeflatedZip({{"a.txt", big}}), true, 14, "SCANLIMIT", 1000000},
         {"zip of a tiny member", StoredZip({{"a.txt", ToBytes("abc")}}), true, 0, ""},
     };
     Scanner s(*adapter_, engine_);
-    for (const auto& c : cases) {
-        auto o = Options(c.allEmbedded);
-        EXPECT_EQ(c.rc, s.Bytes(c.data, "object", o->Get())) << c.what;
-        EXPECT_TRUE(*c.error == '\0' || s.ScanErrorHas(c.error)) << c.what;
+    // Twice: the second scan must not take "clean" from libclamav's cache.
+    for (int pass = 0; pass < 2; ++pass) {
+        for (const auto& c : cases) {
+            auto o = Options(c.allEmbedded);
+            if (c.scanLimit != 0) o->SetNumber(VS_P_SCANLIMIT, c.scanLimit);
+            EXPECT_EQ(c.rc, s.Bytes(c.data, "object", o->Get())) << c.what << " " << pass;
+            EXPECT_TRUE(*c.error == '\0' || s.ScanErrorHas(c.error)) << c.what << " " << pass;
+        }
     }
 }
 
