@@ -235,10 +235,12 @@ cl_scan_options Options(const ScanSettings& s) {
     o.parse = s.allEmbedded
                   ? ~0u
                   : CL_SCAN_PARSE_ELF | CL_SCAN_PARSE_PE | CL_SCAN_PARSE_HTML | CL_SCAN_PARSE_IMAGE;
-    // A narrowed scan must not fill libclamav's cache of clean objects: a
-    // later full scan would take "clean" from it without opening anything.
-    // Collecting metadata keeps the engine from caching.
-    if (!s.allEmbedded) o.general |= CL_SCAN_GENERAL_COLLECT_METADATA;
+    // libclamav's cache of clean objects does not know the options it was
+    // filled under. A narrowed scan must not fill it (a later full scan would
+    // take "clean" from it without opening anything), and a scan with the
+    // extra heuristics of level 2 must not read it (the verdict may come from
+    // a scan without them). Collecting metadata keeps a scan off the cache.
+    if (!s.allEmbedded || s.heuristicLevel >= 2) o.general |= CL_SCAN_GENERAL_COLLECT_METADATA;
     // Always: limits and encryption become "not scanned" (never infections).
     o.heuristic = CL_SCAN_HEURISTIC_EXCEEDS_MAX | CL_SCAN_HEURISTIC_ENCRYPTED_ARCHIVE |
                   CL_SCAN_HEURISTIC_ENCRYPTED_DOC;
