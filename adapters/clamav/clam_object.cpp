@@ -101,8 +101,8 @@ int ObjectSource::ReadToEnd(const std::string& name, const ReadLimits& limits, s
         } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
             int wait = kStallMs;
             if (limits.timeMs != 0) {
-                auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
-                                                                                  Clock::now());
+                auto left =
+                    std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
                 if (left.count() <= 0) {
                     *text = "Not scanned: SCANEXTRACT_TIME exceeded while reading " + name;
                     return kTooLarge;

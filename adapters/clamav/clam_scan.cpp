@@ -64,11 +64,12 @@ bool CleanWithoutExtraction(const std::string& type) {
 // Types that exist to hold members: one of which libclamav opened no member
 // was not looked into (a cut or missing directory, a format it cannot read).
 bool IsArchive(const std::string& type) {
-    return OneOf(type, {"CL_TYPE_ZIP", "CL_TYPE_RAR", "CL_TYPE_7Z", "CL_TYPE_GZ", "CL_TYPE_BZ",
-                        "CL_TYPE_XZ", "CL_TYPE_POSIX_TAR", "CL_TYPE_OLD_TAR", "CL_TYPE_ARJ",
-                        "CL_TYPE_MSCAB", "CL_TYPE_CPIO_OLD", "CL_TYPE_CPIO_ODC",
-                        "CL_TYPE_CPIO_NEWC", "CL_TYPE_CPIO_CRC", "CL_TYPE_ISO9660", "CL_TYPE_DMG",
-                        "CL_TYPE_XAR", "CL_TYPE_EGG", "CL_TYPE_LHA_LZH", "CL_TYPE_UDF"});
+    return OneOf(type,
+                 {"CL_TYPE_ZIP",       "CL_TYPE_RAR",      "CL_TYPE_7Z",        "CL_TYPE_GZ",
+                  "CL_TYPE_BZ",        "CL_TYPE_XZ",       "CL_TYPE_POSIX_TAR", "CL_TYPE_OLD_TAR",
+                  "CL_TYPE_ARJ",       "CL_TYPE_MSCAB",    "CL_TYPE_CPIO_OLD",  "CL_TYPE_CPIO_ODC",
+                  "CL_TYPE_CPIO_NEWC", "CL_TYPE_CPIO_CRC", "CL_TYPE_ISO9660",   "CL_TYPE_DMG",
+                  "CL_TYPE_XAR",       "CL_TYPE_EGG",      "CL_TYPE_LHA_LZH",   "CL_TYPE_UDF"});
 }
 
 // One object of the chain libclamav is in: the object itself (level 0), an
@@ -272,7 +273,12 @@ class ScanJob {
   public:
     ScanJob(Engine& engine, const PEL_CALLBACK* cb, const PEL_SCANPARAM* param,
             const ScanSettings& settings, bool memory, bool wantInfo)
-        : e_(engine), cb_(cb), param_(param), s_(settings), memory_(memory), wantInfo_(wantInfo),
+        : e_(engine),
+          cb_(cb),
+          param_(param),
+          s_(settings),
+          memory_(memory),
+          wantInfo_(wantInfo),
           name_(param->pszObjectName != nullptr ? param->pszObjectName : "") {
         // libclamav scans nothing larger than kEngineMaxObject; SCANLIMIT 0 means that.
         limit_.bytes = kEngineMaxObject;
@@ -327,9 +333,9 @@ void ScanJob::Open() {
     int state = ObjectSource::kReady;
     if (!memory_) state = source_.Open(name_, limit_, &text);
     const uint64_t size = memory_ ? param_->lLength : source_.Size();
-    result_ = std::make_unique<ScanResult>(kResultMark, param_->uiJobID, name_,
-                                           static_cast<size_t>(size),
-                                           memory_ ? kObjectMemory : kObjectFile);
+    result_ =
+        std::make_unique<ScanResult>(kResultMark, param_->uiJobID, name_, static_cast<size_t>(size),
+                                     memory_ ? kObjectMemory : kObjectFile);
     opened_ = state != ObjectSource::kOpenFailed;
     if (state == ObjectSource::kOpenFailed) Fail(kScanFailed, text);
     if (state == ObjectSource::kTooLarge) Fail(kNotScanned, text);
@@ -404,8 +410,8 @@ void ScanJob::Run() {
     ScanContext ctx;
     ctx.maxFileSize = s_.limits.maxFileSize;
     ctx.allEmbedded = s_.allEmbedded;
-    ctx.wantObjects =
-        cb_ != nullptr && cb_->pfnCallback != nullptr && (cb_->uiMessageMask & VS_M_OBJECTFOUND) != 0;
+    ctx.wantObjects = cb_ != nullptr && cb_->pfnCallback != nullptr &&
+                      (cb_->uiMessageMask & VS_M_OBJECTFOUND) != 0;
     const char* virname = nullptr;
     MessageSink log;
     cl_error_t r = CallEngine(&ctx, &virname, &log);

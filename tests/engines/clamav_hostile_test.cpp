@@ -57,8 +57,10 @@ Bytes CutDirectory(Bytes zip) {
 
 // The archive with every member marked encrypted (the contents left as they are).
 Bytes MarkEncrypted(Bytes zip) {
-    for (size_t i = Find(zip, "PK\3\4"); i < zip.size(); i = Find(zip, "PK\3\4", i + 4)) zip[i + 6] |= 1;
-    for (size_t i = Find(zip, "PK\1\2"); i < zip.size(); i = Find(zip, "PK\1\2", i + 4)) zip[i + 8] |= 1;
+    for (size_t i = Find(zip, "PK\3\4"); i < zip.size(); i = Find(zip, "PK\3\4", i + 4))
+        zip[i + 6] |= 1;
+    for (size_t i = Find(zip, "PK\1\2"); i < zip.size(); i = Find(zip, "PK\1\2", i + 4))
+        zip[i + 8] |= 1;
     return zip;
 }
 
@@ -121,7 +123,8 @@ TEST_F(ClamavHostile, ObjectsNotLookedIntoAreNeverClean) {
         {"deflated zip, cut directory",
          CutDirectory(DeflatedZip({{"e.com", ToBytes(Eicar() + std::string(200, '\n'))}})), true,
          14, "could be opened"},
-        {"zip member over SCANLIMIT", DeflatedZip({{"a.txt", big}}), true, 14, "SCANLIMIT", 1000000},
+        {"zip member over SCANLIMIT", DeflatedZip({{"a.txt", big}}), true, 14, "SCANLIMIT",
+         1000000},
         {"zip of a tiny member", StoredZip({{"a.txt", ToBytes("abc")}}), true, 0, ""},
     };
     Scanner s(*adapter_, engine_);
