@@ -408,7 +408,7 @@ cl_error_t ScanJob::CallEngine(ScanContext* ctx, const char** virname, MessageSi
 void ScanJob::Run() {
     if (rc_ != kOk || SizeOf(memory_, param_, source_) == 0) return;
     ScanContext ctx;
-    ctx.maxFileSize = s_.limits.maxFileSize;
+    ctx.maxFileSize = limit_.bytes;
     ctx.allEmbedded = s_.allEmbedded;
     ctx.wantObjects = cb_ != nullptr && cb_->pfnCallback != nullptr &&
                       (cb_->uiMessageMask & VS_M_OBJECTFOUND) != 0;
