@@ -76,10 +76,11 @@ bool IsArchive(const std::string& type) {
 // object embedded in it, and so on.
 struct Layer {
     std::string type;
-    bool scanned = false;  // false: the engine's cache of clean objects answered
-    uint32_t opened = 0;   // embedded objects the engine opened in it
-    uint32_t listed = 0;   // members its directory lists
-    uint32_t sizable = 0;  // of those, members large enough to be scanned
+    bool normalized = false;  // the parser's own rewrite of content it opened (HTML scripts)
+    bool scanned = false;     // false: the engine's cache of clean objects answered
+    uint32_t opened = 0;      // embedded objects the engine opened in it
+    uint32_t listed = 0;      // members its directory lists
+    uint32_t sizable = 0;     // of those, members large enough to be scanned
 };
 
 // libclamav does not scan objects this small (not even to report them).
@@ -114,7 +115,7 @@ void AddUnique(std::vector<std::string>& v, const std::string& s) {
 bool ScanContext::Judge(const Layer& l) {
     if (!l.scanned) return false;  // found clean before, with everything opened
     const char* what = layers.empty() ? "this" : "an embedded";
-    if (!allEmbedded && !CleanWithoutExtraction(l.type)) {
+    if (!allEmbedded && !l.normalized && !CleanWithoutExtraction(l.type)) {
         AddUnique(notOpened, std::string("Not scanned: the contents of ") + what + " " + l.type +
                                  " object were not extracted (SCANALLEMBEDDED is off)");
         return true;
@@ -161,13 +162,15 @@ void OnVirusFound(int /*fd*/, const char* name, void* context) {
 
 cl_error_t OnInspect(int /*fd*/, const char* type, const char** /*ancestors*/,
                      size_t /*parentSize*/, const char* fileName, size_t fileSize,
-                     const char* /*buffer*/, uint32_t level, uint32_t /*attributes*/,
-                     void* context) {
+                     const char* /*buffer*/, uint32_t level, uint32_t attributes, void* context) {
     auto* c = static_cast<ScanContext*>(context);
     if (c == nullptr) return CL_CLEAN;
     c->Leave(level);
     if (!c->layers.empty()) ++c->layers.back().opened;
-    c->layers.push_back(Layer{type != nullptr ? type : "CL_TYPE_ANY"});
+    Layer layer;
+    layer.type = type != nullptr ? type : "CL_TYPE_ANY";
+    layer.normalized = (attributes & LAYER_ATTRIBUTES_NORMALIZED) != 0;
+    c->layers.push_back(layer);
     if (level == 0) {
         if (c->topType.empty() && type != nullptr) c->topType = type;
         return CL_CLEAN;

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -119,6 +120,9 @@ TEST_F(ClamavHostile, ObjectsNotLookedIntoAreNeverClean) {
         {"rtf, embedded on", RtfWithObject(Eicar()), true, -2, ""},
         {"rtf without object, embedded off", ToBytes("{\\rtf1 plain}"), false, 14, "CL_TYPE_RTF"},
         {"zip in binary data, embedded off", binary, false, 14, "SCANALLEMBEDDED"},
+        {"html with a script, embedded off",
+         ToBytes("<html><script>var a = 1; document.write(a);</script><p>x</p></html>"), false, 0,
+         ""},
         {"zip, cut directory", CutDirectory(zip), true, 14, "could be opened"},
         {"deflated zip, cut directory",
          CutDirectory(DeflatedZip({{"e.com", ToBytes(Eicar() + std::string(200, '\n'))}})), true,
@@ -179,6 +183,22 @@ TEST_F(ClamavHostile, ObjectsWhoseSizeReadsZeroAreRead) {
     ASSERT_TRUE(execed);
     EXPECT_EQ(-2, rc);
     EXPECT_TRUE(Contains(s.Infections(), "Kormo.Test.Marker"));
+}
+
+// A FIFO whose writer never finishes ends within the time limit, not scanned.
+TEST_F(ClamavHostile, FifoThatNeverEndsIsNotScanned) {
+    TempDir dir;
+    const std::string fifo = dir.File("fifo");
+    ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+    int writer = open(fifo.c_str(), O_RDWR);  // a writer that stays
+    ASSERT_GE(writer, 0);
+    ASSERT_EQ(static_cast<ssize_t>(Eicar().size()), write(writer, Eicar().data(), Eicar().size()));
+    auto o = Options();
+    o->SetNumber(VS_P_SCANEXTRACT_TIME, 200);
+    Scanner s(*adapter_, engine_);
+    EXPECT_EQ(14, s.File(fifo, o->Get()));
+    EXPECT_TRUE(s.ScanErrorHas("SCANEXTRACT_TIME"));
+    close(writer);
 }
 
 // libclamav logs that it cannot create its scan directory and answers clean.
