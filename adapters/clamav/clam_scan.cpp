@@ -65,11 +65,12 @@ bool CleanWithoutExtraction(const std::string& type) {
 // was not looked into (a cut or missing directory, a format it cannot read).
 bool IsArchive(const std::string& type) {
     return OneOf(type,
-                 {"CL_TYPE_ZIP",       "CL_TYPE_RAR",      "CL_TYPE_7Z",        "CL_TYPE_GZ",
-                  "CL_TYPE_BZ",        "CL_TYPE_XZ",       "CL_TYPE_POSIX_TAR", "CL_TYPE_OLD_TAR",
-                  "CL_TYPE_ARJ",       "CL_TYPE_MSCAB",    "CL_TYPE_CPIO_OLD",  "CL_TYPE_CPIO_ODC",
-                  "CL_TYPE_CPIO_NEWC", "CL_TYPE_CPIO_CRC", "CL_TYPE_ISO9660",   "CL_TYPE_DMG",
-                  "CL_TYPE_XAR",       "CL_TYPE_EGG",      "CL_TYPE_LHA_LZH",   "CL_TYPE_UDF"});
+                 {"CL_TYPE_ZIP",        "CL_TYPE_RAR",      "CL_TYPE_7Z",        "CL_TYPE_GZ",
+                  "CL_TYPE_BZ",         "CL_TYPE_XZ",       "CL_TYPE_POSIX_TAR", "CL_TYPE_OLD_TAR",
+                  "CL_TYPE_ARJ",        "CL_TYPE_MSCAB",    "CL_TYPE_CPIO_OLD",  "CL_TYPE_CPIO_ODC",
+                  "CL_TYPE_CPIO_NEWC",  "CL_TYPE_CPIO_CRC", "CL_TYPE_ISO9660",   "CL_TYPE_DMG",
+                  "CL_TYPE_XAR",        "CL_TYPE_EGG",      "CL_TYPE_LHA_LZH",   "CL_TYPE_UDF",
+                  "CL_TYPE_OOXML_WORD", "CL_TYPE_OOXML_XL", "CL_TYPE_OOXML_PPT"});
 }
 
 // One object of the chain libclamav is in: the object itself (level 0), an
