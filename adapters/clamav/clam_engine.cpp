@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace clampel {
@@ -20,27 +21,34 @@ void InstallScanCallbacks(cl_engine* engine);  // clam_scan.cpp
 
 namespace {
 
-thread_local std::string* tlsMessages = nullptr;
+thread_local MessageSink* tlsMessages = nullptr;
 
+// libclamav reports some failures only here (a temporary directory it cannot
+// create, a file it cannot write) and still returns a verdict: errors are
+// flagged so the scan can refuse to call the object clean.
 void OnMessage(enum cl_msg severity, const char* /*fullmsg*/, const char* msg, void* /*ctx*/) {
     if (tlsMessages == nullptr || msg == nullptr || severity < CL_MSG_WARN) return;
     std::string line(msg);
     while (!line.empty() && (line.back() == '\n' || line.back() == ' ')) line.pop_back();
     if (line.empty()) return;
-    if (!tlsMessages->empty()) *tlsMessages += "; ";
-    *tlsMessages += line;
+    std::string& text = severity >= CL_MSG_ERROR ? tlsMessages->errors : tlsMessages->text;
+    if (!text.empty()) text += "; ";
+    text += line;
 }
 
 // Collects libclamav's messages on this thread for the lifetime of the object.
 class MessageCapture {
   public:
-    MessageCapture() : previous_(tlsMessages) { tlsMessages = &text_; }
+    MessageCapture() : previous_(tlsMessages) { tlsMessages = &sink_; }
     ~MessageCapture() { tlsMessages = previous_; }
-    const std::string& Text() const { return text_; }
+    std::string Text() const {
+        if (sink_.errors.empty() || sink_.text.empty()) return sink_.errors + sink_.text;
+        return sink_.errors + "; " + sink_.text;
+    }
 
   private:
-    std::string* previous_;
-    std::string text_;
+    MessageSink* previous_;
+    MessageSink sink_;
 };
 
 bool IsDatabaseFile(const std::string& name) {
@@ -67,8 +75,8 @@ void InstallMessageHandler() {
     cl_set_clcb_msg(OnMessage);
 }
 
-std::string* SwapMessageSink(std::string* sink) {
-    std::string* previous = tlsMessages;
+MessageSink* SwapMessageSink(MessageSink* sink) {
+    MessageSink* previous = tlsMessages;
     tlsMessages = sink;
     return previous;
 }
@@ -173,6 +181,11 @@ int Engine::Load(const PEL_INITPARAMS* params) {
     std::string dir = ParamText(params, VS_P_INITDRIVERDIRECTORY, DefaultDbDir());
     if (dir.empty()) dir = DefaultDbDir();
     std::string tmp = ParamText(params, VS_P_INITTEMP_PATH, "");
+    tmpDir_ = tmp;
+    if (tmpDir_.empty()) {
+        const char* env = std::getenv("TMPDIR");
+        tmpDir_ = env != nullptr && env[0] == '/' ? env : "/tmp";
+    }
     const std::string hint =
         " Run freshclam to download the ClamAV databases, or set INITDRIVERDIRECTORY to a "
         "directory that holds signature files (.cvd, .cld, .hdb, .ndb, .ldb, ...).";

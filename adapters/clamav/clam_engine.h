@@ -69,8 +69,11 @@ class Engine {
     int Fail(int rc, int vendorRc, const std::string& text);
     void ListDrivers(const std::string& dir);
 
+    friend class ScanJob;  // clam_scan.cpp: the scan of one object
+
     Block block_;
     cl_engine* engine_ = nullptr;
+    std::string tmpDir_;  // INITTEMP_PATH, else $TMPDIR, else /tmp
     EngineDefaults defaults_;
     LimitsGate gate_;
     MagicPool magic_;
@@ -84,9 +87,15 @@ class Engine {
 // (database load, scans); lines outside are dropped. Installed once.
 void InstallMessageHandler();
 
+// libclamav's log lines of one thread: errors apart from warnings.
+struct MessageSink {
+    std::string errors;
+    std::string text;
+};
+
 // Sets the calling thread's sink for libclamav's log lines (null: none) and
 // returns the previous one.
-std::string* SwapMessageSink(std::string* sink);
+MessageSink* SwapMessageSink(MessageSink* sink);
 
 }  // namespace clampel
 
