@@ -314,21 +314,6 @@ TEST_F(Clamav, PolicyBlocksByTypeExtensionAndUnextractedArchives) {
 }
 
 // Heuristic level 2 reports archives it cannot open (encrypted members).
-TEST_F(Clamav, HeuristicLevelReportsEncryptedArchives) {
-    Bytes zip = StoredZip({{"secret.txt", ToBytes("hidden words\n")}});
-    zip[6] |= 1;  // the member's "encrypted" flag, local header
-    for (size_t i = 0; i + 4 <= zip.size(); ++i) {
-        if (zip[i] == 'P' && zip[i + 1] == 'K' && zip[i + 2] == 1 && zip[i + 3] == 2) zip[i + 8] |= 1;
-    }
-    Scanner s(*e_->adapter, in_);
-    auto level = Options();
-    level->SetNumber(VS_P_SCANHEURISTICLEVEL, 2);
-    EXPECT_EQ(-2, s.Bytes(zip, "secret.zip", level->Get()));
-    EXPECT_TRUE(Contains(s.Infections(), "Heuristics.Encrypted")) << s.Infections().size();
-    level->SetNumber(VS_P_SCANHEURISTICLEVEL, 0);
-    EXPECT_NE(-2, s.Bytes(zip, "secret.zip", level->Get()));
-}
-
 TEST_F(Clamav, InstancesScanConcurrentlyWithTheirOwnLimits) {
     Bytes nested = NestedZip(ToBytes("y " + Marker()), 4);
     Bytes eicar = ToBytes(Eicar());
