@@ -126,6 +126,34 @@ const char* MavCInfectionException::what() const noexcept {
 
 // ---- MavInstance ----------------------------------------------------------------------
 
+// What a scan of a profile instance without C instances leaves to read: not
+// scanned, one scan error naming the profile and the object.
+struct MavNoEngineResult {
+    std::string text;
+    std::string object;
+    PEL_SCANERROR error{};
+    PEL_SCANINFO info{};
+
+    static PEL_SCANINFO* Record(MavInstance& mi, const char* object) {
+        if (!mi.noEngine) mi.noEngine.reset(new MavNoEngineResult);
+        MavNoEngineResult& r = *mi.noEngine;
+        r.text = noEngineText(mi.profileName);
+        r.object = object != nullptr ? object : "";
+        r.error = PEL_SCANERROR{};
+        r.error.struct_size = sizeof(PEL_SCANERROR);
+        r.error.iErrorRC = MAV_E_NOT_SCANNED;
+        r.error.pszErrorText = &r.text[0];
+        r.error.pszObjectName = &r.object[0];
+        r.info = PEL_SCANINFO{};
+        r.info.struct_size = sizeof(PEL_SCANINFO);
+        r.info.uiNotScanned = 1;
+        r.info.uiScanErrors = 1;
+        r.info.pScanError = &r.error;
+        return &r.info;
+    }
+    static PEL_SCANINFO* Peek(MavInstance& mi) { return mi.noEngine ? &mi.noEngine->info : nullptr; }
+};
+
 MavInstance::MavInstance(int linkage_)
     : linkage(linkage_), current(0), scanInfo(), mavHandle(nullptr) {
     scanInfo.struct_size = 32;
@@ -257,10 +285,22 @@ extern "C" MAV_RC MavIXScanClean(void* mavInstance, uint32_t scanCode, uint32_t 
     if (list.empty()) {
         // No provider gave an instance: no engine judged the object.
         MAV_TRC_E("%s\n", noEngineText(mi->getProfileName()).c_str());
+        try {
+            mav::MavNoEngineResult::Record(*mi, objectNameUtf8 != nullptr ? objectNameUtf8
+                                                                           : objectName);
+        } catch (const std::bad_alloc&) {
+            // The verdict stands without its scan error.
+        }
         return MAV_E_NOT_SCANNED;
     }
     return WalkSteps(list, mi->getLinkage(), [&](size_t i) {
         return MavScanClean(list[i], scanCode, actionCode, objectNameUtf8, objectName, bytes,
                             length, jobId, scanInfo);
     });
+}
+
+extern "C" PEL_SCANINFO* MavIXProfileScanInfo(void* mavInstance) {
+    mav::MavInstance* mi = static_cast<mav::MavInstance*>(mavInstance);
+    return mi != nullptr && mi->getCInstances().empty() ? mav::MavNoEngineResult::Peek(*mi)
+                                                        : nullptr;
 }

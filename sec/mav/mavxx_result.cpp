@@ -37,6 +37,12 @@ MAV_INST_REC* ResultInstance(void* hdl, MAV_RC* rc) {
 // Common checks of the three enumerators; returns the result record. Traces
 // under the enumerator's name.
 PEL_SCANINFO* ScanInfoOf(void* hdl, MAV_RC* rc, const char* func) {
+    if (MavIXRecKind(hdl) == MAV_REC_PROFILE && MavIGetInst(hdl) == nullptr) {
+        // A profile instance that reached no engine: its own "not scanned".
+        PEL_SCANINFO* si = MavIXProfileScanInfo(static_cast<MAV_INST_REC*>(hdl)->pProfileInst);
+        if (si == nullptr) *rc = MAV_E_NO_SCANINFO;
+        return si;
+    }
     MAV_INST_REC* inst = ResultInstance(hdl, rc);
     if (inst == nullptr) return nullptr;
     if (inst->pScanInfo == nullptr) {

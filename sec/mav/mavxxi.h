@@ -493,6 +493,9 @@ MAV_LOCAL MAV_RC MavIXScanClean(void* mavInstance, uint32_t scanCode, uint32_t a
                                 MAV_SCANINFO* scanInfo);
 MAV_LOCAL MAV_RC MavIXFreeProfileInst(void* mavInstance);
 MAV_LOCAL MAV_INST_REC* MavIXGetInstanceHandleFromProfile(void* mavInstance);
+// The results of a profile instance that reached no engine: one scan error
+// naming the profile (null before such a scan).
+MAV_LOCAL PEL_SCANINFO* MavIXProfileScanInfo(void* mavInstance);
 
 } // extern "C"
 

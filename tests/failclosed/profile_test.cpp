@@ -151,6 +151,17 @@ TEST_F(FailClosedProfile, NoVerdictWithoutAnEngine) {
         unsigned char bytes[] = "abc";
         EXPECT_EQ(MavScanBytes(h, "b", bytes, 3, 0, nullptr), MAV_E_NOT_SCANNED);
         EXPECT_EQ(MavScanFile(h, file.c_str(), 0, nullptr), MAV_E_NOT_SCANNED);
+        // The C caller reads why: one scan error naming the profile and the object.
+        uint32_t code = 0;
+        char text[256], object[256];
+        size_t textLen = sizeof text, objectLen = sizeof object;
+        ASSERT_EQ(MavEnumScanErrors(h, 0, &code, text, &textLen, object, &objectLen, nullptr),
+                  MAV_OK);
+        EXPECT_EQ(code, static_cast<uint32_t>(MAV_E_NOT_SCANNED));
+        EXPECT_NE(std::string(text).find(std::string(">") + name + "<"), std::string::npos);
+        EXPECT_EQ(std::string(object), file);
+        EXPECT_EQ(MavEnumScanErrors(h, 1, &code, text, &textLen, nullptr, nullptr, nullptr),
+                  MAV_E_INVALID_ENUM_INDEX);
         EXPECT_EQ(MavFreeInstance(&h), MAV_OK);
         EXPECT_EQ(TraceCapture::CountContaining(std::string(">") + name + "<"), 2);
         std::unique_ptr<mav::MavInstance> mi = mav::MavInstance::createInstance(name);

@@ -38,6 +38,8 @@
 
 namespace mav {
 
+struct MavNoEngineResult;
+
 /* ---- Properties reader ---------------------------------------------------- */
 
 /* Line-based key=value reader. Every space and tab of a line is removed; lines
@@ -266,6 +268,9 @@ class MAV_CLASS MavInstance {
     MAV_SCANINFO scanInfo;
     MAV_HANDLE mavHandle;
     std::string profileName;
+    /* The scan error of the last scan when no engine could be reached. */
+    std::unique_ptr<MavNoEngineResult> noEngine;
+    friend struct MavNoEngineResult;
 };
 
 /* ---- Providers, groups, profiles --------------------------------------------------- */
