@@ -17,6 +17,7 @@
 #include "clam_common.h"
 #include "clam_engine.h"
 #include "kormopel.h"
+#include "pel_entry.h"
 #include "pel_init.h"
 
 namespace clampel {
@@ -90,61 +91,20 @@ int Start() {
     return kOk;
 }
 
+// The entry points, over the common frame (pel_entry.h).
+struct Adapter {
+    using Owner = Engine;
+    static constexpr uint32_t kResultMark = clampel::kResultMark;
+    static int Start() { return clampel::Start(); }
+    static PEL_CONFIG* Config() { return &G().config; }
+    static int Create(const PEL_INITPARAMS* params, Engine** owner) {
+        return Engine::Create(params, G().defaults, owner);
+    }
+    static void Stop() {}
+    static FailedInits<Engine>& Failed() { return G().failed; }
+};
+
 }  // namespace
 }  // namespace clampel
 
-using namespace clampel;
-
-extern "C" {
-
-PEL_EXPORT int PelStartup(void) {
-    try {
-        return Start();
-    } catch (...) {
-        return kNoSpace;
-    }
-}
-
-PEL_EXPORT int PelGetConfig(PEL_CONFIG** ppConfig) {
-    if (ppConfig == nullptr) return kNullParam;
-    int rc = PelStartup();
-    *ppConfig = rc == kOk ? &G().config : nullptr;
-    return rc;
-}
-
-PEL_EXPORT int PelInit(PEL_CALLBACK* /*pCallback*/, PEL_INITPARAMS* pInitParams,
-                       PEL_INIT** ppInit) {
-    if (ppInit == nullptr) return kNullParam;
-    *ppInit = nullptr;
-    try {
-        int rc = PelStartup();
-        if (rc != kOk) return rc;
-        Engine* engine = nullptr;
-        rc = Engine::Create(pInitParams, G().defaults, &engine);
-        return G().failed.HandOut(engine, rc, ppInit);
-    } catch (...) {
-        return kNoSpace;
-    }
-}
-
-PEL_EXPORT int PelScan(PEL_INIT* pInit, PEL_CALLBACK* pCallback, PEL_SCANPARAM* pScanParam,
-                       PEL_OPTPARAMS* pOptParams, PEL_SCANINFO** ppScanInfo) {
-    return ScanOn<Engine>(pInit, ppScanInfo, [&](Engine* engine) {
-        return engine->Scan(pCallback, pScanParam, pOptParams, ppScanInfo);
-    });
-}
-
-PEL_EXPORT int PelReleaseScan(PEL_SCANINFO** ppScanInfo) {
-    return ReleaseScan(ppScanInfo, kResultMark);
-}
-
-PEL_EXPORT int PelEnd(PEL_INIT** ppInit, PEL_CONFIG** /*ppConfig*/) {
-    return G().failed.End(ppInit);
-}
-
-PEL_EXPORT int PelCleanup(void) {
-    G().failed.Cleanup();
-    return kOk;
-}
-
-}  // extern "C"
+PEL_DEFINE_ENTRY_POINTS(clampel::Adapter)

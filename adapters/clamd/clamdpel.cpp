@@ -29,6 +29,7 @@
 #include "clamd_client.h"
 #include "kormopel.h"
 #include "pel_trace.h"
+#include "pel_entry.h"
 #include "pel_farm.h"
 #include "pel_init.h"
 #include "pel_params.h"
@@ -558,60 +559,24 @@ void Build() {
     g.built = true;
 }
 
+// The entry points, over the common frame (pel_entry.h).
+struct Adapter {
+    using Owner = Instance;
+    static constexpr uint32_t kResultMark = clamdpel::kResultMark;
+    static int Start() {
+        Build();
+        return kOk;
+    }
+    static PEL_CONFIG* Config() { return &G().config; }
+    static int Create(const PEL_INITPARAMS* params, Instance** owner) {
+        *owner = new Instance();
+        return (*owner)->Start(params);
+    }
+    static void Stop() {}
+    static FailedInits<Instance>& Failed() { return G().failed; }
+};
+
 }  // namespace
 }  // namespace clamdpel
 
-using namespace clamdpel;
-
-extern "C" {
-
-PEL_EXPORT int PelStartup(void) {
-    try {
-        Build();
-        return kOk;
-    } catch (...) {
-        return kNoSpace;
-    }
-}
-
-PEL_EXPORT int PelGetConfig(PEL_CONFIG** ppConfig) {
-    if (ppConfig == nullptr) return kNullParam;
-    int rc = PelStartup();
-    *ppConfig = rc == kOk ? &G().config : nullptr;
-    return rc;
-}
-
-PEL_EXPORT int PelInit(PEL_CALLBACK* /*pCallback*/, PEL_INITPARAMS* pInitParams,
-                       PEL_INIT** ppInit) {
-    if (ppInit == nullptr) return kNullParam;
-    *ppInit = nullptr;
-    try {
-        auto* inst = new Instance();
-        int rc = inst->Start(pInitParams);
-        return G().failed.HandOut(inst, rc, ppInit);
-    } catch (...) {
-        return kNoSpace;
-    }
-}
-
-PEL_EXPORT int PelScan(PEL_INIT* pInit, PEL_CALLBACK* pCallback, PEL_SCANPARAM* pScanParam,
-                       PEL_OPTPARAMS* pOptParams, PEL_SCANINFO** ppScanInfo) {
-    return ScanOn<Instance>(pInit, ppScanInfo, [&](Instance* inst) {
-        return inst->Scan(pCallback, pScanParam, pOptParams, ppScanInfo);
-    });
-}
-
-PEL_EXPORT int PelReleaseScan(PEL_SCANINFO** ppScanInfo) {
-    return ReleaseScan(ppScanInfo, kResultMark);
-}
-
-PEL_EXPORT int PelEnd(PEL_INIT** ppInit, PEL_CONFIG** /*ppConfig*/) {
-    return G().failed.End(ppInit);
-}
-
-PEL_EXPORT int PelCleanup(void) {
-    G().failed.Cleanup();
-    return kOk;
-}
-
-}  // extern "C"
+PEL_DEFINE_ENTRY_POINTS(clamdpel::Adapter)
