@@ -291,7 +291,7 @@ class JsonTest(unittest.TestCase):
         self.assertEqual([EICAR_NAME, MARKER_NAME], sorted(i["name"] for i in objs[0]["infections"]))
 
     def test_names_cannot_forge_results(self):
-        name = put('odd/qu"ote\\back\tand\x01ctl \xe9.txt'.encode().decode(), b"fine\n")
+        name = put('odd/qu"ote\\back\tand\x01ctl\x1f \xe9.txt'.encode().decode(), b"fine\n")
         forged = os.path.join(path("odd").encode(), b"x\nforged: OK")
         raw = os.path.join(path("odd").encode(), b"bad\xffbyte.txt")
         look_alike = put("odd/bad\u00ffbyte.txt", b"fine\n")  # U+00FF, not the byte 0xFF
