@@ -25,6 +25,7 @@
 #include "icap_verdict.h"
 #include "kormopel.h"
 #include "pel_entry.h"
+#include "pel_trace.h"
 #include "pel_farm.h"
 #include "pel_init.h"
 #include "pel_params.h"
@@ -367,6 +368,9 @@ int Instance::Scan(const PEL_CALLBACK* cb, PEL_SCANPARAM* param, PEL_OPTPARAMS* 
     if (engineError.empty()) {
         result->SetContent(NameExtension(name), "", "");
         Verdict v = Ask(name, src, &reply, &server);
+        PEL_TRACE(pel::kTraceInfo, "icap %s: %s: %s\n", server.empty() ? "-" : server.c_str(),
+                  name.empty() ? "(memory)" : name.c_str(),
+                  v.kind == Verdict::kFailed ? v.error.c_str() : reply.statusLine.c_str());
         if (v.kind == Verdict::kClean) {
             rc = kOk;
         } else if (v.kind != Verdict::kFound) {
