@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "mavprofile_i.h"
+#include "mavxxi.h"
 #include "temp_dir.h"
 #include "testpel_client.h"
 

@@ -254,7 +254,7 @@ MAV_RC MavIXFreeInst(MAV_INST_REC** pinst) {
     }
     inst->pCfg = nullptr;
     if (inst->pProfileInst != nullptr) {
-        MavIXFreeProfileInst(inst->pProfileInst);
+        MavIXProfileOps()->pfnFree(inst->pProfileInst);
         inst->pProfileInst = nullptr;
     }
     MavIXFreeRec(inst);  // the PEL_SCANPARAM lives in the same block

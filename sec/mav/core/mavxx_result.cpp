@@ -39,7 +39,8 @@ MAV_INST_REC* ResultInstance(void* hdl, MAV_RC* rc) {
 PEL_SCANINFO* ScanInfoOf(void* hdl, MAV_RC* rc, const char* func) {
     if (MavIXRecKind(hdl) == MAV_REC_PROFILE && MavIGetInst(hdl) == nullptr) {
         // A profile instance that reached no engine: its own "not scanned".
-        PEL_SCANINFO* si = MavIXProfileScanInfo(static_cast<MAV_INST_REC*>(hdl)->pProfileInst);
+        PEL_SCANINFO* si =
+            MavIXProfileOps()->pfnNoEngineResult(static_cast<MAV_INST_REC*>(hdl)->pProfileInst);
         if (si == nullptr) *rc = MAV_E_NO_SCANINFO;
         return si;
     }

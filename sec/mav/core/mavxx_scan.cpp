@@ -374,8 +374,9 @@ MAV_API MAV_RC MavScanClean(void* hdl, uint32_t scanCode, uint32_t actionCode,
     if (__builtin_expect(!IsInstance(inst), 0)) {
         if (IsProfileInstance(inst)) {
             if (inst->pProfileInst == nullptr) return MAV_E_INVALID_HANDLE;
-            return MavIXScanClean(inst->pProfileInst, scanCode, actionCode, objectNameUtf8,
-                                  objectName, bytes, length, jobId, scanInfo);
+            return MavIXProfileOps()->pfnScanClean(inst->pProfileInst, scanCode, actionCode,
+                                                   objectNameUtf8, objectName, bytes, length,
+                                                   jobId, scanInfo);
         }
         MAV_TRC_E("%s: Invalid NULL parameter for instance handle\n", __func__);
         return MAV_E_INVALID_HANDLE;

@@ -21,8 +21,7 @@
 #include "kormomav.h"
 #include "kormopel.h"
 #include "krnthr.h"
-
-#define MAV_LOCAL __attribute__((visibility("hidden")))
+#include "mavxxseam.h"  // MAV_LOCAL, the profile runtime's table, MavIAlloc/MavIFree
 
 extern "C" {
 
@@ -287,10 +286,8 @@ MAV_LOCAL void KrnDlForkUnlock(void);
 MAV_LOCAL void* MavPXAlloc(size_t size, int clean, const char* tag);
 MAV_LOCAL void* MavPXRealloc(void* ptr, size_t size, const char* tag);
 MAV_LOCAL void MavPXFree(void* ptr);
-// Through the current hooks, tag "mav".
-MAV_LOCAL void* MavIAlloc(size_t size, bool clean);
+// Through the current hooks, tag "mav" (MavIAlloc and MavIFree: mavxxseam.h).
 MAV_LOCAL void* MavIRealloc(void* ptr, size_t size);
-MAV_LOCAL void MavIFree(void* ptr);
 // *length: in, the source's byte count ((size_t)-1: up to its NUL); out, the
 // converted length. MAV_E_BUFFER_TOO_SHORT when the text and its terminator do
 // not fit destSize, MAV_E_CONVERSION_FAILED for any other failure.
@@ -485,17 +482,13 @@ MAV_LOCAL MAV_RC MavPXBytesToTempFile(const unsigned char* bytes, size_t length,
                                       const char* directory, char* name, char** pathOut);
 MAV_LOCAL const char* MavPXGetDefaultTmpPath(void);
 
-// ---- Profile runtime (mavprofile_*.cpp) ------------------------------------------------
-// Scan through a profile instance's C instances (linkage rules); never throws.
-MAV_LOCAL MAV_RC MavIXScanClean(void* mavInstance, uint32_t scanCode, uint32_t actionCode,
-                                const char* objectNameUtf8, const KORMO_CHAR* objectName,
-                                unsigned char* bytes, size_t* length, uint32_t jobId,
-                                MAV_SCANINFO* scanInfo);
-MAV_LOCAL MAV_RC MavIXFreeProfileInst(void* mavInstance);
-MAV_LOCAL MAV_INST_REC* MavIXGetInstanceHandleFromProfile(void* mavInstance);
-// The results of a profile instance that reached no engine: one scan error
-// naming the profile (null before such a scan).
-MAV_LOCAL PEL_SCANINFO* MavIXProfileScanInfo(void* mavInstance);
+// ---- Profile instances (mavxxi_seam.cpp) -----------------------------------------------
+// The profile runtime's table (mavxxseam.h); null until it registered one. A
+// profile instance record exists only after that.
+extern MAV_LOCAL std::atomic<const MAV_PROFILE_OPS*> mavProfileOps;
+inline const MAV_PROFILE_OPS* MavIXProfileOps() {
+    return mavProfileOps.load(std::memory_order_acquire);
+}
 
 } // extern "C"
 

@@ -277,8 +277,8 @@ MAV_INST_REC* MavIGetInst(void* p) {
         case MAV_REC_INSTANCE:
             return static_cast<MAV_INST_REC*>(p);
         case MAV_REC_PROFILE: {
-            MAV_INST_REC* inst =
-                MavIXGetInstanceHandleFromProfile(static_cast<MAV_INST_REC*>(p)->pProfileInst);
+            MAV_INST_REC* inst = static_cast<MAV_INST_REC*>(
+                MavIXProfileOps()->pfnCurrentInstance(static_cast<MAV_INST_REC*>(p)->pProfileInst));
             return MavIXRecKind(inst) == MAV_REC_INSTANCE ? inst : nullptr;
         }
         default:

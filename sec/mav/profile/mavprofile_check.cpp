@@ -126,15 +126,15 @@ Check classify(const std::string& key, const std::string& value) {
 namespace mav {
 
 void MavIXCheckConfiguration(const char* configName) {
-    if (!MavITraceOn(MAV_TRC_WARNING)) return;
+    if (!MavPTraceOn(MAV_TRC_WARNING)) return;
     for (const auto& kv : mav_properties.getMap()) {
         switch (classify(kv.first, kv.second)) {
             case kUnknown:
-                MAV_TRC_W("Configuration >%s<: unknown key >%s< ignored\n", configName,
+                MAVP_TRC_W("Configuration >%s<: unknown key >%s< ignored\n", configName,
                           kv.first.c_str());
                 break;
             case kIgnoredValue:
-                MAV_TRC_W("Configuration >%s<: value >%s< of key >%s< ignored\n", configName,
+                MAVP_TRC_W("Configuration >%s<: value >%s< of key >%s< ignored\n", configName,
                           kv.second.c_str(), kv.first.c_str());
                 break;
             case kKnown:

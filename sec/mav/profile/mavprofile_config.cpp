@@ -64,8 +64,15 @@ bool MavIXLastBuildCyclic() {
 
 void MavIXApplyParameters(MAV_INST inst, const std::vector<MavParameter*>& params) {
     for (const MavParameter* p : params) {
-        MAV_PARAM_ID id = {sizeof(MAV_PARAM_ID), p->getCode(), static_cast<int32_t>(p->getType())};
-        MavISetConfigValue(inst, &id, p->getValue());
+        // A name the library does not know, and a missing value of an adapter
+        // parameter, change nothing. A missing custom value switches it off.
+        int32_t code = p->getCode();
+        const KORMO_CHAR* name = MavParamCodeName(code);
+        if (name == nullptr || MavParamCode(name) != code) continue;
+        bool custom = code <= VS_P_CUST_ACTIVE_CONTENT && code >= VS_P_CUST_MIME_TYPES_ARE_BLACKLIST;
+        const KORMO_CHAR* value = p->getValue();
+        if (value == nullptr && !custom) continue;
+        MavSetParameter(inst, name, static_cast<int32_t>(p->getType()), value != nullptr ? value : "");
     }
 }
 
@@ -222,7 +229,7 @@ void MavGroup::getInstance(MavInstance& inst) {
                 return;
             }
             // No instance from this provider: the next one of the group stands in.
-            MAV_TRC_W("Provider >%s< of group >%s< gave no scan instance\n", pname.c_str(),
+            MAVP_TRC_W("Provider >%s< of group >%s< gave no scan instance\n", pname.c_str(),
                       name.c_str());
         }
         inst.setMavHandle(provider->getMavHandle());
@@ -305,7 +312,7 @@ void MavProfile::walk(MavInstance& inst, bool top, std::vector<const MavProfile*
         if (s == mav_profiles.end()) continue;
         MavProfile* sub = s->second;
         if (std::find(path.begin(), path.end(), sub) != path.end()) {
-            MAV_TRC_E("Profile >%s< refers to itself through profile >%s<\n",
+            MAVP_TRC_E("Profile >%s< refers to itself through profile >%s<\n",
                       path.front()->name.c_str(), entry.c_str());
             cycle = true;
             continue;
@@ -338,7 +345,7 @@ MavInstance* MavProfile::getInstance() {
     bool cycle = false;
     walk(*inst, true, path, cycle);
     if (cycle) {
-        MAV_TRC_E("Profile >%s< is not valid: it refers to itself\n", name.c_str());
+        MAVP_TRC_E("Profile >%s< is not valid: it refers to itself\n", name.c_str());
         Note(failed, true);
         tlsLastBuildCyclic = true;
         return nullptr;
@@ -354,10 +361,9 @@ std::unique_ptr<MavInstance> MavProfile::getScanInstance() {
 MAV_INST MavProfile::getCInstance() {
     std::unique_ptr<MavInstance> inst(getInstance());
     if (!inst) return nullptr;
-    MAV_INST_REC* rec = MavIXAllocInstRec(true);
-    if (rec == nullptr) return nullptr;
-    rec->uiThreadId = ThrGetCurrentId();
-    rec->pProfileInst = inst.release();
+    MavIXRegisterProfileOps(&kProfileOps);
+    MAV_INST rec = MavIXNewProfileInst(inst.get());
+    if (rec != nullptr) inst.release();  // the record owns it now
     return rec;
 }
 

@@ -9,8 +9,26 @@
 #include <map>
 #include <string>
 
+#include "kormomav.h"
 #include "mavprofile.h"
-#include "mavxxi.h"
+#include "mavxxseam.h"
+
+// ---- Trace ------------------------------------------------------------------------
+// True when a line of this level bit is written (error lines whenever the
+// level is non-zero), as the library's trace writer decides it.
+inline bool MavPTraceOn(uint32_t bit) {
+    uint32_t l = MavGetTraceLevel();
+    return (l & bit) != 0 || ((bit & MAV_TRC_ERROR) != 0 && l != 0);
+}
+#define MAVP_TRC(bit, ...)                                                               \
+    do {                                                                                 \
+        if (MavPTraceOn(bit)) MavPPrintTrace((bit), __FILE__, __func__, __LINE__, __VA_ARGS__); \
+    } while (0)
+#define MAVP_TRC_E(...) MAVP_TRC(MAV_TRC_ERROR, __VA_ARGS__)
+#define MAVP_TRC_W(...) MAVP_TRC(MAV_TRC_WARNING, __VA_ARGS__)
+#define MAVP_TRC_ENTRY(...) MAVP_TRC(MAV_TRC_FUNCTION, __VA_ARGS__)
+#define MAVP_TRC_EXIT(rc) \
+    MAVP_TRC(MAV_TRC_FUNCTION, "<<  end  << %s(MAV_RC==%s) \n", __func__, MavErrorName(rc))
 
 // ---- Escapes (mavprofile_hex.cpp) -------------------------------------------------
 // Bytes of 0x80 and above as "\u00XX"; null or empty gives "".
@@ -52,7 +70,10 @@ MAV_LOCAL bool MavIXLastBuildCyclic();
 // as Active=True). Does nothing while the warning level is off.
 MAV_LOCAL void MavIXCheckConfiguration(const char* configName);
 
-// Sets every parameter on one C instance (MavISetConfigValue).
+// What the core calls on a profile instance (the functions at the end).
+extern MAV_LOCAL const MAV_PROFILE_OPS kProfileOps;
+
+// Sets every parameter on one C instance (MavSetParameter).
 MAV_LOCAL void MavIXApplyParameters(MAV_INST inst, const std::vector<MavParameter*>& params);
 
 }  // namespace mav
@@ -60,6 +81,20 @@ MAV_LOCAL void MavIXApplyParameters(MAV_INST inst, const std::vector<MavParamete
 extern "C" {
 // Worker of MavGetProfileInstance / MavGetProfileInstancePointer.
 MAV_LOCAL MAV_RC MavIXGetProfileInst(const char* profileName, MAV_INST* out);
+
+// The operations the core calls on a profile instance (MAV_PROFILE_OPS of
+// mavxxseam.h); mavInstance is the instance's mav::MavInstance.
+// Scan through a profile instance's C instances (linkage rules); never throws.
+MAV_LOCAL MAV_RC MavIXScanClean(void* mavInstance, uint32_t scanCode, uint32_t actionCode,
+                                const char* objectNameUtf8, const KORMO_CHAR* objectName,
+                                unsigned char* bytes, size_t* length, uint32_t jobId,
+                                MAV_SCANINFO* scanInfo);
+MAV_LOCAL MAV_RC MavIXFreeProfileInst(void* mavInstance);
+// The C instance that scanned last; null when there is none.
+MAV_LOCAL MAV_INST MavIXGetInstanceHandleFromProfile(void* mavInstance);
+// The results of a profile instance that reached no engine: one scan error
+// naming the profile (null before such a scan).
+MAV_LOCAL PEL_SCANINFO* MavIXProfileScanInfo(void* mavInstance);
 }
 
 #endif

@@ -24,14 +24,16 @@ std::string buildMessage(MAV_RC rc, const char* text, const char* object) {
     return "Scan error in object \"" + str(object) + "\": \"" + str(text) + "\"";
 }
 
-MAV_CFG* cfgOf(MAV_INST inst) {
-    return inst != nullptr ? MavIGetCfg(inst) : nullptr;
+// The scan policy of a C instance (zero when it has none).
+MAV_INST_POLICY policyOf(MAV_INST inst) {
+    MAV_INST_POLICY policy{};
+    MavIXGetInstPolicy(inst, &policy);
+    return policy;
 }
 
 // The instance accepts objects that were not scanned.
 bool notScannedAccepted(MAV_INST inst) {
-    MAV_CFG* cfg = cfgOf(inst);
-    return cfg != nullptr && MavICfgFlag(&cfg->bNotScannedAsWarning) == 1;
+    return policyOf(inst).bNotScannedAsWarning == 1;
 }
 
 // Text of the first infection (infection true) or scan error of the last scan;
@@ -193,15 +195,15 @@ std::unique_ptr<MavInstance> MavInstance::createInstance(const char* profileName
 MAV_RC MavInstance::walk(uint32_t scanCode, const char* fileName, unsigned char* bytes,
                          size_t* length, const char* object, bool alwaysInfo) {
     if (instances.empty()) {
-        MAV_TRC_E("%s\n", noEngineText(profileName).c_str());
+        MAVP_TRC_E("%s\n", noEngineText(profileName).c_str());
         handleReturnCode(MAV_E_NOT_SCANNED, object);  // throws: no engine, no verdict
     }
     MAV_RC rc = WalkSteps(instances, linkage, [&](size_t i) {
         MAV_INST inst = instances[i];
-        MAV_CFG* cfg = cfgOf(inst);
-        uint32_t action = cfg != nullptr ? MavICfgAction(cfg) : 0;
+        MAV_INST_POLICY policy = policyOf(inst);
+        uint32_t action = policy.uiAction;
         MAV_SCANINFO* info = &scanInfo;
-        if (!alwaysInfo && cfg != nullptr && MavICfgFlag(&cfg->bNoScanInfo) == 1) info = nullptr;
+        if (!alwaysInfo && policy.bNoScanInfo == 1) info = nullptr;
         current = static_cast<int32_t>(i);
         if (scanCode == VS_SC_FILE) {
             return MavScanClean(inst, VS_SC_FILE, action, nullptr, fileName, nullptr, nullptr, 0,
@@ -222,8 +224,7 @@ MAV_RC MavInstance::scan(const unsigned char* bytes, unsigned long length, const
     size_t len = length;
     bool cleans = false;
     for (MAV_INST inst : instances) {
-        MAV_CFG* cfg = cfgOf(inst);
-        if (cfg != nullptr && (MavICfgAction(cfg) & VS_A_CLEAN) != 0) cleans = true;
+        if ((policyOf(inst).uiAction & VS_A_CLEAN) != 0) cleans = true;
     }
     if (!cleans || bytes == nullptr) {
         return walk(VS_SC_BYTES, nullptr, const_cast<unsigned char*>(bytes), &len, objectName,
@@ -284,7 +285,7 @@ extern "C" MAV_RC MavIXScanClean(void* mavInstance, uint32_t scanCode, uint32_t 
     const std::vector<MAV_INST>& list = mi->getCInstances();
     if (list.empty()) {
         // No provider gave an instance: no engine judged the object.
-        MAV_TRC_E("%s\n", noEngineText(mi->getProfileName()).c_str());
+        MAVP_TRC_E("%s\n", noEngineText(mi->getProfileName()).c_str());
         try {
             mav::MavNoEngineResult::Record(*mi, objectNameUtf8 != nullptr ? objectNameUtf8
                                                                            : objectName);

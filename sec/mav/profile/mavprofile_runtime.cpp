@@ -116,7 +116,7 @@ extern "C" {
 
 MAV_API MAV_RC MavStartRuntime(const char* config, size_t length) {
     if (bRuntimeInit) return MAV_OK;
-    MAV_TRC_ENTRY(">> enter >> %s(%p,%d)\n", __func__, static_cast<const void*>(config),
+    MAVP_TRC_ENTRY(">> enter >> %s(%p,%d)\n", __func__, static_cast<const void*>(config),
                   static_cast<int>(length));
     char* configName = nullptr;
     try {
@@ -138,31 +138,31 @@ MAV_API MAV_RC MavStartRuntime(const char* config, size_t length) {
         }
         const char* shown = configName != nullptr ? configName : "";
         if (!read) {
-            MAV_TRC_E("MAV configuration file >%s< could not be read\n", shown);
+            MAVP_TRC_E("MAV configuration file >%s< could not be read\n", shown);
             MavIFree(configName);
             return MAV_E_NOT_INITIALISED;
         }
-        MAV_TRC_ENTRY(">> start >> %s(%s)\n", __func__, shown);
+        MAVP_TRC_ENTRY(">> start >> %s(%s)\n", __func__, shown);
         MavIXCheckConfiguration(shown);
         buildRuntimeObjects();
     } catch (const std::exception&) {
         // Out of memory half-way: nothing of this start stays.
         destroyRuntimeObjects();
         MavIFree(configName);
-        MAV_TRC_EXIT(MAV_E_NO_SPACE);
+        MAVP_TRC_EXIT(MAV_E_NO_SPACE);
         return MAV_E_NO_SPACE;
     }
     MavIFree(configName);
-    MAV_TRC_EXIT(MAV_OK);
+    MAVP_TRC_EXIT(MAV_OK);
     bRuntimeInit = true;
     return MAV_OK;
 }
 
 MAV_API MAV_RC MavStopRuntime(void) {
     if (!bRuntimeInit) return MAV_OK;
-    MAV_TRC_ENTRY(">> start >> %s()\n", __func__);
+    MAVP_TRC_ENTRY(">> start >> %s()\n", __func__);
     destroyRuntimeObjects();
-    MAV_TRC_EXIT(MAV_OK);
+    MAVP_TRC_EXIT(MAV_OK);
     bRuntimeInit = false;
     MavDeactivateTrace();
     return MAV_OK;
@@ -180,13 +180,13 @@ MAV_RC MavIXGetProfileInst(const char* profileName, MAV_INST* out) {
 
 MAV_API MAV_RC MavGetProfileInstance(const char* profileName, MAV_INST* pinst) {
     if (pinst == nullptr) {
-        MAV_TRC_E("Invalid NULL parameter for handle\n");
+        MAVP_TRC_E("Invalid NULL parameter for handle\n");
         return MAV_E_NULL_PARAM;
     }
     if (profileName != nullptr) {
-        MAV_TRC_ENTRY(">> start >> %s(%s,%p)\n", __func__, profileName, static_cast<void*>(pinst));
+        MAVP_TRC_ENTRY(">> start >> %s(%s,%p)\n", __func__, profileName, static_cast<void*>(pinst));
     } else {
-        MAV_TRC_ENTRY(">> start >> %s(NULL::default,%p)\n", __func__, static_cast<void*>(pinst));
+        MAVP_TRC_ENTRY(">> start >> %s(NULL::default,%p)\n", __func__, static_cast<void*>(pinst));
     }
     MAV_RC rc;
     try {
@@ -194,15 +194,15 @@ MAV_API MAV_RC MavGetProfileInstance(const char* profileName, MAV_INST* pinst) {
     } catch (const std::exception&) {
         rc = MAV_E_NO_SPACE;
     }
-    MAV_TRC_EXIT(rc);
+    MAVP_TRC_EXIT(rc);
     return rc;
 }
 
 MAV_API MAV_INST MavGetProfileInstancePointer(const char* profileName) {
     if (profileName != nullptr && profileName[0] != '\0') {
-        MAV_TRC_ENTRY(">> start >> %s(%s)\n", __func__, profileName);
+        MAVP_TRC_ENTRY(">> start >> %s(%s)\n", __func__, profileName);
     } else {
-        MAV_TRC_ENTRY(">> start >> %s(NULL::default)\n", __func__);
+        MAVP_TRC_ENTRY(">> start >> %s(NULL::default)\n", __func__);
     }
     MAV_INST inst = nullptr;
     MAV_RC rc;
@@ -211,7 +211,7 @@ MAV_API MAV_INST MavGetProfileInstancePointer(const char* profileName) {
     } catch (const std::exception&) {
         rc = MAV_E_NO_SPACE;
     }
-    MAV_TRC_EXIT(rc);
+    MAVP_TRC_EXIT(rc);
     return rc == MAV_OK ? inst : nullptr;
 }
 
@@ -220,13 +220,19 @@ MAV_RC MavIXFreeProfileInst(void* mavInstance) {
     return MAV_OK;
 }
 
-MAV_INST_REC* MavIXGetInstanceHandleFromProfile(void* mavInstance) {
+MAV_INST MavIXGetInstanceHandleFromProfile(void* mavInstance) {
     const mav::MavInstance* mi = static_cast<const mav::MavInstance*>(mavInstance);
     if (mi == nullptr) return nullptr;
     int32_t cur = mi->getCurrent();
     const std::vector<MAV_INST>& list = mi->getCInstances();
     if (cur < 0 || static_cast<size_t>(cur) >= list.size()) return nullptr;
-    return static_cast<MAV_INST_REC*>(list[static_cast<size_t>(cur)]);
+    return list[static_cast<size_t>(cur)];
 }
 
 }  // extern "C"
+
+namespace mav {
+const MAV_PROFILE_OPS kProfileOps = {MavIXScanClean, MavIXFreeProfileInst,
+                                     MavIXGetInstanceHandleFromProfile, MavIXProfileScanInfo};
+}  // namespace mav
+
