@@ -93,9 +93,71 @@ MAV_RC OnEngine(void* hdl, const char* func, const uint32_t* index, Read&& read)
     });
 }
 
+// Count of one list of an engine record or scan result, and the job id and
+// object size of its entry at index; MAV_E_NO_SCANINFO when the list is absent.
+template <typename Rec>
+MAV_RC ListOf(const Rec* recs, uint32_t n, uint32_t index, uint32_t* count, uint32_t* jobId,
+              uint64_t* objectSize) {
+    if (recs == nullptr) return MAV_E_NO_SCANINFO;
+    if (count != nullptr) *count = n;
+    if (index < n) {
+        if (jobId != nullptr) *jobId = recs[index].uiJobID;
+        if (objectSize != nullptr) *objectSize = recs[index].lObjectSize;
+    }
+    return MAV_OK;
+}
+
+// MavGetListInfo with hdl's handle h locked.
+MAV_RC ListInfo(void* hdl, MAV_HDL_REC* h, uint32_t list, uint32_t index, uint32_t* count,
+                uint32_t* jobId, uint64_t* objectSize) {
+    const PEL_INIT* init = MavIGetHandle(hdl) == h ? EngineOf(hdl, h) : nullptr;
+    if (init == nullptr) return MAV_E_INVALID_HANDLE;
+    MAV_INST_REC* inst = MavIGetInst(hdl);
+    const PEL_SCANINFO* si = inst != nullptr ? inst->pScanInfo : nullptr;
+    switch (list) {
+        case MAV_LIST_DRIVERS:
+            if (init->hEngine == nullptr) return MAV_E_INVALID_HANDLE;
+            if (init->pDriver == nullptr) return MAV_E_NO_SCANINFO;
+            if (count != nullptr) *count = init->usDrivers;
+            return MAV_OK;
+        case MAV_LIST_INFECTIONS:
+            if (si == nullptr) return MAV_E_NO_SCANINFO;
+            return ListOf(si->pVirusInfo, si->uiInfections, index, count, jobId, objectSize);
+        case MAV_LIST_SCAN_ERRORS:
+            if (si == nullptr) return MAV_E_NO_SCANINFO;
+            return ListOf(si->pScanError, si->uiScanErrors, index, count, jobId, objectSize);
+        case MAV_LIST_CONTENT:
+            if (si == nullptr) return MAV_E_NO_SCANINFO;
+            return ListOf(si->pContentInfo, si->uiScanned, index, count, jobId, objectSize);
+        default:
+            return MAV_E_INVALID_PARAM;
+    }
+}
+
 }  // namespace
 
 extern "C" {
+
+MAV_API MAV_RC MavGetListInfo(void* hdl, uint32_t list, uint32_t index, uint32_t* count,
+                              uint32_t* jobId, uint64_t* objectSize) {
+    if (count != nullptr) *count = 0;
+    if (jobId != nullptr) *jobId = 0;
+    if (objectSize != nullptr) *objectSize = 0;
+    if (hdl == nullptr) {
+        MAV_TRC_E("Invalid NULL parameter for handle\n");
+        return MAV_E_NULL_PARAM;
+    }
+    MAV_TRC_ENTRY(">> start >> %s(%p,%u,%u,...)\n", __func__, hdl, list, index);
+    MAV_RC rc = MAV_E_INVALID_HANDLE;
+    // Read under the handle lock: a reload on another thread ends the engine
+    // record under it.
+    if (MAV_HDL_REC* h = MavILockOwner(hdl)) {
+        rc = ListInfo(hdl, h, list, index, count, jobId, objectSize);
+        MavIUnlockHdl(h);
+    }
+    MAV_TRC_EXIT(rc);
+    return rc;
+}
 
 MAV_API MAV_RC MavEnumDriverInfo(void* hdl, uint32_t index, uint32_t* version, KORMO_CHAR* name,
                                  size_t* nameLength, uint64_t* date, uint32_t* viruses) {

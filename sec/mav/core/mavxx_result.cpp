@@ -162,4 +162,8 @@ MAV_API void MavPFreeInfo(void** ptr) {
     *ptr = nullptr;
 }
 
+MAV_API void MavFreeBuffer(void* buffer) {
+    MavIFree(buffer);
+}
+
 }  // extern "C"

@@ -432,9 +432,33 @@ MAV_API MAV_RC MavGetEngineInfo(void* hdl, uint32_t* version, KORMO_CHAR* versio
                                 size_t* versionTextLength, uint64_t* date, uint32_t* viruses,
                                 uint16_t* drivers);
 
+/* The lists MavGetListInfo reads (the bit values of the Java bridge's kinds). */
+#define MAV_LIST_DRIVERS 1u     /* the engine's drivers (MavEnumDriverInfo) */
+#define MAV_LIST_INFECTIONS 2u  /* the last scan's infections (MavEnumInfections) */
+#define MAV_LIST_SCAN_ERRORS 4u /* the last scan's scan errors (MavEnumScanErrors) */
+#define MAV_LIST_CONTENT 8u     /* the last scan's content information (MavEnumContentInfo) */
+
+/* Stores the number of entries of one list of an instance, profile instance
+ * or handle in *count and, when index is below it, the job id and object size
+ * of the entry at index in *jobId and *objectSize (a driver has neither: 0);
+ * any output may be null and is set to 0 first. Returns MAV_OK. Returns
+ * MAV_E_INVALID_HANDLE when no engine stands behind hdl (for MAV_LIST_DRIVERS
+ * also when the engine record names no engine); MAV_E_NO_SCANINFO when the
+ * list is absent: no scan results held, or the adapter gave no such list (for
+ * MAV_LIST_DRIVERS: no driver list); MAV_E_INVALID_PARAM for another list;
+ * MAV_E_NULL_PARAM for a null hdl. The entries are read under the handle's
+ * lock, so the call is safe against a concurrent reload; results of one
+ * instance are read by the thread that scans with it. */
+MAV_API MAV_RC MavGetListInfo(void* hdl, uint32_t list, uint32_t index, uint32_t* count,
+                              uint32_t* jobId, uint64_t* objectSize);
+
 /* Frees a two-level allocation the library handed out and sets *ptr to null;
  * null ptr or *ptr does nothing. */
 MAV_API void MavPFreeInfo(void** ptr);
+
+/* Frees a buffer the library allocated for the caller (MavAdapterErrorText's
+ * replacement buffer) through the memory hooks; null does nothing. */
+MAV_API void MavFreeBuffer(void* buffer);
 
 /* ---- Codes and error texts ------------------------------------------------------------- */
 
@@ -495,7 +519,9 @@ MAV_API MAV_RC MavSetBasisTraceLevel(uint32_t basis);
  * MavActivateTrace opened is closed when replaced. Without any stream the
  * library writes nothing, unless the environment asks: KORMO_TRACE=stderr or
  * KORMO_TRACE=/path/file (appended to), with KORMO_TRACE_LEVEL=<level bits>,
- * read by the first MavInit of the process. */
+ * read by the first MavInit of the process. Returns MAV_OK once no line is
+ * being written to the stream it replaced (the caller may then close a stream
+ * of its own that it replaced), or MAV_E_NO_SPACE. */
 MAV_API MAV_RC MavSetTraceFile(FILE* stream);
 
 /* Returns the library's trace stream, else the kernel trace stream, else null. */

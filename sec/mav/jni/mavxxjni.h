@@ -19,7 +19,8 @@
 
 #include <string>
 
-#include "mavxxi.h"
+#include "kormomav.h"
+#include "kormopel.h"
 
 #define MAVJNI_EXPORT extern "C" JNIEXPORT
 
@@ -110,12 +111,39 @@ class Utf {
     const char* chars_;
 };
 
-// Records of the object a handle value stands for (read without lock; Java
-// must not scan and read results of one handle from two threads).
-// The engine record: an instance's own, else the handle's shared one.
-PEL_INIT* EngineOf(void* hdl);
-// The result of the last scan (instances and profile instances only).
-PEL_SCANINFO* ScanInfoOf(void* hdl);
+// Up to four texts of one public call that fills caller buffers: the call is
+// made once with null buffers to learn the sizes, then with buffers. A text
+// the call gives as null (size 0) stays null.
+class Texts {
+  public:
+    // The buffer and length arguments of slot i for the current pass.
+    KORMO_CHAR* Buf(int i) { return present_[i] ? &bufs_[i][0] : nullptr; }
+    size_t* Len(int i) { return sized_ && !present_[i] ? nullptr : &sizes_[i]; }
+    // Between the passes: makes the buffers; false when out of memory.
+    bool Size();
+    // After the second pass: keeps what it wrote.
+    void Finish();
+    // The text of slot i, null when it has none.
+    const char* Get(int i) const { return present_[i] ? bufs_[i].c_str() : nullptr; }
+
+  private:
+    bool sized_ = false;
+    size_t sizes_[4] = {0, 0, 0, 0};
+    bool present_[4] = {false, false, false, false};
+    std::string bufs_[4];
+};
+
+// Runs call(texts) twice as Texts describes; the code of the failing or the
+// second pass.
+template <typename Call>
+MAV_RC WithTexts(Texts& texts, Call call) {
+    MAV_RC rc = call(texts);
+    if (rc != MAV_OK) return rc;
+    if (!texts.Size()) return MAV_E_NO_SPACE;
+    rc = call(texts);
+    if (rc == MAV_OK) texts.Finish();
+    return rc;
+}
 
 // Adds obj to a list through its add method (result ignored).
 void ListAdd(JNIEnv* env, jobject list, jmethodID add, jobject obj);
@@ -130,9 +158,21 @@ inline const char* MavJniMethodName(const char* jniName) {
     return std::strncmp(jniName, kPrefix, sizeof kPrefix - 1) == 0 ? jniName + sizeof kPrefix - 1
                                                                     : jniName;
 }
+// True when a line of this level bit is written (error lines whenever the
+// level is non-zero), as the library's trace writer decides it.
+inline bool MavJniTraceOn(uint32_t bit) {
+    uint32_t l = MavGetTraceLevel();
+    return (l & bit) != 0 || ((bit & MAV_TRC_ERROR) != 0 && l != 0);
+}
 #define MAVJNI_NAME MavJniMethodName(__func__)
-#define MAVJNI_TRC(...) MAV_TRC(MAV_TRC_JNI, __VA_ARGS__)
+#define MAVJNI_TRC_AT(bit, ...)                                                                \
+    do {                                                                                       \
+        if (MavJniTraceOn(bit)) MavPPrintTrace((bit), __FILE__, __func__, __LINE__, __VA_ARGS__); \
+    } while (0)
+#define MAVJNI_TRC(...) MAVJNI_TRC_AT(MAV_TRC_JNI, __VA_ARGS__)
+#define MAVJNI_TRC_E(...) MAVJNI_TRC_AT(MAV_TRC_ERROR, __VA_ARGS__)
+#define MAVJNI_TRC_W(...) MAVJNI_TRC_AT(MAV_TRC_WARNING, __VA_ARGS__)
 #define MAVJNI_EXIT(rc) \
-    MAV_TRC(MAV_TRC_JNI, "<<  end  << %s(MAV_RC==%s) \n", MAVJNI_NAME, MavErrorName(rc))
+    MAVJNI_TRC("<<  end  << %s(MAV_RC==%s) \n", MAVJNI_NAME, MavErrorName(rc))
 
 #endif

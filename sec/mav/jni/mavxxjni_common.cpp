@@ -122,15 +122,23 @@ Utf::~Utf() {
     if (chars_ != nullptr) env_->ReleaseStringUTFChars(str_, chars_);
 }
 
-PEL_INIT* EngineOf(void* hdl) {
-    if (MAV_INST_REC* inst = MavIGetInst(hdl)) return inst->pPelInit;
-    if (MAV_HDL_REC* rec = MavIGetHandle(hdl)) return rec->pSharedInit;
-    return nullptr;
+bool Texts::Size() {
+    try {
+        for (int i = 0; i < 4; ++i) {
+            present_[i] = sizes_[i] != 0;
+            if (present_[i]) bufs_[i].assign(sizes_[i], '\0');
+        }
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    sized_ = true;
+    return true;
 }
 
-PEL_SCANINFO* ScanInfoOf(void* hdl) {
-    MAV_INST_REC* inst = MavIGetInst(hdl);
-    return inst != nullptr ? inst->pScanInfo : nullptr;
+void Texts::Finish() {
+    for (int i = 0; i < 4; ++i) {
+        if (present_[i]) bufs_[i].resize(strnlen(bufs_[i].c_str(), sizes_[i]));
+    }
 }
 
 void ListAdd(JNIEnv* env, jobject list, jmethodID add, jobject obj) {

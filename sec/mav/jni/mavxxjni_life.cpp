@@ -2,6 +2,9 @@
 // end and reload of an adapter handle, instances, pools, error texts.
 #include <unistd.h>
 
+#include <cstring>
+#include <string>
+
 #include "mavxxjni.h"
 
 using namespace mavjni;
@@ -9,6 +12,28 @@ using namespace mavjni;
 namespace {
 
 constexpr unsigned kReloadAttempts = 1000;
+
+// The handle's latest failure text (MavAdapterErrorText); false when it has
+// none or it cannot be read.
+bool AdapterErrorText(void* hdl, std::string* out) {
+    size_t length = 0;
+    if (MavAdapterErrorText(hdl, nullptr, &length) != MAV_OK || length == 0) return false;
+    std::string buf(length + 2, '\0');
+    KORMO_CHAR* text = &buf[0];
+    length = buf.size() - 1;
+    MAV_RC rc = MavAdapterErrorText(hdl, &text, &length);
+    // A text that grew meanwhile comes in a buffer of the library's.
+    if (rc == MAV_OK) out->assign(text, strnlen(text, length));
+    if (text != &buf[0]) MavFreeBuffer(text);
+    return rc == MAV_OK && !out->empty();
+}
+
+// The number of adapter parameters of a handle or instance (0 when unknown).
+jint ParameterCount(void* hdl) {
+    uint32_t parameters = 0;
+    MavGetPelInfo(hdl, nullptr, &parameters, nullptr, nullptr, nullptr, nullptr, nullptr);
+    return static_cast<jint>(parameters);
+}
 
 jlong ToJava(void* hdl) {
     return static_cast<jlong>(reinterpret_cast<intptr_t>(hdl));
@@ -39,21 +64,23 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(initPEL)(JNIEnv* env, jobject self, jstring c
     }
     LocalRef<jclass> cls(env, ClassOf(env, holder));
     if (rc == MAV_OK) {
-        MAV_HDL_REC* rec = MavIGetHandle(hdl);
-        const PEL_CONFIG* pelCfg = rec != nullptr ? rec->pPelConfig : nullptr;
-        const PEL_ADAPTERINFO* info = pelCfg != nullptr ? pelCfg->pAdapterInfo : nullptr;
-        if (info == nullptr) {
+        uint32_t version = 0, parameters = 0;
+        Texts t;  // adapter name, vendor text
+        rc = WithTexts(t, [&](Texts& x) {
+            return MavGetPelInfo(hdl, &version, &parameters, nullptr, x.Buf(0), x.Len(0),
+                                 x.Buf(1), x.Len(1));
+        });
+        if (rc != MAV_OK) {
             rc = MAV_E_INVALID_HANDLE;
-            MAV_TRC_E("Invalid NULL handle for PEL config\n");
+            MAVJNI_TRC_E("Invalid NULL handle for PEL config\n");
         } else if (!CanHoldHandle(env, cls.get())) {
             rc = MAV_E_INVALID_PARAM;
         } else {
-            SetString(env, holder, cls.get(), kVendorPelName, info->pszAdapterName);
-            SetString(env, holder, cls.get(), kVendorInfoText, info->pszVendorInfo);
-            SetInt(env, holder, cls.get(), kMajPelVersion, info->usPelMajorVersion);
-            SetInt(env, holder, cls.get(), kMinPelVersion, info->usPelMinorVersion);
-            SetInt(env, holder, cls.get(), kNumberOfParameters,
-                   static_cast<jint>(MavIXGetParamNum(hdl)));
+            SetString(env, holder, cls.get(), kVendorPelName, t.Get(0));
+            SetString(env, holder, cls.get(), kVendorInfoText, t.Get(1));
+            SetInt(env, holder, cls.get(), kMajPelVersion, static_cast<jint>(version >> 16));
+            SetInt(env, holder, cls.get(), kMinPelVersion, static_cast<jint>(version & 0xFFFFu));
+            SetInt(env, holder, cls.get(), kNumberOfParameters, static_cast<jint>(parameters));
             SetLong(env, holder, cls.get(), kHandle, ToJava(hdl));
             ReportRc(env, holder, cls.get(), MAV_OK);
             MAVJNI_EXIT(MAV_OK);
@@ -61,12 +88,9 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(initPEL)(JNIEnv* env, jobject self, jstring c
         }
     }
     // Failure: the adapter's last message, when there is one, in both fields.
-    MAV_HDL_REC* rec = MavIGetHandle(hdl);
-    if (rec != nullptr && rec->errors != nullptr && rec->errorCount > 0) {
-        const MAV_ERROR_ENTRY& last = rec->errors[rec->errorCount - 1];
-        const char* text =
-            last.lLength != 0 && last.pszText != nullptr ? last.pszText : MavErrorDescription(rc);
-        SetErrorTexts(env, holder, cls.get(), text, text);
+    std::string text;
+    if (hdl != nullptr && AdapterErrorText(hdl, &text)) {
+        SetErrorTexts(env, holder, cls.get(), text.c_str(), text.c_str());
     } else {
         ReportRc(env, holder, cls.get(), rc);
     }
@@ -119,7 +143,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(reloadPEL)(JNIEnv* env, jobject self, jobject
         ++attempt;
         sleep(1);
         if (attempt >= kReloadAttempts) {
-            MAV_TRC_W("Timeout of %u trails has been reached. No reload of PEL performed\n",
+            MAVJNI_TRC_W("Timeout of %u trails has been reached. No reload of PEL performed\n",
                       kReloadAttempts);
             ReportRc(env, holder, cls.get(), MAV_E_IN_PROGRESS);
             MAVJNI_EXIT(MAV_E_IN_PROGRESS);
@@ -151,8 +175,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(createInstance)(JNIEnv* env, jobject self, jo
         MavFreeInstance(&inst);
     } else {
         SetLong(env, instHolder, cls.get(), kHandle, ToJava(inst));
-        SetInt(env, instHolder, cls.get(), kNumberOfParameters,
-               static_cast<jint>(MavIXGetParamNum(inst)));
+        SetInt(env, instHolder, cls.get(), kNumberOfParameters, ParameterCount(inst));
         ReportRc(env, instHolder, cls.get(), MAV_OK);
     }
     MAVJNI_EXIT(rc);
@@ -227,17 +250,13 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(loadPool)(JNIEnv* env, jobject self, jobject 
     if (rc == MAV_OK) {
         ReportRc(env, holder, cls.get(), rc);
     } else {
-        // The adapter's own text when it has one. A buffer handed back is
-        // ours (made through the memory hooks) and freed through them.
-        KORMO_CHAR* text = nullptr;
-        size_t length = 0;
-        MAV_RC textRc = MavAdapterErrorText(hdl, &text, &length);
-        if (textRc == MAV_OK && text != nullptr) {
-            SetErrorTexts(env, holder, cls.get(), text, text);
+        // The adapter's own text when it has one.
+        std::string text;
+        if (AdapterErrorText(hdl, &text)) {
+            SetErrorTexts(env, holder, cls.get(), text.c_str(), text.c_str());
         } else {
             ReportRc(env, holder, cls.get(), rc);
         }
-        if (text != nullptr) MavIFree(text);
     }
     MAVJNI_EXIT(rc);
     return rc;

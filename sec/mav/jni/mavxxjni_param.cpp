@@ -1,7 +1,9 @@
 // mavxxjni_param.cpp - parameter natives of the Java bridge: list, read and
 // set adapter parameters as Parameter objects, reset to defaults.
-#include <cstdio>
+#include <algorithm>
+#include <cstring>
 #include <string>
+#include <vector>
 
 #include "mavxxjni.h"
 
@@ -17,41 +19,58 @@ constexpr const char* kParameterName = "m_ParameterName";
 constexpr const char* kParameterType = "m_ParameterType";
 constexpr const char* kParameterValue = "m_ParameterValue";
 
+// Reads a parameter's value text with read(buffer, &length) (MavGetParameter
+// or MavEnumParameters), which also stores the parameter's type in *type. The
+// library gives no size for a value: a buffer shorter than a text value reads
+// as empty (or MAV_E_BUFFER_TOO_SHORT), so an empty text is asked again with
+// a buffer of 1 MiB, the largest value read.
+template <typename Read>
+MAV_RC ReadValue(Read read, const int32_t* type, std::string* value) {
+    size_t size = 4096;
+    for (;;) {
+        std::vector<KORMO_CHAR> buf(size, '\0');
+        size_t length = size;
+        MAV_RC rc = read(buf.data(), &length);
+        bool retry = rc == MAV_E_BUFFER_TOO_SHORT ||
+                     (rc == MAV_OK && length == 0 && *type == VS_TYPE_CHAR);
+        if (!retry || size >= (size_t{1} << 20)) {
+            if (rc == MAV_E_BUFFER_TOO_SHORT) return rc;
+            value->assign(buf.data(), strnlen(buf.data(), std::min(length, size)));
+            return rc;
+        }
+        size = size_t{1} << 20;
+    }
+}
+
 // The three texts of a parameter entry. The value is only replaced for types
 // that have a value text, so a BYTE, FLOAT, DOUBLE or OBJECT entry keeps the
 // value of the entry before it (callers that reuse one ParamTexts see that).
 struct ParamTexts {
-    const char* name = nullptr;
+    std::string name;
     const char* type = nullptr;
     std::string value;
     bool hasValue = false;
 
-    void From(const PEL_PARAM& p) {
-        name = MavIXGetPelParamName(p.tCode);
-        type = MavParamTypeName(p.tType);
-        switch (p.tType) {
+    // From the code, type and value text the library gives for an entry.
+    void From(int32_t code, int32_t tType, const std::string& text) {
+        const char* n = MavParamCodeName(code);
+        name = n != nullptr ? n : "";
+        type = MavParamTypeName(tType);
+        switch (tType) {
             case VS_TYPE_SHORT:
             case VS_TYPE_INT:
             case VS_TYPE_LONG:
             case VS_TYPE_TIME_T:
-            case VS_TYPE_SIZE_T: {
-                long number = static_cast<long>(reinterpret_cast<intptr_t>(p.pvValue));
-                char buf[256];
-                if (number != 0) {
-                    snprintf(buf, sizeof buf, "%ld", number);
-                } else {
-                    snprintf(buf, sizeof buf, "0");
-                }
-                value = buf;
+            case VS_TYPE_SIZE_T:
+                value = text.empty() ? "0" : text;
                 hasValue = true;
                 break;
-            }
             case VS_TYPE_CHAR:
-                value = p.pvValue != nullptr ? static_cast<const char*>(p.pvValue) : "";
+                value = text;
                 hasValue = true;
                 break;
             case VS_TYPE_BOOL:
-                value = p.pvValue != nullptr ? "true" : "false";
+                value = text == "1" ? "true" : "false";
                 hasValue = true;
                 break;
             default:
@@ -83,26 +102,29 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(getParameters)(JNIEnv* env, jobject self, job
     GetInt(env, holder, cls.get(), kNumberOfParameters, &count);
     ParamTexts texts;  // cleared once: the value carries over (see ParamTexts)
     for (jint i = 0; i < count && !Pending(env); ++i) {
-        // Copied out under the handle lock: a parameter change on another
-        // thread replaces the entry's text.
-        PEL_PARAM* entry = nullptr;
-        MAV_HDL_REC* owner = MavILockOwner(hdl);
-        MAV_RC rc = owner == nullptr
-                        ? MAV_E_INVALID_HANDLE
-                        : MavIGetPelParameterByIndex(hdl, static_cast<uint32_t>(i), &entry);
-        if (rc == MAV_OK) texts.From(*entry);
-        if (owner != nullptr) MavIUnlockHdl(owner);
+        char name[256];
+        size_t nameLength = sizeof name;
+        int32_t type = -1;
+        std::string text;
+        MAV_RC rc = ReadValue(
+            [&](KORMO_CHAR* buf, size_t* length) {
+                nameLength = sizeof name;
+                return MavEnumParameters(hdl, static_cast<uint32_t>(i), name, &nameLength, &type,
+                                         buf, length);
+            },
+            &type, &text);
+        if (rc == MAV_OK) texts.From(MavParamCode(name), type, text);
         if (rc != MAV_OK) {
             ReportRc(env, holder, cls.get(), rc);
             MAVJNI_EXIT(rc);
             return rc;
         }
-        LocalRef<jstring> name(env, NewString(env, texts.name));
-        LocalRef<jstring> type(env, NewString(env, texts.type));
-        LocalRef<jstring> value(env, NewString(env, texts.Value()));
+        LocalRef<jstring> jname(env, NewString(env, texts.name.c_str()));
+        LocalRef<jstring> jtype(env, NewString(env, texts.type));
+        LocalRef<jstring> jvalue(env, NewString(env, texts.Value()));
         if (Pending(env)) break;
         LocalRef<jobject> param(
-            env, env->NewObject(paramCls.get(), init, name.get(), type.get(), value.get()));
+            env, env->NewObject(paramCls.get(), init, jname.get(), jtype.get(), jvalue.get()));
         if (Pending(env)) break;
         ListAdd(env, list, add, param.get());
     }
@@ -125,31 +147,31 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(getParameter)(JNIEnv* env, jobject self, jobj
         LocalRef<jclass> paramCls(env, ClassOf(env, parameter));
         LocalRef<jstring> nameStr(env, GetString(env, parameter, paramCls.get(), kParameterName));
         LocalRef<jstring> typeStr(env, GetString(env, parameter, paramCls.get(), kParameterType));
-        PEL_PARAM* entry = nullptr;
         ParamTexts texts;
         {
             Utf name(env, nameStr.get());
             Utf type(env, typeStr.get());
-            // Read and copied under the handle lock (see getParameters).
-            MAV_HDL_REC* owner = name.get() != nullptr ? MavILockOwner(hdl) : nullptr;
+            int32_t actual = -1;
+            std::string text;
             if (name.get() == nullptr) {
                 rc = MAV_E_NULL_PARAM;
-            } else if (owner == nullptr) {
-                rc = MAV_E_INVALID_HANDLE;
             } else {
-                rc = MavIGetPelParameter(hdl, name.get(), 0, &entry);
+                rc = ReadValue(
+                    [&](KORMO_CHAR* buf, size_t* length) {
+                        return MavGetParameter(hdl, name.get(), &actual, buf, length);
+                    },
+                    &actual, &text);
                 // "BOOL" (0) passes for every parameter; an unknown or missing
                 // type text (-1) fails.
                 int32_t wanted = MavParamType(type.get());
-                if (rc == MAV_OK && wanted != VS_TYPE_BOOL && wanted != entry->tType) {
+                if (rc == MAV_OK && wanted != VS_TYPE_BOOL && wanted != actual) {
                     rc = MAV_E_INVALID_PARAM_TYPE;
                 }
-                if (rc == MAV_OK) texts.From(*entry);
+                if (rc == MAV_OK) texts.From(MavParamCode(name.get()), actual, text);
             }
-            if (owner != nullptr) MavIUnlockHdl(owner);
         }
         if (rc == MAV_OK) {
-            SetString(env, parameter, paramCls.get(), kParameterName, texts.name);
+            SetString(env, parameter, paramCls.get(), kParameterName, texts.name.c_str());
             SetString(env, parameter, paramCls.get(), kParameterType, texts.type);
             SetString(env, parameter, paramCls.get(), kParameterValue, texts.Value());
         }

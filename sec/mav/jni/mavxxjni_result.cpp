@@ -31,50 +31,94 @@ jlong Millis(int64_t seconds) {
     return static_cast<jlong>(static_cast<uint64_t>(seconds) * 1000u);
 }
 
-jobject NewDriver(JNIEnv* env, jclass cls, jmethodID init, const PEL_DRIVERINFO& d) {
-    LocalRef<jstring> name(env, NewString(env, d.pszName));
+// One entry of a list at index as a new Java object; null (and *rc set) when
+// the entry cannot be read, null with an exception pending when Java failed.
+jobject NewDriver(JNIEnv* env, jclass cls, jmethodID init, void* hdl, uint32_t index,
+                  MAV_RC* rc) {
+    uint32_t version = 0, viruses = 0;
+    uint64_t date = 0;
+    Texts t;
+    *rc = WithTexts(t, [&](Texts& x) {
+        return MavEnumDriverInfo(hdl, index, &version, x.Buf(0), x.Len(0), &date, &viruses);
+    });
+    if (*rc != MAV_OK) return nullptr;
+    LocalRef<jstring> name(env, NewString(env, t.Get(0)));
     if (Pending(env)) return nullptr;
-    return env->NewObject(cls, init, static_cast<jint>(d.usDrMajVersion),
-                          static_cast<jint>(d.usDrMinVersion), name.get(), Millis(d.utcDate),
-                          static_cast<jlong>(d.uiViruses));
+    return env->NewObject(cls, init, static_cast<jint>(version >> 16),
+                          static_cast<jint>(version & 0xFFFFu), name.get(),
+                          Millis(static_cast<int64_t>(date)), static_cast<jlong>(viruses));
 }
 
-jobject NewInfection(JNIEnv* env, jclass cls, jmethodID init, const PEL_VIRUSINFO& v) {
-    LocalRef<jstring> virus(env, NewString(env, v.pszVirusName));
-    LocalRef<jstring> object(env, NewString(env, v.pszObjectName));
-    LocalRef<jstring> text(env, NewString(env, v.pszFreeTextInfo));
+jobject NewInfection(JNIEnv* env, jclass cls, jmethodID init, void* hdl, uint32_t index,
+                     MAV_RC* rc) {
+    uint8_t repairable = 0;
+    uint32_t virusId = 0, jobId = 0;
+    uint64_t size = 0;
+    Texts t;
+    *rc = WithTexts(t, [&](Texts& x) {
+        return MavEnumInfections(hdl, index, &repairable, &virusId, x.Buf(0), x.Len(0), x.Buf(1),
+                                 x.Len(1), &size, x.Buf(2), x.Len(2));
+    });
+    if (*rc == MAV_OK) *rc = MavGetListInfo(hdl, MAV_LIST_INFECTIONS, index, nullptr, &jobId, nullptr);
+    if (*rc != MAV_OK) return nullptr;
+    LocalRef<jstring> virus(env, NewString(env, t.Get(0)));
+    LocalRef<jstring> object(env, NewString(env, t.Get(1)));
+    LocalRef<jstring> text(env, NewString(env, t.Get(2)));
     if (Pending(env)) return nullptr;
-    return env->NewObject(cls, init, static_cast<jboolean>(v.bRepairable),
-                          static_cast<jlong>(v.uiJobID), static_cast<jlong>(v.uiVirusID),
-                          virus.get(), object.get(), static_cast<jlong>(v.lObjectSize), text.get());
+    return env->NewObject(cls, init, static_cast<jboolean>(repairable), static_cast<jlong>(jobId),
+                          static_cast<jlong>(virusId), virus.get(), object.get(),
+                          static_cast<jlong>(size), text.get());
 }
 
-jobject NewScanError(JNIEnv* env, jclass cls, jmethodID init, const PEL_SCANERROR& e) {
-    LocalRef<jstring> text(env, NewString(env, e.pszErrorText));
-    LocalRef<jstring> object(env, NewString(env, e.pszObjectName));
+jobject NewScanError(JNIEnv* env, jclass cls, jmethodID init, void* hdl, uint32_t index,
+                     MAV_RC* rc) {
+    uint32_t code = 0, jobId = 0;
+    uint64_t size = 0;
+    Texts t;
+    *rc = WithTexts(t, [&](Texts& x) {
+        return MavEnumScanErrors(hdl, index, &code, x.Buf(0), x.Len(0), x.Buf(1), x.Len(1), &size);
+    });
+    if (*rc == MAV_OK) *rc = MavGetListInfo(hdl, MAV_LIST_SCAN_ERRORS, index, nullptr, &jobId, nullptr);
+    if (*rc != MAV_OK) return nullptr;
+    LocalRef<jstring> text(env, NewString(env, t.Get(0)));
+    LocalRef<jstring> object(env, NewString(env, t.Get(1)));
     if (Pending(env)) return nullptr;
-    return env->NewObject(cls, init, static_cast<jlong>(e.uiJobID), static_cast<jlong>(e.iErrorRC),
-                          text.get(), object.get(), static_cast<jlong>(e.lObjectSize));
+    return env->NewObject(cls, init, static_cast<jlong>(jobId),
+                          static_cast<jlong>(static_cast<int32_t>(code)), text.get(), object.get(),
+                          static_cast<jlong>(size));
 }
 
-jobject NewContent(JNIEnv* env, jclass cls, jmethodID init, const PEL_CONTENTINFO& c) {
-    LocalRef<jstring> ext(env, NewString(env, c.pszExtension));
-    LocalRef<jstring> type(env, NewString(env, c.pszContentType));
-    LocalRef<jstring> object(env, NewString(env, c.pszObjectName));
+jobject NewContent(JNIEnv* env, jclass cls, jmethodID init, void* hdl, uint32_t index,
+                   MAV_RC* rc) {
+    uint32_t type = 0;
+    uint64_t size = 0;
+    Texts t;
+    *rc = WithTexts(t, [&](Texts& x) {
+        return MavEnumContentInfo(hdl, index, &type, x.Buf(0), x.Len(0), x.Buf(1), x.Len(1),
+                                  x.Buf(2), x.Len(2), nullptr);
+    });
+    if (*rc == MAV_OK) *rc = MavGetListInfo(hdl, MAV_LIST_CONTENT, index, nullptr, nullptr, &size);
+    if (*rc != MAV_OK) return nullptr;
+    LocalRef<jstring> ext(env, NewString(env, t.Get(0)));
+    LocalRef<jstring> ctype(env, NewString(env, t.Get(1)));
+    LocalRef<jstring> object(env, NewString(env, t.Get(2)));
     if (Pending(env)) return nullptr;
-    return env->NewObject(cls, init, ext.get(), type.get(), object.get(),
-                          static_cast<jlong>(c.lObjectSize));
+    return env->NewObject(cls, init, ext.get(), ctype.get(), object.get(),
+                          static_cast<jlong>(size));
 }
 
-// Builds one object per record and adds it to the list. Each entry's local
-// references are deleted before the next, so any number of records fits the
-// local reference table.
-template <typename Rec, typename Make>
-MAV_RC FillList(JNIEnv* env, jobject list, const char* clsPath, const char* initSig,
-                const Rec* recs, uint32_t count, Make make) {
+// Builds one object per entry of the list kind of hdl and adds it to the
+// Java list. Each entry's local references are deleted before the next, so
+// any number of entries fits the local reference table.
+template <typename Make>
+MAV_RC FillList(JNIEnv* env, jobject list, const char* clsPath, const char* initSig, void* hdl,
+                uint32_t kind, Make make) {
+    uint32_t count = 0;
+    MAV_RC rc = MavGetListInfo(hdl, kind, 0, &count, nullptr, nullptr);
+    if (rc != MAV_OK) return rc;
     LocalRef<jclass> cls(env, FindClass(env, clsPath));
     if (!cls) {
-        MAV_TRC_E("CLASS could not be found\n");
+        MAVJNI_TRC_E("CLASS could not be found\n");
         return MAV_E_NULL_PARAM;
     }
     LocalRef<jclass> listCls(env, ClassOf(env, list));
@@ -82,10 +126,12 @@ MAV_RC FillList(JNIEnv* env, jobject list, const char* clsPath, const char* init
     jmethodID init = MethodId(env, cls.get(), "<init>", initSig);
     if (add == nullptr || init == nullptr) return MAV_E_NULL_PARAM;
     for (uint32_t i = 0; i < count && !Pending(env); ++i) {
-        LocalRef<jobject> obj(env, make(env, cls.get(), init, recs[i]));
-        // An object that could not be built is skipped, unless the failure is
-        // an exception, which ends the walk.
-        if (Pending(env)) break;
+        MAV_RC erc = MAV_OK;
+        LocalRef<jobject> obj(env, make(env, cls.get(), init, hdl, i, &erc));
+        // An entry that a reload took away meanwhile ends the list; one that
+        // could not be built is skipped, unless the failure is an exception,
+        // which ends the walk.
+        if (erc == MAV_E_INVALID_ENUM_INDEX || Pending(env)) break;
         ListAdd(env, list, add, obj.get());
     }
     return MAV_OK;
@@ -106,70 +152,40 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(getInstanceInfo)(JNIEnv* env, jobject self, j
     }
     void* hdl = ReadHandle(env, holder, cls.get());
     if (hdl == nullptr) {
-        MAV_TRC_E("Invalid NULL parameter for handle\n");
+        MAVJNI_TRC_E("Invalid NULL parameter for handle\n");
         ReportRc(env, holder, cls.get(), MAV_E_NULL_PARAM);
         return MAV_E_NULL_PARAM;
     }
 
     MAV_RC rc = MAV_OK;
-    // The records are turned into Java objects under the handle lock: a
-    // reload on another thread ends the engine record under it.
-    MAV_HDL_REC* owner = MavILockOwner(hdl);
-    const PEL_INIT* init = owner != nullptr ? EngineOf(hdl) : nullptr;
-    const PEL_SCANINFO* scan = owner != nullptr ? ScanInfoOf(hdl) : nullptr;
     switch (kind) {
         case kKindDrivers:
             MAVJNI_TRC("            return driver info \n");
-            if (init == nullptr || init->hEngine == nullptr || init->pDriver == nullptr) {
-                MAV_TRC_E("Invalid NULL handle for PEL config\n");
-                rc = MAV_E_INVALID_HANDLE;
-            } else {
-                rc = FillList(env, list, kDriverClass, kDriverInit, init->pDriver, init->usDrivers,
-                              NewDriver);
-            }
+            rc = FillList(env, list, kDriverClass, kDriverInit, hdl, MAV_LIST_DRIVERS, NewDriver);
+            // An engine without a driver list is no engine to list drivers of.
+            if (rc == MAV_E_NO_SCANINFO) rc = MAV_E_INVALID_HANDLE;
             break;
         case kKindInfections:
-            MAV_TRC(MAV_TRC_INFO, "            return infection info \n");
-            if (init == nullptr) {
-                MAV_TRC_E("Invalid NULL handle for PEL config\n");
-                rc = MAV_E_INVALID_HANDLE;
-            } else if (scan == nullptr || scan->pVirusInfo == nullptr) {
-                rc = MAV_E_NO_SCANINFO;
-            } else {
-                rc = FillList(env, list, kInfectionClass, kInfectionInit, scan->pVirusInfo,
-                              scan->uiInfections, NewInfection);
-            }
+            MAVJNI_TRC_AT(MAV_TRC_INFO, "            return infection info \n");
+            rc = FillList(env, list, kInfectionClass, kInfectionInit, hdl, MAV_LIST_INFECTIONS,
+                          NewInfection);
             break;
         case kKindScanErrors:
-            MAV_TRC(MAV_TRC_INFO, "            return scan error info \n");
-            if (init == nullptr) {
-                MAV_TRC_E("Invalid NULL handle for PEL config\n");
-                rc = MAV_E_INVALID_HANDLE;
-            } else if (scan == nullptr || scan->pScanError == nullptr) {
-                rc = MAV_E_NO_SCANINFO;
-            } else {
-                rc = FillList(env, list, kScanErrorClass, kScanErrorInit, scan->pScanError,
-                              scan->uiScanErrors, NewScanError);
-            }
+            MAVJNI_TRC_AT(MAV_TRC_INFO, "            return scan error info \n");
+            rc = FillList(env, list, kScanErrorClass, kScanErrorInit, hdl, MAV_LIST_SCAN_ERRORS,
+                          NewScanError);
             break;
         case kKindContent:
-            MAV_TRC(MAV_TRC_INFO, "            return content info \n");
-            if (init == nullptr) {
-                MAV_TRC_E("Invalid NULL handle for PEL config\n");
-                rc = MAV_E_INVALID_HANDLE;
-            } else if (scan == nullptr || scan->pContentInfo == nullptr) {
-                rc = MAV_E_NO_SCANINFO;
-            } else {
-                rc = FillList(env, list, kContentClass, kContentInit, scan->pContentInfo,
-                              scan->uiScanned, NewContent);
-            }
+            MAVJNI_TRC_AT(MAV_TRC_INFO, "            return content info \n");
+            rc = FillList(env, list, kContentClass, kContentInit, hdl, MAV_LIST_CONTENT,
+                          NewContent);
             break;
         default:
             // Deliberately a success with nothing listed.
-            MAV_TRC_E("Type unknown, undefined situation\n");
+            MAVJNI_TRC_E("Type unknown, undefined situation\n");
             break;
     }
-    if (owner != nullptr) MavIUnlockHdl(owner);
+    if (rc == MAV_E_INVALID_HANDLE) MAVJNI_TRC_E("Invalid NULL handle for PEL config\n");
     ReportRc(env, holder, cls.get(), rc);
     MAVJNI_EXIT(rc);
     return rc;
@@ -199,32 +215,38 @@ MAVJNI_EXPORT jobject JNICALL MAVGATE(getEngine)(JNIEnv* env, jobject self, jobj
     LocalRef<jclass> cls(env, ClassOf(env, holder));
     void* hdl = ReadHandle(env, holder, cls.get());
     if (!cls || hdl == nullptr) {
-        MAV_TRC_E("Invalid NULL parameter for handle\n");
+        MAVJNI_TRC_E("Invalid NULL parameter for handle\n");
         SetInt(env, holder, cls.get(), kRc, MAV_E_NULL_PARAM);
         ReportRc(env, holder, cls.get(), MAV_E_NULL_PARAM);
         return nullptr;
     }
-    MAV_RC rc = MAV_OK;
     jobject engine = nullptr;
-    MAV_HDL_REC* owner = MavILockOwner(hdl);  // see getInstanceInfo
-    const PEL_INIT* init = owner != nullptr ? EngineOf(hdl) : nullptr;
-    if (init == nullptr || init->hEngine == nullptr) {
-        MAV_TRC_E("Invalid NULL handle for PEL config\n");
-        rc = MAV_E_INVALID_HANDLE;
-    } else {
+    // An engine is one whose record names it (MAV_LIST_DRIVERS says so).
+    MAV_RC rc = MavGetListInfo(hdl, MAV_LIST_DRIVERS, 0, nullptr, nullptr, nullptr);
+    uint32_t version = 0, viruses = 0;
+    uint64_t date = 0;
+    uint16_t drivers = 0;
+    Texts t;
+    if (rc == MAV_OK || rc == MAV_E_NO_SCANINFO) {
+        rc = WithTexts(t, [&](Texts& x) {
+            return MavGetEngineInfo(hdl, &version, x.Buf(0), x.Len(0), &date, &viruses, &drivers);
+        });
+    }
+    if (rc == MAV_E_INVALID_HANDLE) {
+        MAVJNI_TRC_E("Invalid NULL handle for PEL config\n");
+    } else if (rc == MAV_OK) {
         jmethodID ctor = MethodId(env, engineCls.get(), "<init>", kEngineInit);
         if (ctor != nullptr) {
-            LocalRef<jstring> text(env, NewString(env, init->pszEngineVersionText));
+            LocalRef<jstring> text(env, NewString(env, t.Get(0)));
             if (!Pending(env)) {
-                engine = env->NewObject(
-                    engineCls.get(), ctor, static_cast<jint>(init->usEngineMajVersion),
-                    static_cast<jint>(init->usEngineMinVersion), text.get(), Millis(init->utcDate),
-                    static_cast<jlong>(init->uiViruses), static_cast<jshort>(init->usDrivers));
+                engine = env->NewObject(engineCls.get(), ctor, static_cast<jint>(version >> 16),
+                                        static_cast<jint>(version & 0xFFFFu), text.get(),
+                                        Millis(static_cast<int64_t>(date)),
+                                        static_cast<jlong>(viruses), static_cast<jshort>(drivers));
                 if (Pending(env)) engine = nullptr;
             }
         }
     }
-    if (owner != nullptr) MavIUnlockHdl(owner);
     SetInt(env, holder, cls.get(), kRc, rc);
     ReportRc(env, holder, cls.get(), rc);
     MAVJNI_EXIT(rc);

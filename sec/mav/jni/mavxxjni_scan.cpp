@@ -49,7 +49,7 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(pelScan)(JNIEnv* env, jobject self, jobject h
     if (holder == nullptr) return MAV_E_NULL_PARAM;
     LocalRef<jclass> cls(env, ClassOf(env, holder));
     if (!cls) {
-        MAV_TRC_E("Invalid NULL parameter for handle\n");
+        MAVJNI_TRC_E("Invalid NULL parameter for handle\n");
         return MAV_E_INVALID_HANDLE;
     }
     jboolean wantReport = JNI_FALSE;
@@ -60,11 +60,8 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(pelScan)(JNIEnv* env, jobject self, jobject h
     MAV_INST inst = ReadHandle(env, holder, cls.get());
     MAV_RC rc = MAV_OK;
     if (inst == nullptr) {
-        MAV_TRC_E("Invalid NULL parameter for handle\n");
+        MAVJNI_TRC_E("Invalid NULL parameter for handle\n");
         rc = MAV_E_INVALID_HANDLE;
-    } else if (MAV_HDL_REC* hdl = MavIGetHandle(inst);
-               hdl != nullptr && hdl->pFunctions == nullptr) {
-        rc = MAV_E_NOT_INITIALISED;
     } else if (buffer != nullptr && (length < 0 || length > env->GetArrayLength(buffer))) {
         // The C side would read and write past the array.
         rc = MAV_E_INVALID_PARAM;

@@ -1,7 +1,6 @@
 // mavxxjni_trace.cpp - trace natives of the Java bridge.
 #include <cstdio>
 
-#include "krntrc.h"
 #include "mavxxjni.h"
 
 using namespace mavjni;
@@ -41,21 +40,19 @@ MAVJNI_EXPORT jint JNICALL MAVGATE(setTrace)(JNIEnv* env, jobject self, jstring 
         rename(name.get(), kOldTrace);
         stream = fopen(name.get(), "w");
         if (stream == nullptr) {
-            MAV_TRC_E("Unable to open tracefile %s. Using standard error output.\n", name.get());
+            MAVJNI_TRC_E("Unable to open tracefile %s. Using standard error output.\n", name.get());
             stream = stderr;
         }
     }
     // The previous stream of setTrace is closed once it is no longer the trace
     // stream, unless the library replaced it meanwhile (and closed it itself).
+    // MavSetTraceFile returns once no line is being written to the stream it
+    // replaced, so that stream can be closed here.
     FILE* previous = jniTraceStream;
     bool previousCurrent = previous != nullptr && MavGetTraceFile() == previous;
     MavSetTraceFile(stream);
     MavSetTraceLevel(static_cast<uint32_t>(level));
-    if (previousCurrent && previous != stream && previous != stderr) {
-        DpLock();
-        fclose(previous);
-        DpUnlock();
-    }
+    if (previousCurrent && previous != stream && previous != stderr) fclose(previous);
     jniTraceStream = stream;
     MAVJNI_EXIT(MAV_OK);
     return MAV_OK;
