@@ -7,9 +7,6 @@
 //   CountingHooks::Disarm();
 //   CountingHooks::Leaks(since)        // what is still live, records excluded
 //
-// With KORMO_HOOK_BACKTRACE=1 in the environment every live block keeps the
-// call stack that allocated it, and Describe() prints it.
-//
 // Allocate and reallocate count as allocation points; free does not. Live
 // pointers are kept XOR-masked so that LeakSanitizer does not see the table as
 // a reference: a block the library loses is still reported at exit.
@@ -21,9 +18,6 @@
 #ifndef KORMO_TESTS_ROBUST_COUNTING_HOOKS_H
 #define KORMO_TESTS_ROBUST_COUNTING_HOOKS_H
 
-#include <execinfo.h>
-
-#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -50,20 +44,15 @@ class CountingHooks {
     // Shared state first: the inline members below deduce types from it.
     static constexpr uintptr_t kMask = 0xA5A5A5A5A5A5A5A5ull;
 
-    static constexpr int kFrames = 12;
     struct Info {
         size_t size;
         uint64_t serial;
-        std::array<void*, kFrames> frames;  // with KORMO_HOOK_BACKTRACE=1
-        int depth;
     };
     struct State {
         std::mutex lock;
         bool installed = false;
         uint64_t points = 0, failAt = 0, failed = 0, serial = 1, foreign = 0, badTags = 0;
         bool persistent = false;
-        bool backtraces = std::getenv("KORMO_HOOK_BACKTRACE") != nullptr;
-        bool log = std::getenv("KORMO_HOOK_LOG") != nullptr;
         std::unordered_map<uintptr_t, Info> live;
     };
     static State& state() {
@@ -82,7 +71,6 @@ class CountingHooks {
         void* ptr;
         size_t size;
         uint64_t serial;  // allocation point that made it
-        std::vector<void*> frames;
     };
 
     // Replaces the library's hooks with these (idempotent).
@@ -133,10 +121,6 @@ class CountingHooks {
     static uint64_t BadTags() {
         return locked([](State& s) { return s.badTags; });
     }
-    static size_t LiveCount() {
-        return locked([](State& s) { return s.live.size(); });
-    }
-
     // Live blocks allocated at or after mark that are not recycled records.
     static std::vector<Block> Leaks(uint64_t mark) {
         std::vector<Block> out;
@@ -161,17 +145,9 @@ class CountingHooks {
 
     static std::string Describe(const std::vector<Block>& blocks) {
         std::string s;
-        for (const Block& b : blocks) {
+        for (const Block& b : blocks)
             s += "  block of " + std::to_string(b.size) + " bytes from allocation #" +
-                 std::to_string(b.serial) + ": \"" + Printable(b) + "\"" + RecordFields(b) + "\n";
-            if (!b.frames.empty()) {
-                char** names =
-                    backtrace_symbols(b.frames.data(), static_cast<int>(b.frames.size()));
-                for (size_t i = 0; names != nullptr && i < b.frames.size(); ++i)
-                    s += std::string("      ") + names[i] + "\n";
-                std::free(names);
-            }
-        }
+                 std::to_string(b.serial) + "\n";
         return s;
     }
 
@@ -193,12 +169,7 @@ class CountingHooks {
     };
     static void Track(State& s, void* p, size_t size) {
         InHookScope scope;
-        if (s.log)
-            std::fprintf(stderr, "hook: %p = #%llu (%zu bytes)\n", p,
-                         static_cast<unsigned long long>(s.serial), size);
-        Info info{size, s.serial++, {}, 0};
-        if (s.backtraces) info.depth = backtrace(info.frames.data(), kFrames);
-        s.live[reinterpret_cast<uintptr_t>(p) ^ kMask] = info;
+        s.live[reinterpret_cast<uintptr_t>(p) ^ kMask] = Info{size, s.serial++};
     }
     static bool Untrack(State& s, void* p) {
         return s.live.erase(reinterpret_cast<uintptr_t>(p) ^ kMask) != 0;
@@ -218,7 +189,6 @@ class CountingHooks {
         std::lock_guard<std::mutex> g(s.lock);
         if (Refuse(s, tag)) return nullptr;
         const uintptr_t oldKey = reinterpret_cast<uintptr_t>(ptr) ^ kMask;
-        if (s.log) std::fprintf(stderr, "hook: realloc %p\n", ptr);
         void* p = std::realloc(ptr, size != 0 ? size : 1);
         if (p == nullptr) return nullptr;
         if (ptr != nullptr && s.live.erase(oldKey) == 0) ++s.foreign;
@@ -230,7 +200,6 @@ class CountingHooks {
         State& s = state();
         {
             std::lock_guard<std::mutex> g(s.lock);
-            if (s.log) std::fprintf(stderr, "hook: free %p\n", ptr);
             if (!Untrack(s, ptr)) {
                 // Not ours: counted and left alone (freeing it could corrupt
                 // the heap of whoever owns it).
@@ -246,10 +215,8 @@ class CountingHooks {
         locked([&](State& s) {
             for (const auto& e : s.live) {
                 if (e.second.serial >= mark)
-                    out.push_back(Block{
-                        reinterpret_cast<void*>(e.first ^ kMask), e.second.size, e.second.serial,
-                        std::vector<void*>(e.second.frames.begin(),
-                                           e.second.frames.begin() + e.second.depth)});
+                    out.push_back(Block{reinterpret_cast<void*>(e.first ^ kMask), e.second.size,
+                                        e.second.serial});
             }
             return 0;
         });
@@ -280,29 +247,6 @@ class CountingHooks {
             (i->uiHeadMark == MAV_INST_HEAD || i->uiHeadMark == MAV_PINST_HEAD))
             return kInUse;
         return kNoRecord;
-    }
-
-    // Size word and marks of what looks like a record (empty otherwise).
-    static std::string RecordFields(const Block& b) {
-        uintptr_t start = reinterpret_cast<uintptr_t>(b.ptr);
-        uintptr_t rec = (start + MAV_REC_LINE - 1) & ~uintptr_t(MAV_REC_LINE - 1);
-        if (rec + sizeof(MAV_INST_REC) + sizeof(PEL_SCANPARAM) > start + b.size) return "";
-        const MAV_INST_REC* i = reinterpret_cast<const MAV_INST_REC*>(rec);
-        char text[192];
-        snprintf(text, sizeof text,
-                 " (record at +%td? size %zu head %#x tail %#x scanparam %p hdl %p init %p)",
-                 static_cast<ptrdiff_t>(rec - start), i->struct_size, i->uiHeadMark, i->uiTailMark,
-                 static_cast<void*>(i->pScanParam), static_cast<void*>(i->pHdl),
-                 static_cast<void*>(i->pPelInit));
-        return text;
-    }
-
-    static std::string Printable(const Block& b) {
-        std::string s;
-        const unsigned char* p = static_cast<const unsigned char*>(b.ptr);
-        for (size_t i = 0; i < b.size && i < 48; ++i)
-            s += (p[i] >= 0x20 && p[i] < 0x7f) ? static_cast<char>(p[i]) : '.';
-        return s;
     }
 };
 

@@ -546,11 +546,7 @@ class OomSweep : public RobustTest {
 
         auto started = std::chrono::steady_clock::now();
         uint64_t refusedRuns = 0, deviations = 0, calls = 0;
-        // KORMO_SWEEP_ONLY=k repeats one point (diagnosis).
-        const char* only = std::getenv("KORMO_SWEEP_ONLY");
-        const uint64_t first = only != nullptr ? std::strtoull(only, nullptr, 10) : 1;
-        const uint64_t last = only != nullptr ? first : points;
-        for (uint64_t k = first; k <= last; ++k) {
+        for (uint64_t k = 1; k <= points; ++k) {
             const std::string when = std::string(persistent ? "refusing from" : "refusing only") +
                                      " allocation " + std::to_string(k) + " of " +
                                      std::to_string(points);
