@@ -351,13 +351,17 @@ int Instance::Scan(const PEL_CALLBACK* cb, PEL_SCANPARAM* param, PEL_OPTPARAMS* 
     const std::string name = param->pszObjectName != nullptr ? param->pszObjectName : "";
 
     Source src;
-    std::string engineError;
+    std::string engineError, sizeless;
+    int sizelessRc = kOk;
     ObjectFile file;
     if (memory) {
         src.bytes = param->pbByte;
         src.length = param->lLength;
     } else if (file.Open(name, &engineError)) {
-        src.fd = file.Fd();
+        sizelessRc = file.ReadSizeless(kSizelessCap, &sizeless);
+        if (sizelessRc == kScanFailed) engineError = sizeless + " (" + name + ")";
+        src.bytes = file.Data();  // a file whose size reads as 0, read to its end
+        src.fd = file.Data() != nullptr ? -1 : file.Fd();
         src.length = file.Size();
     }
     auto result = std::make_unique<ScanResult>(kResultMark, param->uiJobID, name, src.length,
@@ -365,13 +369,21 @@ int Instance::Scan(const PEL_CALLBACK* cb, PEL_SCANPARAM* param, PEL_OPTPARAMS* 
     int rc = kScanFailed;
     Reply reply;
     std::string server;
-    if (engineError.empty()) {
+    if (engineError.empty() && sizelessRc == kNotScanned) {
+        rc = kNotScanned;
+        result->AddScanError(kNotScanned, sizeless);
+    } else if (engineError.empty()) {
         result->SetContent(NameExtension(name), "", "");
         Verdict v = Ask(name, src, &reply, &server);
         PEL_TRACE(pel::kTraceInfo, "icap %s: %s: %s\n", server.empty() ? "-" : server.c_str(),
                   name.empty() ? "(memory)" : name.c_str(),
                   v.kind == Verdict::kFailed ? v.error.c_str() : reply.statusLine.c_str());
-        if (v.kind == Verdict::kClean) {
+        if (v.kind == Verdict::kClean && !memory && file.Changed()) {
+            // Bytes written after the size was taken were never sent.
+            rc = kNotScanned;
+            result->AddScanError(kNotScanned, "Not scanned: the file changed while " +
+                                                  server + " read it");
+        } else if (v.kind == Verdict::kClean) {
             rc = kOk;
         } else if (v.kind != Verdict::kFound) {
             engineError = v.error;

@@ -196,12 +196,21 @@ int Instance::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, const PEL
 
     ObjectFile file;
     Bytes bytes;
-    std::string engineError;
+    std::string engineError, sizeless;
+    int sizelessRc = kOk;
     if (memory) {
         bytes.Use(param->pbByte, param->lLength);
-    } else if (file.Open(name, &engineError) && !bytes.Map(file.Fd(), file.Size())) {
-        engineError = "Cannot map " + name + ": " + std::strerror(errno);
+    } else if (file.Open(name, &engineError)) {
+        sizelessRc = file.ReadSizeless(limit != 0 ? limit : kSizelessCap, &sizeless);
+        if (sizelessRc == kScanFailed) {
+            engineError = sizeless + " (" + name + ")";
+        } else if (file.Data() != nullptr) {
+            bytes.Use(file.Data(), file.Size());
+        } else if (!bytes.Map(file.Fd(), file.Size())) {
+            engineError = "Cannot map " + name + ": " + std::strerror(errno);
+        }
     }
+    const bool viaFd = !memory && file.Data() == nullptr;
     const size_t size = memory ? param->lLength : file.Size();
     auto result = std::make_unique<ScanResult>(kResultMark, param->uiJobID, name, size,
                                                memory ? kObjectMemory : kObjectFile);
@@ -210,13 +219,16 @@ int Instance::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, const PEL
     if (!engineError.empty()) {
         rc = kScanFailed;
         result->AddScanError(kScanFailed, engineError);
+    } else if (sizelessRc == kNotScanned) {
+        rc = kNotScanned;
+        result->AddScanError(kNotScanned, sizeless);
     } else if (limit != 0 && size > limit) {
         rc = kNotScanned;
         result->AddScanError(kNotScanned, "Not scanned: SCANLIMIT exceeded (object of " +
                                               std::to_string(size) + " bytes, limit " +
                                               std::to_string(limit) + " bytes)");
     } else {
-        SetExternals(name, bytes.Data(), memory ? -1 : file.Fd(), bytes.Size(), &mime);
+        SetExternals(name, bytes.Data(), viaFd ? file.Fd() : -1, bytes.Size(), &mime);
         ScanContext ctx{result.get(), cb, Init(), false, std::string()};
         yr_scanner_set_callback(scanner_, OnScanEvent, &ctx);
         yr_scanner_set_timeout(scanner_, static_cast<int>(std::min<uint64_t>(timeoutS, INT32_MAX)));
@@ -240,6 +252,10 @@ int Instance::Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, const PEL
             rc = kScanFailed;
             engineError = "YARA scan of " + name + " failed: " + YaraErrorText(r);
             result->AddScanError(kScanFailed, engineError);
+        } else if (!memory && file.Changed()) {
+            // Bytes written after the file was mapped were never looked at.
+            rc = kNotScanned;
+            result->AddScanError(kNotScanned, "Not scanned: the file changed while it was scanned");
         }
     }
     if (out != nullptr && engineError.empty()) result->SetContent(NameExtension(name), mime, "");

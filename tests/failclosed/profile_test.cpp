@@ -64,7 +64,7 @@ TEST_F(FailClosedProfile, NotScannedJudgedByEachStep) {
         provider(c, std::string("A") + a, pel.path(), a[0] == 'W');
         provider(c, std::string("B") + a, pathB, a[0] == 'W');
     }
-    for (const char* l : {"0", "1"}) {
+    for (const char* l : {"0", "1", "2"}) {
         for (const char* a : {"W", "S"}) {
             for (const char* b : {"W", "S"}) {
                 std::string name = std::string("L") + l + a + b;
@@ -99,6 +99,8 @@ TEST_F(FailClosedProfile, NotScannedJudgedByEachStep) {
         {"L1WS", NS, V, V, 1},
         {"L1WW", E, NS, MAV_OK, 1},
         {"L1SS", MAV_OK, V, MAV_OK, 0},
+        // Any linkage but 1 is 0: a finding is never overruled by a later clean.
+        {"L2SS", V, MAV_OK, V, 0},
     };
     for (const Case& k : cases) {
         SCOPED_TRACE(std::string(k.profile) + " " + std::to_string(k.a) + "," +

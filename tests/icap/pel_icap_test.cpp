@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -52,6 +53,10 @@ class FakeIcap {
         reply_ = reply;
         delayMs_ = delayMs;
     }
+    std::string Last() {
+        std::lock_guard<std::mutex> l(lock_);
+        return last_;
+    }
 
   private:
     void Run() {
@@ -78,6 +83,7 @@ class FakeIcap {
                 "Encapsulated: null-body=0\r\n\r\n";
             if (in.compare(0, 7, "RESPMOD") == 0) {
                 std::unique_lock<std::mutex> l(lock_);
+                last_ = in;
                 std::this_thread::sleep_for(std::chrono::milliseconds(delayMs_));
                 out = reply_;
             }
@@ -88,7 +94,7 @@ class FakeIcap {
     int fd_ = -1, port_ = 0;
     std::atomic<bool> stop_{false};
     std::mutex lock_;
-    std::string reply_;
+    std::string reply_, last_;
     int delayMs_ = 0;
     std::thread thread_;
 };
@@ -207,6 +213,14 @@ TEST_F(IcapAdapter, MapsEveryReplyToAVerdictAndNeverCleanOnAnError) {
             EXPECT_EQ("hi", std::string(data.begin(), data.begin() + s.Info()->lBytesCleaned));
         }
     }
+    // A file whose size reads as 0 (/proc) is sent to its end.
+    fake.Set("ICAP/1.0 204 No Content\r\n\r\n", 0);
+    char old[16] = {};
+    pthread_getname_np(pthread_self(), old, sizeof old);
+    pthread_setname_np(pthread_self(), "SIZE0-PROBE");
+    EXPECT_EQ(0, Scanner(*adapter_, in).File("/proc/thread-self/comm"));
+    pthread_setname_np(pthread_self(), old);
+    EXPECT_NE(std::string::npos, fake.Last().find("SIZE0-PROBE\n"));
     Close(&in);
 }
 

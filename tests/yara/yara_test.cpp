@@ -2,7 +2,9 @@
 // directories written here: verdicts and names, start-up failures, limits
 // that must never read as clean, events, reload and the compiled-rules cache.
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <fstream>
@@ -110,6 +112,15 @@ TEST(Yara, RulesOfEveryFileFindTheirObjectsAndCleanDataPasses) {
     uint32_t rules = 0;
     EXPECT_EQ(MAV_OK, MavEnumDriverInfo(e.inst, 1, nullptr, text, &n, nullptr, &rules));
     EXPECT_EQ("main.yar (3)", std::string(text, n) + " (" + std::to_string(rules) + ")");
+    // A size of 0 is not believed (/proc), a FIFO is refused without a wait.
+    char old[16] = {};
+    pthread_getname_np(pthread_self(), old, sizeof old);
+    pthread_setname_np(pthread_self(), "PLAIN-MARK");
+    EXPECT_EQ(MAV_E_VIRUS_FOUND, MavScanFile(e.inst, "/proc/thread-self/comm", 3, &e.si));
+    pthread_setname_np(pthread_self(), old);
+    Dir d;
+    ASSERT_EQ(0, mkfifo((d.path + "/fifo").c_str(), 0600));
+    EXPECT_EQ(MAV_E_SCAN_FAILED, MavScanFile(e.inst, (d.path + "/fifo").c_str(), 4, &e.si));
 }
 
 TEST(Yara, StartUpFailsWithTheReason) {

@@ -203,7 +203,7 @@ class MAV_CLASS MavParameter {
  * it returns the C instances to their pools. */
 class MAV_CLASS MavInstance {
   public:
-    /* Empty instance with the profile's linkage. */
+    /* Empty instance with the profile's linkage (any value but 1 is 0). */
     explicit MavInstance(int linkage);
     virtual ~MavInstance();
     MavInstance(const MavInstance&) = delete;

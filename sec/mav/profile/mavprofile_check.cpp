@@ -55,7 +55,7 @@ Check valueCheck(const std::string& attr, const std::string& value) {
     if (oneOf(attr, {"Active", "UseReference"})) {
         return value == "true" || value == "false" ? kKnown : kIgnoredValue;
     }
-    if (attr == "ProfileLinkage") return decimal(value, 1) ? kKnown : kIgnoredValue;
+    if (attr == "ProfileLinkage") return value == "0" || value == "1" ? kKnown : kIgnoredValue;
     if (attr == "PoolMaxInstances") return decimal(value, 2) ? kKnown : kIgnoredValue;
     return kKnown;
 }

@@ -285,7 +285,8 @@ MavProfile::MavProfile(const std::string& name_)
         parameters.push_back(owned.get());
         owned.release();
     }
-    linkage = shortNumber(prop(p + ".ProfileLinkage"), 1, 0);
+    // Only 1 relaxes the rule: any other digit means every step must agree.
+    linkage = shortNumber(prop(p + ".ProfileLinkage"), 1, 0) == 1 ? 1 : 0;
     release.self = nullptr;
 }
 

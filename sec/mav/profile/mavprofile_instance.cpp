@@ -157,7 +157,7 @@ struct MavNoEngineResult {
 };
 
 MavInstance::MavInstance(int linkage_)
-    : linkage(linkage_), current(0), scanInfo(), mavHandle(nullptr) {
+    : linkage(linkage_ == 1 ? 1 : 0), current(0), scanInfo(), mavHandle(nullptr) {
     scanInfo.struct_size = 32;
 }
 
