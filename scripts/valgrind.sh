@@ -7,7 +7,7 @@
 #
 # Usage: scripts/valgrind.sh [TEST...]
 #   TEST   names of tests/<name> folders (default: lifecycle scan params
-#          profile robust soak stress, those that are test executables)
+#          profile robust stress, those that are test executables)
 # Environment: VALGRIND_TIMEOUT seconds per executable (default 1200).
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -21,7 +21,7 @@ if [ $# -gt 0 ]; then
   names=("$@")
 else
   names=()
-  for n in lifecycle scan params profile robust soak stress; do
+  for n in lifecycle scan params profile robust stress; do
     # A folder of .cpp files without its own CMakeLists.txt is test_<name>.
     if [ -d "tests/$n" ] && [ ! -f "tests/$n/CMakeLists.txt" ] &&
        compgen -G "tests/$n/*.cpp" >/dev/null; then
@@ -38,7 +38,7 @@ cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Debug -DKORMO_SANITIZE=OFF -DKORMO_TSA
 cmake --build "$build" -j"$jobs" --target testpel
 
 export TESTPEL_DIR="$PWD/$build/adapters/testpel"
-# Threads are serialised under valgrind: the soak and stress tests get fewer
+# Threads are serialised under valgrind: the stress test gets fewer
 # rounds; the checks are the same.
 export KORMO_SOAK_ROUNDS=${KORMO_SOAK_ROUNDS:-150}
 export KORMO_SOAK_SECONDS=${KORMO_SOAK_SECONDS:-120}

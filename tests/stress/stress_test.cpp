@@ -1,13 +1,22 @@
-// Thread stress of the adapter lifecycle: 8 threads mix start-up and
-// shutdown, instance creation and release, pool calls, reloads of one and of
-// all handles, handle-name lookups, scans while the handle's parameters and
-// policy flags change, and engine and parameter readers during reloads. Bounded in count and time; stops by
-// itself and prints what it did. Run under ThreadSanitizer by scripts/tsan.sh.
+// Thread stress: 8 threads mix every kind of call at once on three handles
+// (one scanning memory with an instance each and a growing pool, one scanning
+// through temporary files with a shared engine and a full pool, and handles
+// of their own) and on profile instances: start-up and shutdown, instances
+// and pools, reloads of one and of all handles, name lookups, scans with
+// their own events and parameters while the handle's values, registrations
+// and the trace level change, and the engine and parameter readers during
+// reloads. Checks what each call returns, that each event reaches the handler
+// of the instance that scanned, and that nothing is left afterwards. Bounded
+// in count and time; KORMO_SOAK_SECONDS / KORMO_SOAK_ROUNDS lengthen it
+// (scripts/stress.sh). scripts/tsan.sh runs it under ThreadSanitizer.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <random>
 #include <string>
@@ -16,226 +25,317 @@
 
 #include "kormomav.h"
 #include "mavxxi.h"
+#include "temp_dir.h"
 #include "testpel_client.h"
 
 namespace {
 
-constexpr int kThreads = 8;
-constexpr int kRoundsPerThread = 2000;
-constexpr auto kTimeLimit = std::chrono::seconds(30);
-
 enum Op {
-    kInitEnd,
-    kCreateFree,
-    kGetFree,
-    kSetPoolSize,
-    kLoadPool,
-    kFreePool,
-    kReloadOne,
-    kReloadAll,
-    kNameLookup,
-    kScanWhileSetting,
-    kReadMetadata,
-    kOpCount
+    kOwnScan, kFallbackScan, kPooledScan, kProfileScan, kOwnHandle, kPool, kReload,
+    kHandleParams, kHandleEvents, kTraceLevel, kReaders, kOpCount
 };
-const char* const kOpNames[kOpCount] = {"init+name+instances+end",
-                                        "create+free (pool handle)",
-                                        "get+free (full pool)",
-                                        "set pool size",
-                                        "load pool",
-                                        "free pool",
-                                        "reload one handle",
-                                        "reload all handles",
-                                        "handle-name lookup",
-                                        "scan while setting",
-                                        "metadata readers"};
+const char* const kOpNames[kOpCount] = {
+    "scan, own events and params", "scan via temporary file", "pooled scan while setting",
+    "profile instance scan", "own handle start to end", "pool calls", "reload one or all",
+    "handle parameters", "handle event registration", "trace level", "readers and lookups"};
 
 std::atomic<uint64_t> opsDone[kOpCount];
 std::atomic<uint64_t> traceLines{0};
 std::mutex failLock;
 std::vector<std::string> failures;
 
+void Fail(const std::string& what) {
+    std::lock_guard<std::mutex> g(failLock);
+    if (failures.size() < 30) failures.push_back(what);
+}
+void Expect(bool ok, const char* what, MAV_RC rc) {
+    if (!ok) Fail(std::string(what) + " gave " + MavErrorName(rc));
+}
+bool OkOr(MAV_RC rc, MAV_RC other) { return rc == MAV_OK || rc == other; }
+
 int CountTrace(const char*, const char*, int, uint32_t, const char*) {
     traceLines.fetch_add(1, std::memory_order_relaxed);
     return 0;
 }
 
-void Expect(bool ok, const char* what, MAV_RC rc) {
-    if (ok) return;
-    std::lock_guard<std::mutex> g(failLock);
-    if (failures.size() < 20) failures.push_back(std::string(what) + " gave " + MavErrorName(rc));
+uint64_t EnvNumber(const char* name, uint64_t fallback) {
+    const char* v = std::getenv(name);
+    return v != nullptr && *v != '\0' ? std::strtoull(v, nullptr, 10) : fallback;
 }
 
-bool OkOr(MAV_RC rc, MAV_RC other) {
-    return rc == MAV_OK || rc == other;
+// Events of one scan, counted by the handler of the instance that scans.
+struct ScanEvents {
+    MAV_INST expected = nullptr;
+    int virus = 0, object = 0, progress = 0, foreign = 0;
+};
+ScanEvents* Seen(MAV_INST inst, void* user) {
+    ScanEvents* e = static_cast<ScanEvents*>(user);
+    if (inst != e->expected) ++e->foreign;
+    return e;
+}
+VS_CALLRC OnVirus(MAV_INST inst, void* user, void* data) {
+    const MAV_VIRUSINFO* v = static_cast<const MAV_VIRUSINFO*>(data);
+    Seen(inst, user)->virus += v != nullptr && strcmp(v->pszVirusName, "Stress-Virus") == 0;
+    return 0;
+}
+VS_CALLRC OnObject(MAV_INST inst, void* user, void* data) {
+    Seen(inst, user)->object += data != nullptr && strcmp(static_cast<char*>(data), "inner") == 0;
+    return 0;
+}
+VS_CALLRC OnProgress(MAV_INST inst, void* user, void*) {
+    ++Seen(inst, user)->progress;
+    return 0;
+}
+VS_CALLRC OnHandleEvent(MAV_INST inst, uint32_t, void*, void*) {
+    if (MavGetHandle(inst) == nullptr) Fail("handle-level event for no instance");
+    return 0;
 }
 
 struct Shared {
-    const char* path;
-    MAV_HANDLE pool;  // pool that grows and shrinks (thread model 0)
-    MAV_HANDLE full;  // full pool of a shared engine (thread model 1)
+    MAV_HANDLE memory;    // scans memory, one engine per instance, pool grows and shrinks
+    MAV_HANDLE fallback;  // scans files only, one shared engine, full pool
+    std::string file, path;
 };
 
-void Worker(int id, const Shared& s, std::chrono::steady_clock::time_point deadline) {
-    std::mt19937 rng(1234u + static_cast<unsigned>(id));
-    std::uniform_int_distribution<int> pick(0, kOpCount - 1);
-    std::uniform_int_distribution<int> small(0, 4);
-    const std::string name = "stress" + std::to_string(id);
-    for (int round = 0; round < kRoundsPerThread; ++round) {
-        if (std::chrono::steady_clock::now() > deadline) break;
-        Op op = static_cast<Op>(pick(rng));
-        MAV_RC rc = MAV_OK;
-        switch (op) {
-            case kInitEnd: {
-                MAV_HANDLE h = nullptr;
-                rc = MavInit(s.path, &h);
-                Expect(rc == MAV_OK, "MavInit", rc);
-                rc = MavSetHandleName(h, name.c_str(), name.size());
-                Expect(rc == MAV_OK, "MavSetHandleName", rc);
-                if (small(rng) < 2) MavSetPoolSize(h, 1);
-                MAV_INST a = nullptr, b = nullptr;
-                rc = MavCreateInstance(h, &a);
-                Expect(rc == MAV_OK, "MavCreateInstance (own)", rc);
-                rc = MavCreateInstance(h, &b);
-                Expect(rc == MAV_OK, "MavCreateInstance (own)", rc);
-                Expect(MavGetHandle(b) == h, "MavGetHandle (own)", MAV_OK);
-                rc = MavFreeInstance(&b);
-                Expect(rc == MAV_OK, "MavFreeInstance (own)", rc);
-                rc = MavFreeInstance(&a);
-                Expect(rc == MAV_OK, "MavFreeInstance (own)", rc);
-                rc = MavEnd(&h);
-                Expect(rc == MAV_OK && h == nullptr, "MavEnd (own)", rc);
-                break;
-            }
-            case kCreateFree: {
-                MAV_INST i = nullptr;
-                rc = MavCreateInstance(s.pool, &i);
-                Expect(rc == MAV_OK, "MavCreateInstance", rc);
-                Expect(MavGetHandle(i) == s.pool, "MavGetHandle", MAV_OK);
-                std::this_thread::yield();
-                rc = MavFreeInstance(&i);
-                Expect(rc == MAV_OK, "MavFreeInstance", rc);
-                break;
-            }
-            case kGetFree: {
-                MAV_INST i = MavGetInstance(s.full);
-                if (i != nullptr) {
-                    rc = MavFreeInstance(&i);
-                    Expect(rc == MAV_OK, "MavFreeInstance (full pool)", rc);
-                }
-                break;
-            }
-            case kSetPoolSize:
-                rc = MavSetPoolSize(s.pool, static_cast<size_t>(small(rng)));
-                Expect(rc == MAV_OK, "MavSetPoolSize", rc);
-                Expect(MavGetPoolSize(s.pool) <= 5, "MavGetPoolSize", MAV_OK);
-                break;
-            case kLoadPool:
-                rc = MavLoadPool(s.pool, static_cast<size_t>(1 + small(rng)), round % 2);
-                Expect(OkOr(rc, MAV_E_INVALID_PARAM), "MavLoadPool", rc);
-                break;
-            case kFreePool:
-                rc = MavFreePool(s.pool);
-                Expect(OkOr(rc, MAV_E_IN_PROGRESS), "MavFreePool", rc);
-                break;
-            case kReloadOne:
-                rc = MavReload(round % 2 ? s.pool : s.full);
-                Expect(OkOr(rc, MAV_E_IN_PROGRESS), "MavReload (one)", rc);
-                break;
-            case kReloadAll:
-                rc = MavReload(nullptr);
-                Expect(OkOr(rc, MAV_E_IN_PROGRESS), "MavReload (all)", rc);
-                break;
-            case kNameLookup: {
-                MavGetHandleByName("stress", 6);
-                MavIXGetHdlSizeByName("stress", 6, 100);
-                Expect(MavGetHandleByName("shared-full", 11) == s.full, "MavGetHandleByName",
-                       MAV_OK);
-                Expect(MavIXGetHdlSize() >= 2, "MavIXGetHdlSize", MAV_OK);
-                break;
-            }
-            case kScanWhileSetting: {
-                // Scans on a pooled instance while the handle's values and
-                // flags change on other threads (read without the lock).
-                MAV_INST i = MavGetInstance(s.full);
-                std::string limit = std::to_string(round);
-                rc = MavSetParameter(s.full, "SCANLIMIT", VS_TYPE_LONG, limit.c_str());
-                Expect(rc == MAV_OK, "MavSetParameter (handle)", rc);
-                MavSetParameter(s.full, "CUST_NOT_SCANNED_AS_WARNING", VS_TYPE_BOOL,
-                                round % 2 ? "1" : "0");
-                MavSetParameter(s.full, "CUST_CLEAN", VS_TYPE_BOOL, round % 3 ? "1" : "0");
-                if (i != nullptr) {
-                    unsigned char bytes[8] = {'s', 't', 'r', 'e', 's', 's', 0, 0};
-                    rc = MavScanBytes(i, "stress", bytes, sizeof bytes, 0, nullptr);
-                    Expect(rc == MAV_OK, "MavScanBytes (pooled)", rc);
-                    rc = MavFreeInstance(&i);
-                    Expect(rc == MAV_OK, "MavFreeInstance (scanned)", rc);
-                }
-                break;
-            }
-            case kReadMetadata: {
-                char text[128];
-                size_t len = sizeof text;
-                MavGetEngineInfo(s.full, nullptr, text, &len, nullptr, nullptr, nullptr);
-                len = sizeof text;
-                MavEnumDriverInfo(s.full, 0, nullptr, text, &len, nullptr, nullptr);
-                MavAdapterErrorCode(s.full);
-                char* err = text;
-                len = sizeof text;
-                MavAdapterErrorText(s.full, &err, &len);
-                if (err != text) MavIFree(err);
-                len = sizeof text;
-                rc = MavGetParameter(s.full, "SCANLIMIT", nullptr, text, &len);
-                Expect(rc == MAV_OK, "MavGetParameter", rc);
-                break;
-            }
-            default:
-                break;
+// One scan on a new instance with its own events and parameters.
+void OwnScan(MAV_HANDLE h, const Shared& s, bool file, std::mt19937& rng, int id) {
+    MAV_INST inst = nullptr;
+    MAV_RC rc = MavCreateInstance(h, &inst);
+    Expect(rc == MAV_OK, "MavCreateInstance", rc);
+    if (inst == nullptr) return;
+    ScanEvents events;
+    events.expected = inst;
+    MAV_EVENTS table = {};
+    table.OnVirusFound = OnVirus;
+    table.OnObjectFound = OnObject;
+    table.ScanProgress = OnProgress;
+    rc = MavRegisterEvents(inst, &table, &events);
+    Expect(rc == MAV_OK, "MavRegisterEvents (instance)", rc);
+    rc = MavSetParameter(inst, "SCANLIMIT", VS_TYPE_LONG, std::to_string(rng() % 9999).c_str());
+    Expect(rc == MAV_OK, "MavSetParameter (instance)", rc);
+    const std::string ext = "ext" + std::to_string(id);
+    rc = MavSetParameter(inst, "SCANEXTENSIONS", VS_TYPE_CHAR, ext.c_str());
+    Expect(rc == MAV_OK, "MavSetParameter CHAR (instance)", rc);
+
+    MAV_SCANINFO si = {sizeof(MAV_SCANINFO), 0, 0, 0, 0, 0, 0};
+    unsigned char bytes[256];
+    memset(bytes, 'a' + id, sizeof bytes);
+    rc = file ? MavScanFile(inst, s.file.c_str(), rng(), &si)
+              : MavScanBytes(inst, "object", bytes, sizeof bytes, rng(), &si);
+    Expect(rc == MAV_E_VIRUS_FOUND && si.uiInfections == 1, "scan", rc);
+    if (events.virus != 1 || events.object != 1 || events.progress != 1 || events.foreign != 0)
+        Fail("events of a scan: " + std::to_string(events.virus) + " " +
+             std::to_string(events.object) + " " + std::to_string(events.progress) + " foreign " +
+             std::to_string(events.foreign));
+    char text[64];
+    size_t len = sizeof text;
+    rc = MavEnumInfections(inst, 0, nullptr, nullptr, text, &len, nullptr, nullptr, nullptr,
+                           nullptr, nullptr);
+    Expect(rc == MAV_OK && std::string(text, len) == "Stress-Virus", "MavEnumInfections", rc);
+    len = sizeof text;
+    rc = MavGetParameter(inst, "SCANEXTENSIONS", nullptr, text, &len);
+    Expect(rc == MAV_OK && std::string(text, len) == ext, "MavGetParameter (instance)", rc);
+    rc = MavFreeInstance(&inst);
+    Expect(rc == MAV_OK, "MavFreeInstance", rc);
+}
+
+void Step(Op op, const Shared& s, std::mt19937& rng, int id, uint64_t round) {
+    MAV_RC rc = MAV_OK;
+    switch (op) {
+        case kOwnScan: OwnScan(s.memory, s, round % 2, rng, id); break;
+        case kFallbackScan: OwnScan(s.fallback, s, false, rng, id); break;
+        case kPooledScan: {
+            // The handle's values and flags change on other threads meanwhile.
+            MAV_INST i = MavGetInstance(s.fallback);
+            rc = MavSetParameter(s.fallback, "SCANLIMIT", VS_TYPE_LONG, std::to_string(round).c_str());
+            Expect(rc == MAV_OK, "MavSetParameter (handle)", rc);
+            MavSetParameter(s.fallback, "CUST_NOT_SCANNED_AS_WARNING", VS_TYPE_BOOL, round % 2 ? "1" : "0");
+            if (i == nullptr) break;
+            unsigned char bytes[8] = {'s'};
+            rc = MavScanBytes(i, "pooled", bytes, sizeof bytes, 0, nullptr);
+            Expect(rc == MAV_E_VIRUS_FOUND, "MavScanBytes (pooled)", rc);
+            rc = MavFreeInstance(&i);
+            Expect(rc == MAV_OK, "MavFreeInstance (pooled)", rc);
+            break;
         }
+        case kProfileScan: {
+            MAV_INST p = nullptr;
+            rc = MavGetProfileInstance("STRESS", &p);
+            Expect(rc == MAV_OK && p != nullptr, "MavGetProfileInstance", rc);
+            if (p == nullptr) break;
+            unsigned char bytes[64] = {0};
+            rc = MavScanBytes(p, "profile", bytes, sizeof bytes, 1, nullptr);
+            Expect(rc == MAV_E_VIRUS_FOUND, "profile scan", rc);
+            rc = MavFreeInstance(&p);
+            Expect(rc == MAV_OK, "MavFreeInstance (profile)", rc);
+            break;
+        }
+        case kOwnHandle: {
+            MAV_HANDLE h = nullptr;
+            rc = MavInit(s.path.c_str(), &h);
+            Expect(rc == MAV_OK, "MavInit", rc);
+            const std::string name = "stress" + std::to_string(id);
+            rc = MavSetHandleName(h, name.c_str(), name.size());
+            Expect(rc == MAV_OK, "MavSetHandleName", rc);
+            if (round % 3 == 0) MavSetPoolSize(h, 1);
+            MAV_INST a = nullptr, b = nullptr;
+            Expect(MavCreateInstance(h, &a) == MAV_OK && MavCreateInstance(h, &b) == MAV_OK &&
+                       MavGetHandle(b) == h, "MavCreateInstance (own)", MAV_OK);
+            Expect(MavFreeInstance(&b) == MAV_OK && MavFreeInstance(&a) == MAV_OK,
+                   "MavFreeInstance (own)", MAV_OK);
+            rc = MavEnd(&h);
+            Expect(rc == MAV_OK && h == nullptr, "MavEnd (own)", rc);
+            break;
+        }
+        case kPool:
+            switch (rng() % 3) {
+                case 0:
+                    rc = MavSetPoolSize(s.memory, rng() % 5);
+                    Expect(rc == MAV_OK && MavGetPoolSize(s.memory) <= 5, "MavSetPoolSize", rc);
+                    break;
+                case 1:
+                    rc = MavLoadPool(s.memory, 1 + rng() % 4, round % 2);
+                    Expect(OkOr(rc, MAV_E_INVALID_PARAM), "MavLoadPool", rc);
+                    break;
+                default:
+                    rc = MavFreePool(s.memory);
+                    Expect(OkOr(rc, MAV_E_IN_PROGRESS), "MavFreePool", rc);
+            }
+            break;
+        case kReload: {
+            MAV_HANDLE which[] = {s.memory, s.fallback, nullptr};
+            rc = MavReload(which[rng() % 3]);
+            Expect(OkOr(rc, MAV_E_IN_PROGRESS), "MavReload", rc);
+            break;
+        }
+        case kHandleParams: {
+            rc = MavSetParameter(s.memory, "SCANEXTENSIONS", VS_TYPE_CHAR,
+                                 ("h" + std::to_string(rng() % 1000)).c_str());
+            Expect(rc == MAV_OK, "MavSetParameter (handle)", rc);
+            char value[32];
+            size_t len = sizeof value;
+            rc = MavGetParameter(s.memory, "SCANEXTENSIONS", nullptr, value, &len);
+            Expect(rc == MAV_OK && len >= 2 && value[0] == 'h', "MavGetParameter (handle)", rc);
+            rc = MavSetParameter(s.memory, "INITTIMEOUT", VS_TYPE_INT, std::to_string(rng() % 600).c_str());
+            Expect(rc == MAV_OK, "MavSetParameter INT (handle)", rc);
+            break;
+        }
+        case kHandleEvents: {
+            MAV_HANDLE h = rng() % 2 ? s.memory : s.fallback;
+            rc = rng() % 2 ? MavRegisterSingleEventHandler(h, OnHandleEvent, VS_M_VIRUS, nullptr)
+                           : MavRegisterSingleEventHandler(h, nullptr, 0, nullptr);
+            Expect(rc == MAV_OK, "MavRegisterSingleEventHandler (handle)", rc);
+            break;
+        }
+        case kTraceLevel: {
+            const uint32_t levels[] = {0, MAV_TRC_ERROR, MAV_TRC_ERROR | MAV_TRC_EVENT, 0x7FFE};
+            rc = MavSetTraceLevel(levels[rng() % 4]);
+            Expect(rc == MAV_OK, "MavSetTraceLevel", rc);
+            break;
+        }
+        case kReaders: {
+            char text[128];
+            size_t len = sizeof text;
+            rc = MavGetPelInfo(s.fallback, nullptr, nullptr, nullptr, text, &len, nullptr, nullptr);
+            Expect(rc == MAV_OK && std::string(text, len) == "testpel", "MavGetPelInfo", rc);
+            len = sizeof text;
+            MavGetEngineInfo(s.fallback, nullptr, text, &len, nullptr, nullptr, nullptr);
+            len = sizeof text;
+            MavEnumDriverInfo(s.fallback, 0, nullptr, text, &len, nullptr, nullptr);
+            MavAdapterErrorCode(s.fallback);
+            char* err = text;
+            len = sizeof text;
+            MavAdapterErrorText(s.fallback, &err, &len);
+            if (err != text) MavIFree(err);
+            len = sizeof text;
+            rc = MavGetParameter(s.fallback, "SCANLIMIT", nullptr, text, &len);
+            Expect(rc == MAV_OK, "MavGetParameter", rc);
+            MavGetHandleByName("stress", 6);
+            MavIXGetHdlSizeByName("stress", 6, 100);
+            Expect(MavGetHandleByName("shared-full", 11) == s.fallback, "MavGetHandleByName", MAV_OK);
+            break;
+        }
+        default: break;
+    }
+}
+
+void Worker(int id, const Shared& s, uint64_t rounds, std::chrono::steady_clock::time_point end) {
+    std::mt19937 rng(4321u + static_cast<unsigned>(id));
+    for (uint64_t round = 0; round < rounds && std::chrono::steady_clock::now() < end; ++round) {
+        Op op = static_cast<Op>(rng() % kOpCount);
+        Step(op, s, rng, id, round);
         opsDone[op].fetch_add(1, std::memory_order_relaxed);
     }
 }
 
-TEST(Stress, MixedLifecycleCallsOnEightThreads) {
+std::string RuntimeConfig(const std::string& adapter) {
+    const std::string p = "mav.provider.Pelmark.Adapters.STRESSP";
+    return "mav.defaults.profile=STRESS\nmav.profile.STRESS=STRESS\nmav.profile.STRESS.Active=true\n"
+           "mav.profile.STRESS.ProfileSteps.0=0\nmav.profile.STRESS.ProfileSteps.0.ProfileEntryType=0\n"
+           "mav.profile.STRESS.ProfileSteps.0.ProfileEntryValue=STRESSG\nmav.group.STRESSG=STRESSG\n" +
+           p + "=STRESSP\n" + p + ".Active=true\n" + p + ".Group=STRESSG\n" + p +
+           ".PoolMaxInstances=4\n" + p + ".AdapterPath=" + adapter + "\n";
+}
+
+TEST(Stress, EveryKindOfCallOnEightThreads) {
+    constexpr int kThreads = 8;
+    const uint64_t seconds = EnvNumber("KORMO_SOAK_SECONDS", 10);
+    const uint64_t rounds = EnvNumber("KORMO_SOAK_ROUNDS", 2000);
     TestPel pel;
+    TempDir dir;
     MavSetTraceHandler(CountTrace);
-    Shared s{pel.path(), nullptr, nullptr};
-    pel.add_param(0, VS_P_SCANLIMIT, VS_TYPE_LONG, "100");
+    pel.add_param(1, VS_P_INITTIMEOUT, VS_TYPE_INT, "30");
+    pel.add_param(0, 104, VS_TYPE_CHAR, "exe,com");  // SCANEXTENSIONS
+    pel.add_param(0, VS_P_SCANLIMIT, VS_TYPE_LONG, "1000");
     pel.set_engine(1, 2, "stress engine", 1700000000, 42);
     pel.add_driver("stress driver", 1, 0, 1700000000, 42, 1, 0);
-    ASSERT_EQ(MAV_OK, MavInit(s.path, &s.pool));
+    pel.script_rc(MAV_E_VIRUS_FOUND);
+    pel.script_infection("Stress-Virus", "object", 7, 0, TPEL_SIZE_OF_OBJECT, nullptr);
+    pel.script_event(VS_M_VIRUS, 0, nullptr, 0, 0);
+    pel.script_event(VS_M_OBJECTFOUND, 0, "inner", 0, 0);
+    pel.script_event(VS_M_SCANPROGRESS, 0, nullptr, 100, 0);
+    Shared s{nullptr, nullptr, dir.write("sample.bin", "stress sample"), pel.path()};
+
+    ASSERT_EQ(MAV_OK, MavInit(pel.path(), &s.memory));
+    ASSERT_EQ(MAV_OK, MavLoadPool(s.memory, 4, 1));
     pel.set_adapter_info(4711, 1, 2, 1, 0, "Kormo Test", "testpel");
-    ASSERT_EQ(MAV_OK, MavInit(s.path, &s.full));
+    pel.set_flags(PEL_SCANFLAG_FILE, 0x19, VS_M_ALL, 0);
+    ASSERT_EQ(MAV_OK, MavInit(pel.path(), &s.fallback));
     pel.set_adapter_info(4711, 0, 2, 1, 0, "Kormo Test", "testpel");
-    ASSERT_EQ(MAV_OK, MavSetHandleName(s.full, "shared-full", 11));
-    ASSERT_EQ(MAV_OK, MavLoadPool(s.full, 4, 0));
+    pel.set_flags(0x3, 0x19, VS_M_ALL, 0);
+    ASSERT_EQ(MAV_OK, MavSetHandleName(s.fallback, "shared-full", 11));
+    ASSERT_EQ(MAV_OK, MavLoadPool(s.fallback, 4, 0));
+    const std::string config = RuntimeConfig(pel.path());
+    ASSERT_EQ(MAV_OK, MavStartRuntime(config.data(), config.size()));
 
     auto start = std::chrono::steady_clock::now();
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back(Worker, t, std::cref(s), start + kTimeLimit);
+        threads.emplace_back(Worker, t, std::cref(s), rounds, start + std::chrono::seconds(seconds));
     for (std::thread& t : threads) t.join();
-    double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-
+    MavSetTraceLevel(0);
     uint64_t total = 0;
-    std::printf("stress: %d threads, %.2f s\n", kThreads, secs);
+    std::printf("stress: %d threads, %.2f s\n", kThreads,
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
     for (int op = 0; op < kOpCount; ++op) {
-        std::printf("  %-26s %8llu\n", kOpNames[op],
-                    static_cast<unsigned long long>(opsDone[op].load()));
+        std::printf("  %-30s %8llu\n", kOpNames[op], static_cast<unsigned long long>(opsDone[op].load()));
         total += opsDone[op].load();
     }
-    std::printf("  %-26s %8llu\n  %-26s %8llu\n", "total operations",
+    std::printf("  %-30s %8llu\n  %-30s %8llu\n", "total operations",
                 static_cast<unsigned long long>(total), "trace lines",
                 static_cast<unsigned long long>(traceLines.load()));
     std::fflush(stdout);
+    RecordProperty("operations", static_cast<int>(total));
 
     for (const std::string& f : failures) ADD_FAILURE() << f;
-    EXPECT_EQ(MAV_OK, MavEnd(&s.pool));
-    EXPECT_EQ(MAV_OK, MavEnd(&s.full));
+    EXPECT_EQ(MAV_OK, MavStopRuntime());
+    EXPECT_EQ(MAV_OK, MavEnd(&s.memory));
+    EXPECT_EQ(MAV_OK, MavEnd(&s.fallback));
     EXPECT_EQ(0u, MavIXGetHdlSize());
     EXPECT_EQ(0, pel.live_inits());
+    EXPECT_EQ(0, pel.live_scaninfos());
     EXPECT_EQ(0u, pel.bad_releases());
-    EXPECT_GT(total, 0u);
+    EXPECT_GT(pel.max_concurrent_scans(), 1u) << "scans never overlapped";
     MavSetTraceHandler(nullptr);
 }
 
