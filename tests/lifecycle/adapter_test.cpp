@@ -56,8 +56,6 @@ TEST_F(AdapterChoice, PathThenEnvironmentThenNothing) {
                               "was set. \nCould not load an adapter library...\n"));
 }
 
-using AdapterStart = Lifecycle;
 
-using AdapterTrace = Lifecycle;
 
 }  // namespace

@@ -15,7 +15,6 @@
 
 namespace {
 
-// ---- Lookups ------------------------------------------------------------------------
 
 // ---- Values on a handle and its instances ----------------------------------------------
 
@@ -124,6 +123,5 @@ TEST_F(Params, TempPathRefusesAnUnwritableDirectory) {
     EXPECT_EQ(nullptr, static_cast<MAV_HDL_REC*>(hdl)->pszTmpPath);
 }
 
-// ---- Building a configuration ----------------------------------------------------------------
 
 }  // namespace

@@ -29,6 +29,16 @@ inline std::string testpelPath(const char* variant = "libtestpel.so") {
     return std::string(dir ? dir : ".") + "/" + variant;
 }
 
+// The control functions, resolved into members of the same names.
+#define TESTPEL_CONTROLS(X) \
+    X(reset) X(set_adapter_info) X(set_no_adapter_info) X(set_flags) X(clear_params) \
+    X(set_null_param_lists) X(add_param) X(set_last_param_length) X(fail) X(calls) X(live_inits) \
+    X(live_scaninfos) X(last_scan) X(script_clear) X(script_rc) X(script_counts) \
+    X(script_no_scaninfo) X(script_null_arrays) X(script_infection) X(script_scan_error) \
+    X(script_content) X(script_cleaned) X(script_event) X(event_results) X(set_engine) \
+    X(clear_drivers) X(add_driver) X(last_param) X(bad_releases) X(script_delay_ms) \
+    X(max_concurrent_scans)
+
 struct TestPel {
     // Loads the variant (RTLD_LOCAL: its Pel* names must not shadow another
     // adapter's) and resets it. Aborts with the loader's text on failure, since
@@ -36,38 +46,8 @@ struct TestPel {
     explicit TestPel(const char* variant = "libtestpel.so") : path_(testpelPath(variant)) {
         dl_ = dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL);
         if (!dl_) die(dlerror());
-#define TESTPEL_RESOLVE(name) name = reinterpret_cast<decltype(&::tpel_##name)>(need("tpel_" #name))
-        TESTPEL_RESOLVE(reset);
-        TESTPEL_RESOLVE(set_adapter_info);
-        TESTPEL_RESOLVE(set_no_adapter_info);
-        TESTPEL_RESOLVE(set_flags);
-        TESTPEL_RESOLVE(clear_params);
-        TESTPEL_RESOLVE(set_null_param_lists);
-        TESTPEL_RESOLVE(add_param);
-        TESTPEL_RESOLVE(set_last_param_length);
-        TESTPEL_RESOLVE(fail);
-        TESTPEL_RESOLVE(calls);
-        TESTPEL_RESOLVE(live_inits);
-        TESTPEL_RESOLVE(live_scaninfos);
-        TESTPEL_RESOLVE(last_scan);
-        TESTPEL_RESOLVE(script_clear);
-        TESTPEL_RESOLVE(script_rc);
-        TESTPEL_RESOLVE(script_counts);
-        TESTPEL_RESOLVE(script_no_scaninfo);
-        TESTPEL_RESOLVE(script_null_arrays);
-        TESTPEL_RESOLVE(script_infection);
-        TESTPEL_RESOLVE(script_scan_error);
-        TESTPEL_RESOLVE(script_content);
-        TESTPEL_RESOLVE(script_cleaned);
-        TESTPEL_RESOLVE(script_event);
-        TESTPEL_RESOLVE(event_results);
-        TESTPEL_RESOLVE(set_engine);
-        TESTPEL_RESOLVE(clear_drivers);
-        TESTPEL_RESOLVE(add_driver);
-        TESTPEL_RESOLVE(last_param);
-        TESTPEL_RESOLVE(bad_releases);
-        TESTPEL_RESOLVE(script_delay_ms);
-        TESTPEL_RESOLVE(max_concurrent_scans);
+#define TESTPEL_RESOLVE(name) name = reinterpret_cast<decltype(&::tpel_##name)>(need("tpel_" #name));
+        TESTPEL_CONTROLS(TESTPEL_RESOLVE)
 #undef TESTPEL_RESOLVE
         reset();
     }
@@ -91,37 +71,9 @@ struct TestPel {
         return reinterpret_cast<F>(dlsym(dl_, name));
     }
 
-    decltype(&::tpel_reset) reset;
-    decltype(&::tpel_set_adapter_info) set_adapter_info;
-    decltype(&::tpel_set_no_adapter_info) set_no_adapter_info;
-    decltype(&::tpel_set_flags) set_flags;
-    decltype(&::tpel_clear_params) clear_params;
-    decltype(&::tpel_set_null_param_lists) set_null_param_lists;
-    decltype(&::tpel_add_param) add_param;
-    decltype(&::tpel_set_last_param_length) set_last_param_length;
-    decltype(&::tpel_fail) fail;
-    decltype(&::tpel_calls) calls;
-    decltype(&::tpel_live_inits) live_inits;
-    decltype(&::tpel_live_scaninfos) live_scaninfos;
-    decltype(&::tpel_last_scan) last_scan;
-    decltype(&::tpel_script_clear) script_clear;
-    decltype(&::tpel_script_rc) script_rc;
-    decltype(&::tpel_script_counts) script_counts;
-    decltype(&::tpel_script_no_scaninfo) script_no_scaninfo;
-    decltype(&::tpel_script_null_arrays) script_null_arrays;
-    decltype(&::tpel_script_infection) script_infection;
-    decltype(&::tpel_script_scan_error) script_scan_error;
-    decltype(&::tpel_script_content) script_content;
-    decltype(&::tpel_script_cleaned) script_cleaned;
-    decltype(&::tpel_script_event) script_event;
-    decltype(&::tpel_event_results) event_results;
-    decltype(&::tpel_set_engine) set_engine;
-    decltype(&::tpel_clear_drivers) clear_drivers;
-    decltype(&::tpel_add_driver) add_driver;
-    decltype(&::tpel_last_param) last_param;
-    decltype(&::tpel_bad_releases) bad_releases;
-    decltype(&::tpel_script_delay_ms) script_delay_ms;
-    decltype(&::tpel_max_concurrent_scans) max_concurrent_scans;
+#define TESTPEL_MEMBER(name) decltype(&::tpel_##name) name = nullptr;
+    TESTPEL_CONTROLS(TESTPEL_MEMBER)
+#undef TESTPEL_MEMBER
 
     // The last scan request (zeroed when there was none).
     TPEL_LAST_SCAN lastScan() const {
