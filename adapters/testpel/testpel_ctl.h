@@ -50,8 +50,6 @@ void tpel_reset(void);
 void tpel_set_adapter_info(uint32_t adapterId, uint32_t threadModel, uint16_t mavVersion,
                            uint16_t pelMajor, uint16_t pelMinor, const char* vendorInfo,
                            const char* adapterName);
-/* 1: PEL_CONFIG.pAdapterInfo is null. */
-void tpel_set_no_adapter_info(int on);
 void tpel_set_flags(uint32_t scanFlag, uint32_t actionFlag, uint32_t eventFlag,
                     uint32_t cioFlag);
 /* Removes every parameter; both lists become empty (usNumParams 0). */
@@ -150,7 +148,6 @@ int tpel_event_results(int32_t* out, int max);
 /* Engine record returned by PelInit. */
 void tpel_set_engine(uint16_t major, uint16_t minor, const char* versionText, int64_t date,
                      uint32_t viruses);
-void tpel_clear_drivers(void);
 void tpel_add_driver(const char* name, uint16_t major, uint16_t minor, int64_t date,
                      uint32_t viruses, uint32_t variants, int32_t driverRc);
 

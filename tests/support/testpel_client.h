@@ -31,12 +31,12 @@ inline std::string testpelPath(const char* variant = "libtestpel.so") {
 
 // The control functions, resolved into members of the same names.
 #define TESTPEL_CONTROLS(X) \
-    X(reset) X(set_adapter_info) X(set_no_adapter_info) X(set_flags) X(clear_params) \
+    X(reset) X(set_adapter_info) X(set_flags) X(clear_params) \
     X(set_null_param_lists) X(add_param) X(set_last_param_length) X(fail) X(calls) X(live_inits) \
     X(live_scaninfos) X(last_scan) X(script_clear) X(script_rc) X(script_counts) \
     X(script_no_scaninfo) X(script_null_arrays) X(script_infection) X(script_scan_error) \
     X(script_content) X(script_cleaned) X(script_event) X(event_results) X(set_engine) \
-    X(clear_drivers) X(add_driver) X(last_param) X(bad_releases) X(script_delay_ms) \
+    X(add_driver) X(last_param) X(bad_releases) X(script_delay_ms) \
     X(max_concurrent_scans)
 
 struct TestPel {
