@@ -24,12 +24,6 @@ void* PlainRealloc(void* p, size_t size, const char*) {
     return failAlloc ? nullptr : realloc(p, size);
 }
 
-std::vector<std::string> traced;
-int CaptureTrace(const char*, const char*, int, uint32_t, const char* text) {
-    traced.push_back(text);
-    return 0;
-}
-
 class ErrorList : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -82,19 +76,6 @@ TEST_F(ErrorList, LatestTextIsReturnedAndEmptyTextsIgnored) {
     EXPECT_EQ(sizeof storage, len);  // left as the caller set it
     EXPECT_EQ(MAV_E_NULL_PARAM, MavAdapterErrorText(nullptr, &buf, &len));
 
-    // The null handle is refused before the entry line; every entry line has
-    // its exit line.
-    traced.clear();
-    MavSetTraceHandler(CaptureTrace);
-    MavSetTraceLevel(MAV_TRC_ERROR | MAV_TRC_FUNCTION);
-    EXPECT_EQ(MAV_E_NULL_PARAM, MavAdapterErrorText(nullptr, &buf, &len));
-    EXPECT_EQ(MAV_OK, MavAdapterErrorText(hdl_, &buf, nullptr));  // nothing asked
-    MavSetTraceLevel(0);
-    MavSetTraceHandler(nullptr);
-    ASSERT_EQ(3u, traced.size());
-    EXPECT_EQ("Invalid NULL parameter for handle\n", traced[0]);
-    EXPECT_EQ(0u, traced[1].rfind(">> start >> MavAdapterErrorText(", 0)) << traced[1];
-    EXPECT_EQ("<<  end  << MavAdapterErrorText(MAV_RC==MAV_OK) \n", traced[2]);
 }
 
 TEST_F(ErrorList, SmallBufferIsReplacedAndGrowthKeepsEntries) {
