@@ -30,25 +30,12 @@ const char kEmpty[] = "";
 
 // Adapter-wide state: the configuration reported to every handle, and the
 // engines of failed PelInit calls.
-struct Global {
-    std::mutex lock;
-    bool started = false;
+struct Global : AdapterState<Engine, 2, 8> {
     EngineDefaults defaults;
     std::string vendor;
     std::string dbDir;  // reported default of INITDRIVERDIRECTORY
-    PEL_ADAPTERINFO info;
-    PEL_PARAM initParams[2];
-    PEL_PARAM optParams[8];
-    PEL_PARAMS initList;
-    PEL_PARAMS optList;
-    PEL_CONFIG config;
-    FailedInits<Engine> failed;
 };
-
-Global& G() {
-    static Global* g = new Global();  // lives as long as the process: no exit-order issues
-    return *g;
-}
+Global& G() { return ProcessState<Global>(); }
 
 // Builds the configuration once; the defaults are those of a fresh engine.
 int Start() {
@@ -82,12 +69,8 @@ int Start() {
     g.optParams[5] = NumberParam(VS_P_SCANHEURISTICLEVEL, VS_TYPE_INT, 1);
     g.optParams[6] = TextParam(VS_P_BLOCKMIMETYPES, kEmpty);
     g.optParams[7] = TextParam(VS_P_BLOCKEXTENSIONS, kEmpty);
-    g.initList = ParamList(g.initParams, 2);
-    g.optList = ParamList(g.optParams, 8);
-    g.config = Config(&g.info, PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY, VS_A_SCAN | VS_A_CHECK_MIME,
-                      VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR | VS_M_OBJECTFOUND,
-                      &g.initList, &g.optList);
-    g.started = true;
+    g.Publish(PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY, VS_A_SCAN | VS_A_CHECK_MIME,
+              VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR | VS_M_OBJECTFOUND);
     return kOk;
 }
 

@@ -522,27 +522,13 @@ int Instance::ScanOnFarm(Object* obj, const PEL_SCANPARAM* param, ScanResult* re
 
 // ---- Adapter-wide state ---------------------------------------------------------------
 
-struct Global {
-    std::mutex lock;
-    PEL_ADAPTERINFO info;
-    PEL_PARAM initParams[4];
-    PEL_PARAMS initList;
-    PEL_PARAM optParams[1];
-    PEL_PARAMS optList;
-    PEL_CONFIG config;
-    bool built = false;
-    FailedInits<Instance> failed;
-};
-
-Global& G() {
-    static Global* g = new Global();
-    return *g;
-}
+using Global = AdapterState<Instance, 4, 1>;
+Global& G() { return ProcessState<Global>(); }
 
 void Build() {
     Global& g = G();
     std::lock_guard<std::mutex> l(g.lock);
-    if (g.built) return;
+    if (g.started) return;
     g.info = AdapterInfo(kAdapterId, 0, 1, 0,
                          "libkormomav clamd adapter (clamd protocol over Unix and TCP sockets)",
                          "clamd");
@@ -550,13 +536,9 @@ void Build() {
     g.initParams[1] = NumberParam(VS_P_INITTIMEOUT, VS_TYPE_INT, kDefaultTimeout);
     g.initParams[2] = NumberParam(VS_P_INITRECONNECTTIME, VS_TYPE_INT, kDefaultReconnect);
     g.initParams[3] = TextParam(VS_P_INITENGINES, kDefaultMode);
-    g.initList = ParamList(g.initParams, 4);
     g.optParams[0] = NumberParam(VS_P_SCANLIMIT, VS_TYPE_SIZE_T, kDefaultLimit);
-    g.optList = ParamList(g.optParams, 1);
-    g.config =
-        Config(&g.info, PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY, VS_A_SCAN,
-               VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR, &g.initList, &g.optList);
-    g.built = true;
+    g.Publish(PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY, VS_A_SCAN,
+              VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR);
 }
 
 // The entry points, over the common frame (pel_entry.h).
@@ -569,8 +551,7 @@ struct Adapter {
     }
     static PEL_CONFIG* Config() { return &G().config; }
     static int Create(const PEL_INITPARAMS* params, Instance** owner) {
-        *owner = new Instance();
-        return (*owner)->Start(params);
+        return NewOwner(params, owner);
     }
     static void Stop() {}
     static FailedInits<Instance>& Failed() { return G().failed; }

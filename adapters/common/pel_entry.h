@@ -22,11 +22,54 @@
 #ifndef KORMO_PEL_ENTRY_H
 #define KORMO_PEL_ENTRY_H
 
+#include <mutex>
+
 #include "kormopel.h"
 #include "pel_init.h"
+#include "pel_params.h"
 #include "pel_records.h"
 
 namespace pelcommon {
+
+// The adapter-wide records: the configuration reported to every handle and
+// what it points to, the engine instances of failed starts, and the lock and
+// flag of the one-time start. An adapter derives its own state from it when
+// it keeps more (defaults, texts the records point to).
+template <class Owner, uint16_t NInit, uint16_t NOpt>
+struct AdapterState {
+    std::mutex lock;
+    bool started = false;
+    PEL_ADAPTERINFO info{};
+    PEL_PARAM initParams[NInit]{};
+    PEL_PARAM optParams[NOpt > 0 ? NOpt : 1]{};
+    PEL_PARAMS initList{}, optList{};
+    PEL_CONFIG config{};
+    FailedInits<Owner> failed;
+
+    // Points the configuration at the information and the lists filled in
+    // (no optional list when NOpt is 0) and marks the start done.
+    void Publish(uint32_t scanFlags, uint32_t actionFlags, uint32_t eventFlags) {
+        initList = ParamList(initParams, NInit);
+        optList = ParamList(optParams, NOpt);
+        config = Config(&info, scanFlags, actionFlags, eventFlags, &initList,
+                        NOpt > 0 ? &optList : nullptr);
+        started = true;
+    }
+};
+
+// The one state of type S, alive as long as the process: no exit-order issues.
+template <class S>
+S& ProcessState() {
+    static S* s = new S();
+    return *s;
+}
+
+// A new engine instance that starts itself from the handle's parameters.
+template <class O>
+int NewOwner(const PEL_INITPARAMS* params, O** owner) {
+    *owner = new O();
+    return (*owner)->Start(params);
+}
 
 template <class A>
 struct Entry {

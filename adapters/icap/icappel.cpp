@@ -424,34 +424,20 @@ int Instance::Scan(const PEL_CALLBACK* cb, PEL_SCANPARAM* param, PEL_OPTPARAMS* 
 
 // ---- Adapter-wide state ---------------------------------------------------------------
 
-struct Global {
-    std::mutex lock;
-    PEL_ADAPTERINFO info;
-    PEL_PARAM initParams[3];
-    PEL_PARAMS initList;
-    PEL_CONFIG config;
-    bool built = false;
-    FailedInits<Instance> failed;
-};
-
-Global& G() {
-    static Global* g = new Global();
-    return *g;
-}
+using Global = AdapterState<Instance, 3, 0>;
+Global& G() { return ProcessState<Global>(); }
 
 void Build() {
     Global& g = G();
     std::lock_guard<std::mutex> l(g.lock);
-    if (g.built) return;
+    if (g.started) return;
     g.info = AdapterInfo(kAdapterId, 0, 1, 0,
                          "libkormomav ICAP adapter (RESPMOD over icap:// and icaps://)", "icap");
     g.initParams[0] = TextParam(VS_P_INITSERVERS, kDefaultServers);
     g.initParams[1] = NumberParam(VS_P_INITTIMEOUT, VS_TYPE_INT, kDefaultTimeout);
     g.initParams[2] = NumberParam(VS_P_INITRECONNECTTIME, VS_TYPE_INT, kDefaultReconnect);
-    g.initList = ParamList(g.initParams, 3);
-    g.config = Config(&g.info, PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY, VS_A_SCAN | VS_A_CLEAN,
-                      VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR, &g.initList, nullptr);
-    g.built = true;
+    g.Publish(PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY, VS_A_SCAN | VS_A_CLEAN,
+              VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR);
 }
 
 // The entry points, over the common frame (pel_entry.h).
@@ -464,8 +450,7 @@ struct Adapter {
     }
     static PEL_CONFIG* Config() { return &G().config; }
     static int Create(const PEL_INITPARAMS* params, Instance** owner) {
-        *owner = new Instance();
-        return (*owner)->Start(params);
+        return NewOwner(params, owner);
     }
     static void Stop() {
         ServerBook::Clear();

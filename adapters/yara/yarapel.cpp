@@ -103,24 +103,11 @@ const char kEmpty[] = "";
 
 // ---- Adapter-wide state -----------------------------------------------------------------
 
-struct Global {
-    std::mutex lock;
-    bool started = false;
+struct Global : pelcommon::AdapterState<Instance, 3, 2> {
     std::string vendor;
     std::string rulesDir;  // reported default of INITDRIVERDIRECTORY
-    PEL_ADAPTERINFO info;
-    PEL_PARAM initParams[3];
-    PEL_PARAM optParams[2];
-    PEL_PARAMS initList;
-    PEL_PARAMS optList;
-    PEL_CONFIG config;
-    FailedInits<Instance> failed;
 };
-
-Global& G() {
-    static Global* g = new Global();  // lives as long as the process: no exit-order issues
-    return *g;
-}
+Global& G() { return pelcommon::ProcessState<Global>(); }
 
 struct Adapter {
     using Owner = Instance;
@@ -139,20 +126,15 @@ struct Adapter {
         g.initParams[2] = TextParam(VS_P_INITDIRECTORY, kEmpty);
         g.optParams[0] = NumberParam(VS_P_SCANLIMIT, VS_TYPE_SIZE_T, 0);
         g.optParams[1] = NumberParam(VS_P_SCANEXTRACT_TIME, VS_TYPE_INT, 0);
-        g.initList = ParamList(g.initParams, 3);
-        g.optList = ParamList(g.optParams, 2);
-        g.config = pelcommon::Config(&g.info, PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY, VS_A_SCAN,
-                                     VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR,
-                                     &g.initList, &g.optList);
-        g.started = true;
+        g.Publish(PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY, VS_A_SCAN,
+                  VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR);
         return kOk;
     }
 
     static PEL_CONFIG* Config() { return &G().config; }
 
     static int Create(const PEL_INITPARAMS* params, Instance** out) {
-        *out = new Instance();
-        return (*out)->Start(params);
+        return pelcommon::NewOwner(params, out);
     }
 
     // The last handle has ended: no instance holds rules any more.
