@@ -37,11 +37,8 @@ struct Global : AdapterState<Engine, 2, 8> {
 };
 Global& G() { return ProcessState<Global>(); }
 
-// Builds the configuration once; the defaults are those of a fresh engine.
-int Start() {
-    Global& g = G();
-    std::lock_guard<std::mutex> l(g.lock);
-    if (g.started) return kOk;
+// Builds the configuration; the defaults are those of a fresh engine.
+int Build(Global& g) {
     if (cl_init(CL_INIT_DEFAULT) != CL_SUCCESS) return kNotInitialised;
     InstallMessageHandler();
     cl_engine* probe = cl_engine_new();
@@ -75,16 +72,14 @@ int Start() {
 }
 
 // The entry points, over the common frame (pel_entry.h).
-struct Adapter {
+struct Adapter : StateMembers<Global, G> {
     using Owner = Engine;
     static constexpr uint32_t kResultMark = clampel::kResultMark;
-    static int Start() { return clampel::Start(); }
-    static PEL_CONFIG* Config() { return &G().config; }
+    static int Start() { return Global::Once(G(), Build); }
     static int Create(const PEL_INITPARAMS* params, Engine** owner) {
         return Engine::Create(params, G().defaults, owner);
     }
     static void Stop() {}
-    static FailedInits<Engine>& Failed() { return G().failed; }
 };
 
 }  // namespace

@@ -525,10 +525,7 @@ int Instance::ScanOnFarm(Object* obj, const PEL_SCANPARAM* param, ScanResult* re
 using Global = AdapterState<Instance, 4, 1>;
 Global& G() { return ProcessState<Global>(); }
 
-void Build() {
-    Global& g = G();
-    std::lock_guard<std::mutex> l(g.lock);
-    if (g.started) return;
+int Build(Global& g) {
     g.info = AdapterInfo(kAdapterId, 0, 1, 0,
                          "libkormomav clamd adapter (clamd protocol over Unix and TCP sockets)",
                          "clamd");
@@ -539,22 +536,18 @@ void Build() {
     g.optParams[0] = NumberParam(VS_P_SCANLIMIT, VS_TYPE_SIZE_T, kDefaultLimit);
     g.Publish(PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY, VS_A_SCAN,
               VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR);
+    return kOk;
 }
 
 // The entry points, over the common frame (pel_entry.h).
-struct Adapter {
+struct Adapter : StateMembers<Global, G> {
     using Owner = Instance;
     static constexpr uint32_t kResultMark = clamdpel::kResultMark;
-    static int Start() {
-        Build();
-        return kOk;
-    }
-    static PEL_CONFIG* Config() { return &G().config; }
+    static int Start() { return Global::Once(G(), Build); }
     static int Create(const PEL_INITPARAMS* params, Instance** owner) {
         return NewOwner(params, owner);
     }
     static void Stop() {}
-    static FailedInits<Instance>& Failed() { return G().failed; }
 };
 
 }  // namespace

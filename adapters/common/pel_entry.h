@@ -46,6 +46,13 @@ struct AdapterState {
     PEL_CONFIG config{};
     FailedInits<Owner> failed;
 
+    // Runs build(*this) under the lock until it succeeds once; build fills
+    // the records and ends with Publish.
+    template <class S, class F>
+    static int Once(S& state, F build) {
+        std::lock_guard<std::mutex> l(state.lock);
+        return state.started ? kOk : build(state);
+    }
     // Points the configuration at the information and the lists filled in
     // (no optional list when NOpt is 0) and marks the start done.
     void Publish(uint32_t scanFlags, uint32_t actionFlags, uint32_t eventFlags) {
@@ -63,6 +70,14 @@ S& ProcessState() {
     static S* s = new S();
     return *s;
 }
+
+// The members of an adapter class (see Entry) that read its state S from
+// the accessor state.
+template <class S, S& (*state)()>
+struct StateMembers {
+    static PEL_CONFIG* Config() { return &state().config; }
+    static auto& Failed() { return state().failed; }
+};
 
 // A new engine instance that starts itself from the handle's parameters.
 template <class O>

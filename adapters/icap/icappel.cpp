@@ -427,10 +427,7 @@ int Instance::Scan(const PEL_CALLBACK* cb, PEL_SCANPARAM* param, PEL_OPTPARAMS* 
 using Global = AdapterState<Instance, 3, 0>;
 Global& G() { return ProcessState<Global>(); }
 
-void Build() {
-    Global& g = G();
-    std::lock_guard<std::mutex> l(g.lock);
-    if (g.started) return;
+int Build(Global& g) {
     g.info = AdapterInfo(kAdapterId, 0, 1, 0,
                          "libkormomav ICAP adapter (RESPMOD over icap:// and icaps://)", "icap");
     g.initParams[0] = TextParam(VS_P_INITSERVERS, kDefaultServers);
@@ -438,17 +435,14 @@ void Build() {
     g.initParams[2] = NumberParam(VS_P_INITRECONNECTTIME, VS_TYPE_INT, kDefaultReconnect);
     g.Publish(PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY, VS_A_SCAN | VS_A_CLEAN,
               VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR);
+    return kOk;
 }
 
 // The entry points, over the common frame (pel_entry.h).
-struct Adapter {
+struct Adapter : StateMembers<Global, G> {
     using Owner = Instance;
     static constexpr uint32_t kResultMark = icappel::kResultMark;
-    static int Start() {
-        Build();
-        return kOk;
-    }
-    static PEL_CONFIG* Config() { return &G().config; }
+    static int Start() { return Global::Once(G(), Build); }
     static int Create(const PEL_INITPARAMS* params, Instance** owner) {
         return NewOwner(params, owner);
     }
@@ -456,7 +450,6 @@ struct Adapter {
         ServerBook::Clear();
         Farm::ResetAll();
     }
-    static FailedInits<Instance>& Failed() { return G().failed; }
 };
 
 }  // namespace

@@ -109,29 +109,25 @@ struct Global : pelcommon::AdapterState<Instance, 3, 2> {
 };
 Global& G() { return pelcommon::ProcessState<Global>(); }
 
-struct Adapter {
+int Build(Global& g) {
+    if (yr_initialize() != ERROR_SUCCESS) return kNotInitialised;
+    g.vendor = std::string("libkormomav YARA adapter on libyara ") + YR_VERSION;
+    g.info = AdapterInfo(kAdapterId, 0, 1, 0, g.vendor.c_str(), "yara");
+    g.rulesDir = DefaultRulesDir();
+    g.initParams[0] = TextParam(VS_P_INITDRIVERDIRECTORY, g.rulesDir.c_str());
+    g.initParams[1] = NumberParam(VS_P_INITTIMEOUT, VS_TYPE_INT, kDefaultTimeout);
+    g.initParams[2] = TextParam(VS_P_INITDIRECTORY, kEmpty);
+    g.optParams[0] = NumberParam(VS_P_SCANLIMIT, VS_TYPE_SIZE_T, 0);
+    g.optParams[1] = NumberParam(VS_P_SCANEXTRACT_TIME, VS_TYPE_INT, 0);
+    g.Publish(PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY, VS_A_SCAN,
+              VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR);
+    return kOk;
+}
+
+struct Adapter : pelcommon::StateMembers<Global, G> {
     using Owner = Instance;
     static constexpr uint32_t kResultMark = yarapel::kResultMark;
-
-    static int Start() {
-        Global& g = G();
-        std::lock_guard<std::mutex> l(g.lock);
-        if (g.started) return kOk;
-        if (yr_initialize() != ERROR_SUCCESS) return kNotInitialised;
-        g.vendor = std::string("libkormomav YARA adapter on libyara ") + YR_VERSION;
-        g.info = AdapterInfo(kAdapterId, 0, 1, 0, g.vendor.c_str(), "yara");
-        g.rulesDir = DefaultRulesDir();
-        g.initParams[0] = TextParam(VS_P_INITDRIVERDIRECTORY, g.rulesDir.c_str());
-        g.initParams[1] = NumberParam(VS_P_INITTIMEOUT, VS_TYPE_INT, kDefaultTimeout);
-        g.initParams[2] = TextParam(VS_P_INITDIRECTORY, kEmpty);
-        g.optParams[0] = NumberParam(VS_P_SCANLIMIT, VS_TYPE_SIZE_T, 0);
-        g.optParams[1] = NumberParam(VS_P_SCANEXTRACT_TIME, VS_TYPE_INT, 0);
-        g.Publish(PEL_SCANFLAG_FILE | PEL_SCANFLAG_MEMORY, VS_A_SCAN,
-                  VS_M_VIRUS | VS_M_CLEAN | VS_M_NOTSCANNED | VS_M_ERROR);
-        return kOk;
-    }
-
-    static PEL_CONFIG* Config() { return &G().config; }
+    static int Start() { return Global::Once(G(), Build); }
 
     static int Create(const PEL_INITPARAMS* params, Instance** out) {
         return pelcommon::NewOwner(params, out);
@@ -145,8 +141,6 @@ struct Adapter {
         yr_finalize();
         g.started = false;
     }
-
-    static FailedInits<Instance>& Failed() { return G().failed; }
 };
 
 }  // namespace
