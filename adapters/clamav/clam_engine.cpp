@@ -115,12 +115,7 @@ void LimitsGate::Leave() {
 
 // ---- Engine --------------------------------------------------------------------------
 
-Engine::Engine() {
-    block_.Open(this);
-}
-
 Engine::~Engine() {
-    block_.Close();
     if (engine_ != nullptr) cl_engine_free(engine_);
 }
 
@@ -129,13 +124,6 @@ int Engine::Create(const PEL_INITPARAMS* params, const EngineDefaults& defaults,
     e->defaults_ = defaults;
     *out = e;
     return e->Load(params);
-}
-
-int Engine::Fail(int rc, int vendorRc, const std::string& text) {
-    errorText_ = text;
-    block_.init.iErrorRC = vendorRc;
-    block_.init.pszErrorText = errorText_.c_str();
-    return rc;
 }
 
 void Engine::ListDrivers(const std::string& dir) {

@@ -43,42 +43,31 @@ class LimitsGate {
     uint64_t nextTicket_ = 0;
 };
 
-class Engine {
+class Engine : public pelcommon::InitOwner<Engine, 0x434c494eu> {  // "CLIN"
   public:
     // Loads and compiles the databases named by the init parameters. Always
     // returns an engine; when the result is not kOk it carries the reason in
     // its PEL_INIT (iErrorRC, pszErrorText) and can only be deleted.
     static int Create(const PEL_INITPARAMS* params, const EngineDefaults& defaults, Engine** out);
     ~Engine();
-    Engine(const Engine&) = delete;
-    Engine& operator=(const Engine&) = delete;
-
-    PEL_INIT* Init() { return &block_.init; }
-    static Engine* FromInit(PEL_INIT* init) { return Block::OwnerOf(init); }
 
     // PelScan for one object.
     int Scan(const PEL_CALLBACK* callback, const PEL_SCANPARAM* param, const PEL_OPTPARAMS* options,
              PEL_SCANINFO** result);
 
   private:
-    // What the library holds: a PEL_INIT with a link back to its engine.
-    using Block = pelcommon::InitBlock<Engine, 0x434c494eu>;  // "CLIN"
-
-    Engine();
+    Engine() = default;
     int Load(const PEL_INITPARAMS* params);
-    int Fail(int rc, int vendorRc, const std::string& text);
     void ListDrivers(const std::string& dir);
 
     friend class ScanJob;  // clam_scan.cpp: the scan of one object
 
-    Block block_;
     cl_engine* engine_ = nullptr;
     std::string tmpDir_;  // INITTEMP_PATH, else $TMPDIR, else /tmp
     EngineDefaults defaults_;
     LimitsGate gate_;
     MagicPool magic_;
     std::string versionText_;
-    std::string errorText_;
     std::vector<PEL_DRIVERINFO> drivers_;
     std::deque<std::string> driverNames_;
 };

@@ -134,28 +134,13 @@ struct Object {
     }
 };
 
-class Instance {
+class Instance : public InitOwner<Instance, kInitMark> {
   public:
-    Instance() { block_.Open(this); }
-    ~Instance() { block_.Close(); }
-
-    PEL_INIT* Init() { return &block_.init; }
-    static Instance* FromInit(PEL_INIT* init) { return Block::OwnerOf(init); }
-
     int Start(const PEL_INITPARAMS* params);
     int Scan(const PEL_CALLBACK* cb, const PEL_SCANPARAM* param, const PEL_OPTPARAMS* options,
              PEL_SCANINFO** out);
 
   private:
-    // What the library holds: a PEL_INIT with a link back to its instance.
-    using Block = InitBlock<Instance, kInitMark>;
-
-    int Fail(int rc, const std::string& text) {
-        errorText_ = text;
-        block_.init.iErrorRC = rc;
-        block_.init.pszErrorText = errorText_.c_str();
-        return rc;
-    }
     // Connects to the server the farm picks for a new instance, skipping
     // those in tried (which it marks), and binds to it; the server's index,
     // or Farm::kNone with the reasons appended.
@@ -173,13 +158,11 @@ class Instance {
     int ScanOnFarm(Object* obj, const PEL_SCANPARAM* param, ScanResult* result,
                    std::string* engineError);
 
-    Block block_;
     Farm farm_;
     std::vector<bool> noFd_;  // servers that refused a descriptor
     uint32_t timeoutMs_ = kDefaultTimeout * 1000;
     std::vector<std::unique_ptr<Connection>> conns_;  // a session per server, opened on demand
     std::string versionText_;
-    std::string errorText_;
     std::vector<std::string> serverTexts_;
     std::vector<PEL_DRIVERINFO> servers_;
 };

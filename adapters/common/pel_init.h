@@ -11,6 +11,7 @@
 #include <cstring>
 #include <mutex>
 #include <set>
+#include <string>
 #include <type_traits>
 
 #include "kormopel.h"
@@ -43,6 +44,33 @@ struct InitBlock {
         auto* b = reinterpret_cast<InitBlock*>(init);
         return b != nullptr && b->mark == Mark ? b->owner : nullptr;
     }
+};
+
+// The base of an adapter's engine instance D: it owns the block the library
+// holds as its PEL_INIT, and the text of a failed start.
+template <class D, uint32_t Mark>
+class InitOwner {
+  public:
+    InitOwner() { block_.Open(static_cast<D*>(this)); }
+    ~InitOwner() { block_.Close(); }
+    InitOwner(const InitOwner&) = delete;
+    InitOwner& operator=(const InitOwner&) = delete;
+
+    PEL_INIT* Init() { return &block_.init; }
+    static D* FromInit(PEL_INIT* init) { return InitBlock<D, Mark>::OwnerOf(init); }
+
+  protected:
+    // Puts the reason of a failed start into the PEL_INIT; returns rc.
+    int Fail(int rc, int vendorRc, const std::string& text) {
+        errorText_ = text;
+        block_.init.iErrorRC = vendorRc;
+        block_.init.pszErrorText = errorText_.c_str();
+        return rc;
+    }
+    int Fail(int rc, const std::string& text) { return Fail(rc, rc, text); }
+
+    InitBlock<D, Mark> block_;
+    std::string errorText_;
 };
 
 // The owners of the PEL_INIT records of failed PelInit calls: the library

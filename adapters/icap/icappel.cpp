@@ -105,27 +105,13 @@ bool ParseList(const std::string& list, ServerList* out, std::string* error) {
     return !out->servers.empty();
 }
 
-class Instance {
+class Instance : public InitOwner<Instance, kInitMark> {
   public:
-    Instance() { block_.Open(this); }
-    ~Instance() { block_.Close(); }
-
-    PEL_INIT* Init() { return &block_.init; }
-    static Instance* FromInit(PEL_INIT* init) { return Block::OwnerOf(init); }
-
     int Start(const PEL_INITPARAMS* params);
     int Scan(const PEL_CALLBACK* cb, PEL_SCANPARAM* param, PEL_OPTPARAMS* options,
              PEL_SCANINFO** out);
 
   private:
-    using Block = InitBlock<Instance, kInitMark>;
-
-    int Fail(int rc, const std::string& text) {
-        errorText_ = text;
-        block_.init.iErrorRC = rc;
-        block_.init.pszErrorText = errorText_.c_str();
-        return rc;
-    }
     // The server's options, fetched when their TTL has ended, and its
     // self-test when asked for and not passed yet. False with a reason; a
     // failed self-test sets *selfTestFailed.
@@ -145,13 +131,12 @@ class Instance {
     static int WriteBack(PEL_SCANPARAM* param, bool memory, const Reply& reply, PEL_SCANINFO* info,
                          std::string* error);
 
-    Block block_;
     ServerList list_;
     Farm farm_;
     std::unique_ptr<Client> client_;
     size_t bound_ = 0;
     uint32_t reconnect_ = kDefaultReconnect;
-    std::string versionText_, errorText_;
+    std::string versionText_;
     std::vector<std::string> driverNames_;
     std::vector<PEL_DRIVERINFO> drivers_;
 };

@@ -32,15 +32,9 @@ constexpr uint32_t kDefaultTimeout = 60;       // seconds per scan (INITTIMEOUT)
 // variable KORMO_YARA_RULES when set and not empty, else /etc/kormomav/yara.
 std::string DefaultRulesDir();
 
-class Instance {
+class Instance : public InitOwner<Instance, 0x5941494eu> {  // "YAIN"
   public:
-    Instance();
     ~Instance();
-    Instance(const Instance&) = delete;
-    Instance& operator=(const Instance&) = delete;
-
-    PEL_INIT* Init() { return &block_.init; }
-    static Instance* FromInit(PEL_INIT* init) { return Block::OwnerOf(init); }
 
     // Takes the rules named by the init parameters and makes the scanner.
     // On failure the reason is in the PEL_INIT (iErrorRC, pszErrorText).
@@ -50,9 +44,6 @@ class Instance {
              PEL_SCANINFO** out);
 
   private:
-    using Block = InitBlock<Instance, 0x5941494eu>;  // "YAIN"
-
-    int Fail(int rc, const std::string& text);
     void Describe();
     // Sets the external variables the rules use for this object: a memory
     // object's bytes, or the file fd (read, not mapped, so that a file cut
@@ -61,13 +52,11 @@ class Instance {
                       std::string* mime);
     std::string MimeType(const unsigned char* data, size_t size);
 
-    Block block_;
     std::shared_ptr<RuleSet> rules_;
     YR_SCAN_CONTEXT* scanner_ = nullptr;
     magic_set* magic_ = nullptr;  // opened when a rule first needs filetype
     uint32_t timeoutS_ = kDefaultTimeout;
     std::string versionText_;
-    std::string errorText_;
     std::vector<PEL_DRIVERINFO> drivers_;
 };
 

@@ -31,21 +31,9 @@ std::string DefaultRulesDir() {
 
 // ---- Instance ---------------------------------------------------------------------------
 
-Instance::Instance() {
-    block_.Open(this);
-}
-
 Instance::~Instance() {
-    block_.Close();
     if (scanner_ != nullptr) yr_scanner_destroy(scanner_);
     if (magic_ != nullptr) magic_close(magic_);
-}
-
-int Instance::Fail(int rc, const std::string& text) {
-    errorText_ = text;
-    block_.init.iErrorRC = rc;
-    block_.init.pszErrorText = errorText_.c_str();
-    return rc;
 }
 
 int Instance::Start(const PEL_INITPARAMS* params) {
