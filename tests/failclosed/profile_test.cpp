@@ -2,15 +2,12 @@
 // verdict: "not scanned" judged by each step's own settings, fail-over past
 // providers that give no instance, no engine at all, and warnings about
 // configuration lines the runtime ignores.
-#include <filesystem>
-#include <memory>
-
 #include "../profile/profile_fixture.h"
 #include "mav_fixture.h"
 
 using profiletest::Config;
 using profiletest::RuntimeTest;
-using profiletest::TempDir;
+using profiletest::TwoAdapterTest;
 
 namespace {
 
@@ -25,24 +22,8 @@ MAV_RC CxxScan(mav::MavInstance& inst, const std::string& file) {
 
 // Two separately loaded copies of the test adapter (A, B), each behind a
 // strict provider (S) and one that accepts "not scanned" (W).
-class FailClosedProfile : public RuntimeTest {
+class FailClosedProfile : public TwoAdapterTest {
   protected:
-    void SetUp() override {
-        RuntimeTest::SetUp();
-        pathB = dir.file("libtestpel_b.so");
-        ASSERT_TRUE(std::filesystem::copy_file(pel.path(), pathB));
-        const char* env = getenv("TESTPEL_DIR");
-        std::string old = env != nullptr ? env : "";
-        setenv("TESTPEL_DIR", dir.path.c_str(), 1);
-        pelB.reset(new TestPel("libtestpel_b.so"));
-        old.empty() ? unsetenv("TESTPEL_DIR") : setenv("TESTPEL_DIR", old.c_str(), 1);
-        file = dir.write("object.bin", "content");
-    }
-    void TearDown() override {
-        RuntimeTest::TearDown();
-        EXPECT_EQ(pel.live_inits(), 0);
-        EXPECT_EQ(pelB->live_inits(), 0);
-    }
     // Provider NAME alone in group G_NAME, on adapter path, warning or strict.
     void provider(Config& c, const std::string& name, const std::string& path, bool warn,
                   const std::string& active = "true") {
@@ -50,11 +31,6 @@ class FailClosedProfile : public RuntimeTest {
         c.param("mav.provider.Pelmark.Adapters." + name, "CUST_NOT_SCANNED_AS_WARNING", "BOOL",
                 warn ? "1" : "0");
     }
-
-    TempDir dir;
-    std::string pathB;
-    std::string file;
-    std::unique_ptr<TestPel> pelB;
 };
 
 TEST_F(FailClosedProfile, NotScannedJudgedByEachStep) {

@@ -1,13 +1,9 @@
 // instance_test.cpp - scan instances over two adapters (linkage walks, the C
 // walk behind a profile instance handle) and the exceptions.
-#include <filesystem>
-#include <memory>
-
 #include "profile_fixture.h"
 
 using profiletest::Config;
-using profiletest::RuntimeTest;
-using profiletest::TempDir;
+using profiletest::TwoAdapterTest;
 
 namespace {
 
@@ -26,17 +22,10 @@ std::string Thrown(F scan) {
 
 // Profiles over two separate adapters: the test adapter A and a copy B of it
 // under another name, loaded separately so each has its own script.
-class TwoAdapters : public RuntimeTest {
+class TwoAdapters : public TwoAdapterTest {
   protected:
     void SetUp() override {
-        RuntimeTest::SetUp();
-        pathB = dir.file("libtestpel_b.so");
-        ASSERT_TRUE(std::filesystem::copy_file(pel.path(), pathB));
-        const char* env = getenv("TESTPEL_DIR");
-        std::string old = env != nullptr ? env : "";
-        setenv("TESTPEL_DIR", dir.path.c_str(), 1);
-        pelB.reset(new TestPel("libtestpel_b.so"));
-        old.empty() ? unsetenv("TESTPEL_DIR") : setenv("TESTPEL_DIR", old.c_str(), 1);
+        TwoAdapterTest::SetUp();
 
         Config c;
         c.profile("L0", true, "0").step("L0", "0", "0", "GA").step("L0", "1", "0", "GB");
@@ -50,13 +39,6 @@ class TwoAdapters : public RuntimeTest {
         c.group("GA").group("GB").provider("A", "GA", pel.path(), "2");
         c.provider("B", "GB", pathB, "2");
         ASSERT_EQ(start(c.text), MAV_OK);
-        file = dir.write("object.bin", "content");
-    }
-    void TearDown() override {
-        RuntimeTest::TearDown();
-        // Every C instance went back to its pool, so both handles could end.
-        EXPECT_EQ(pel.live_inits(), 0);
-        EXPECT_EQ(pelB->live_inits(), 0);
     }
 
     std::unique_ptr<mav::MavInstance> take(const char* name) {
@@ -64,11 +46,6 @@ class TwoAdapters : public RuntimeTest {
         EXPECT_TRUE(inst);
         return inst;
     }
-
-    TempDir dir;
-    std::string pathB;
-    std::string file;
-    std::unique_ptr<TestPel> pelB;
 };
 
 TEST_F(TwoAdapters, LinkageZeroStopsAtTheFirstFinding) {
