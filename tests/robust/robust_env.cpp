@@ -6,43 +6,42 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 
 #include "mavprofile_i.h"
+#include "mavxxi.h"
 
 namespace robust {
 namespace {
 
-std::string tmpRoot;
-std::string defaultTmp;
-std::string handleTmp;
-std::string sample;
-std::atomic<uint64_t> traceLines{0};
+std::string tmpRoot, defaultTmp, handleTmp, sample;
 
-int SwallowTrace(const char*, const char*, int, uint32_t, const char* text) {
-    if (text != nullptr) traceLines.fetch_add(1, std::memory_order_relaxed);
+int SwallowTrace(const char*, const char*, int, uint32_t, const char*) {
     return 0;
 }
 
-std::string MakeDir(const std::string& path) {
-    mkdir(path.c_str(), 0700);
-    return path;
+int FilesIn(const std::string& dir) {
+    int n = 0;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (struct dirent* e = readdir(d)) n += e->d_name[0] != '.' ? 1 : 0;
+        closedir(d);
+    }
+    return n;
 }
 
 class Env : public ::testing::Environment {
   public:
+    // Before anything of the library runs: the hooks see every allocation and
+    // PEL_TMP is read (and cached) only once.
     void SetUp() override {
-        // Before anything of the library runs: the hooks see every allocation
-        // and PEL_TMP is read (and cached) only once.
         CountingHooks::Install();
         char tmpl[] = "/tmp/kormo_robust_XXXXXX";
-        const char* root = mkdtemp(tmpl);
-        ASSERT_NE(nullptr, root);
-        tmpRoot = root;
-        defaultTmp = MakeDir(tmpRoot + "/pel_tmp");
-        handleTmp = MakeDir(tmpRoot + "/handle_tmp");
-        MakeDir(tmpRoot + "/data");
-        sample = tmpRoot + "/data/sample.com";
+        ASSERT_NE(nullptr, mkdtemp(tmpl));
+        tmpRoot = tmpl;
+        defaultTmp = tmpRoot + "/pel_tmp";
+        handleTmp = tmpRoot + "/handle_tmp";
+        sample = tmpRoot + "/sample.com";
+        mkdir(defaultTmp.c_str(), 0700);
+        mkdir(handleTmp.c_str(), 0700);
         FILE* fp = std::fopen(sample.c_str(), "wb");
         ASSERT_NE(nullptr, fp);
         std::fputs("X5O!P%@AP[4\\PZX54(P^)7CC)7}$ROBUST-SAMPLE", fp);
@@ -53,10 +52,7 @@ class Env : public ::testing::Environment {
     void TearDown() override {
         MavSetTraceHandler(nullptr);
         unlink(sample.c_str());
-        rmdir((tmpRoot + "/data").c_str());
-        rmdir(handleTmp.c_str());
-        rmdir(defaultTmp.c_str());
-        rmdir(tmpRoot.c_str());
+        for (const std::string& d : {handleTmp, defaultTmp, tmpRoot}) rmdir(d.c_str());
     }
 };
 
@@ -74,22 +70,6 @@ const std::string& SampleFile() {
     return sample;
 }
 
-int FilesIn(const std::string& dir) {
-    int n = 0;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (struct dirent* e = readdir(d)) n += e->d_name[0] != '.' ? 1 : 0;
-        closedir(d);
-    }
-    return n;
-}
-
-uint64_t TraceLines() {
-    return traceLines.load();
-}
-void ResetTraceLines() {
-    traceLines.store(0);
-}
-
 void RobustTest::SetUp() {
     ASSERT_TRUE(CountingHooks::Installed());
     // The properties reader keeps the first value of every key across starts:
@@ -97,23 +77,25 @@ void RobustTest::SetUp() {
     mav::mav_properties = mav::PropertyReader();
     CountingHooks::Disarm();
     mark_ = CountingHooks::Mark();
-    foreign_ = CountingHooks::ForeignFrees();
+    misuse_ = CountingHooks::Misuse();
+}
+
+std::string RobustTest::LeftOver(uint64_t mark) {
+    std::string out;
+    if (MavIXGetHdlSize() != 0) out += "  handles left registered\n";
+    if (pel.live_inits() != 0) out += "  engine records never ended\n";
+    if (pel.live_scaninfos() != 0) out += "  scan results never released\n";
+    if (pel.bad_releases() != 0) out += "  records released twice or foreign records released\n";
+    if (CountingHooks::Misuse() != misuse_) out += "  free hook got a pointer it never gave\n";
+    if (FilesIn(DefaultTmpDir()) + FilesIn(HandleTmpDir()) != 0) out += "  temporary file left\n";
+    std::string leaks = CountingHooks::Leaks(mark);
+    return leaks.empty() ? out : out + "  hook allocations still live:\n" + leaks;
 }
 
 void RobustTest::TearDown() {
     CountingHooks::Disarm();
     MavSetTraceLevel(0);
-    EXPECT_EQ(0u, MavIXGetHdlSize()) << "handles left registered";
-    EXPECT_EQ(0, pel.live_inits()) << "engine records never ended";
-    EXPECT_EQ(0, pel.live_scaninfos()) << "scan results never released";
-    EXPECT_EQ(0u, pel.bad_releases()) << "records released twice or foreign records released";
-    EXPECT_EQ(0u, CountingHooks::RecordsInUse()) << "handle or instance records never freed";
-    std::vector<CountingHooks::Block> leaks = CountingHooks::Leaks(mark_);
-    EXPECT_TRUE(leaks.empty()) << "hook allocations still live:\n"
-                               << CountingHooks::Describe(leaks);
-    EXPECT_EQ(foreign_, CountingHooks::ForeignFrees()) << "free hook got a pointer it never gave";
-    EXPECT_EQ(0, FilesIn(DefaultTmpDir())) << "temporary file left in " << DefaultTmpDir();
-    EXPECT_EQ(0, FilesIn(HandleTmpDir())) << "temporary file left in " << HandleTmpDir();
+    EXPECT_EQ("", LeftOver(mark_));
 }
 
 }  // namespace robust

@@ -1,13 +1,12 @@
-// robust_env.h - what every robustness test of test_robust shares: counting
-// memory hooks installed before the first library call, private temporary
-// directories, trace lines swallowed by a handler, and a fixture that checks
-// after each test that nothing was left behind.
+// robust_env.h - what the robustness tests share: counting memory hooks
+// installed before the first library call, private temporary directories
+// (PEL_TMP and one for INITTEMP_PATH), trace lines swallowed by a handler,
+// and a fixture that checks after each test that nothing was left behind.
 #ifndef KORMO_TESTS_ROBUST_ROBUST_ENV_H
 #define KORMO_TESTS_ROBUST_ROBUST_ENV_H
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
 
 #include "counting_hooks.h"
@@ -15,40 +14,28 @@
 
 namespace robust {
 
-// Directory named by PEL_TMP for this process (the library's default
-// temporary directory); empty after every scan.
-const std::string& DefaultTmpDir();
-// A second empty directory, used as a handle's INITTEMP_PATH.
-const std::string& HandleTmpDir();
-// A small file to scan.
-const std::string& SampleFile();
-// Number of regular files in a directory.
-int FilesIn(const std::string& dir);
-
-// Trace lines the handler received since the last reset.
-uint64_t TraceLines();
-void ResetTraceLines();
+const std::string& DefaultTmpDir();  // PEL_TMP of this process
+const std::string& HandleTmpDir();   // for a handle's INITTEMP_PATH
+const std::string& SampleFile();     // a small file to scan
 
 // True for every code the library documents (-6..32).
 inline bool KnownCode(MAV_RC rc) {
     return rc >= MAV_E_BLOCKED_BY_POLICY && rc <= 32;
 }
 
-// Checks after a test: no handle registered, no engine or result record held
-// at the adapter, no double release, no hook allocation of the test still
-// live (recycled records aside), no foreign free, no temporary file.
+// Nothing left after a test: no handle registered, no engine or result record
+// at the adapter, no bad release, no hook allocation of the test still live
+// (the record slabs go back with the last record), no foreign free, no
+// temporary file.
 class RobustTest : public ::testing::Test {
   protected:
     void SetUp() override;
     void TearDown() override;
-    // Re-reads the baseline (for tests that leave global state on purpose).
-    void Rebase() { mark_ = CountingHooks::Mark(); }
+    // What Check() finds, as text (empty when nothing is left).
+    std::string LeftOver(uint64_t mark);
 
     TestPel pel;
-
-  private:
-    uint64_t mark_ = 0;
-    uint64_t foreign_ = 0;
+    uint64_t mark_ = 0, misuse_ = 0;
 };
 
 }  // namespace robust
