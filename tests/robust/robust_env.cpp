@@ -1,4 +1,5 @@
-// robust_env.cpp - process set-up of test_robust (see robust_env.h).
+// robust_env.cpp - memory hooks and process set-up of test_robust (see
+// robust_env.h).
 #include "robust_env.h"
 
 #include <dirent.h>
@@ -6,12 +7,86 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <unordered_map>
 
 #include "mavprofile_i.h"
 #include "mavxxi.h"
 
 namespace robust {
+
+thread_local bool inHook = false;
+
 namespace {
+
+// Hook state. Live pointers are kept XOR-masked so that LeakSanitizer does
+// not take the table for a reference: a block the library loses is still
+// reported at exit. Misuse counts frees of pointers the hooks never handed
+// out and allocations not tagged "mav".
+struct Hooks {
+    std::mutex lock;
+    uint64_t points = 0, failAt = 0, refused = 0, serial = 1, misuse = 0;
+    bool persistent = false;
+    std::unordered_map<uintptr_t, uint64_t> live;  // masked pointer -> serial
+};
+Hooks& H() {
+    static Hooks* h = new Hooks;  // outlives every static destructor
+    return *h;
+}
+constexpr uintptr_t kMask = 0xA5A5A5A5A5A5A5A5ull;
+uintptr_t Key(void* p) {
+    return reinterpret_cast<uintptr_t>(p) ^ kMask;
+}
+
+// With the lock held: counts the point, true when it is to be refused.
+bool Refuse(Hooks& h, const char* tag) {
+    h.misuse += tag == nullptr || std::strcmp(tag, "mav") != 0 ? 1 : 0;
+    ++h.points;
+    bool refuse = h.failAt != 0 && (h.points == h.failAt || (h.persistent && h.points > h.failAt));
+    h.refused += refuse ? 1 : 0;
+    return refuse;
+}
+void Track(Hooks& h, void* p) {
+    inHook = true;
+    h.live[Key(p)] = h.serial++;
+    inHook = false;
+}
+void* Alloc(size_t size, int clean, const char* tag) {
+    std::lock_guard<std::mutex> g(H().lock);
+    if (Refuse(H(), tag)) return nullptr;
+    void* p = (clean & 0xFF) != 0 ? std::calloc(1, size + 1) : std::malloc(size + 1);
+    if (p != nullptr) Track(H(), p);
+    return p;
+}
+void* Realloc(void* ptr, size_t size, const char* tag) {
+    std::lock_guard<std::mutex> g(H().lock);
+    if (Refuse(H(), tag)) return nullptr;
+    const uintptr_t old = Key(ptr);
+    void* p = std::realloc(ptr, size + 1);
+    if (p == nullptr) return nullptr;
+    if (ptr != nullptr && H().live.erase(old) == 0) ++H().misuse;
+    Track(H(), p);
+    return p;
+}
+void Free(void* ptr) {
+    if (ptr == nullptr) return;
+    {
+        std::lock_guard<std::mutex> g(H().lock);
+        // Not ours: counted and left alone (freeing it could corrupt the heap
+        // of whoever owns it).
+        if (H().live.erase(Key(ptr)) == 0) {
+            ++H().misuse;
+            return;
+        }
+    }
+    std::free(ptr);
+}
+uint64_t Read(uint64_t Hooks::*field) {
+    std::lock_guard<std::mutex> g(H().lock);
+    return H().*field;
+}
 
 std::string tmpRoot, defaultTmp, handleTmp, sample;
 
@@ -33,7 +108,7 @@ class Env : public ::testing::Environment {
     // Before anything of the library runs: the hooks see every allocation and
     // PEL_TMP is read (and cached) only once.
     void SetUp() override {
-        CountingHooks::Install();
+        ASSERT_EQ(MAV_OK, MavRegisterMmCallbacks(Alloc, Realloc, Free));
         char tmpl[] = "/tmp/kormo_robust_XXXXXX";
         ASSERT_NE(nullptr, mkdtemp(tmpl));
         tmpRoot = tmpl;
@@ -60,6 +135,32 @@ class Env : public ::testing::Environment {
 
 }  // namespace
 
+void FailFrom(uint64_t k, bool persistent) {
+    std::lock_guard<std::mutex> g(H().lock);
+    H().points = H().refused = 0;
+    H().failAt = k;
+    H().persistent = persistent;
+}
+uint64_t Points() {
+    return Read(&Hooks::points);
+}
+uint64_t Refused() {
+    return Read(&Hooks::refused);
+}
+uint64_t Mark() {
+    return Read(&Hooks::serial);
+}
+std::string Leaks(uint64_t mark) {
+    std::lock_guard<std::mutex> g(H().lock);
+    std::string out;
+    for (const auto& e : H().live)
+        if (e.second >= mark) out += " #" + std::to_string(e.second);
+    return out.empty() ? out : "  hook blocks still live, from allocations" + out + "\n";
+}
+void Release(void* p) {
+    Free(p);
+}
+
 const std::string& DefaultTmpDir() {
     return defaultTmp;
 }
@@ -71,31 +172,29 @@ const std::string& SampleFile() {
 }
 
 void RobustTest::SetUp() {
-    ASSERT_TRUE(CountingHooks::Installed());
     // The properties reader keeps the first value of every key across starts:
     // each test starts the profile runtime from an empty reader.
     mav::mav_properties = mav::PropertyReader();
-    CountingHooks::Disarm();
-    mark_ = CountingHooks::Mark();
-    misuse_ = CountingHooks::Misuse();
+    FailFrom(0, false);
+    mark_ = Mark();
+    misuse_ = Read(&Hooks::misuse);
+}
+
+void RobustTest::TearDown() {
+    FailFrom(0, false);
+    MavSetTraceLevel(0);
+    EXPECT_EQ("", LeftOver(mark_));
 }
 
 std::string RobustTest::LeftOver(uint64_t mark) {
-    std::string out;
+    std::string out = Leaks(mark);
     if (MavIXGetHdlSize() != 0) out += "  handles left registered\n";
     if (pel.live_inits() != 0) out += "  engine records never ended\n";
     if (pel.live_scaninfos() != 0) out += "  scan results never released\n";
     if (pel.bad_releases() != 0) out += "  records released twice or foreign records released\n";
-    if (CountingHooks::Misuse() != misuse_) out += "  free hook got a pointer it never gave\n";
+    if (Read(&Hooks::misuse) != misuse_) out += "  free hook got a pointer it never gave\n";
     if (FilesIn(DefaultTmpDir()) + FilesIn(HandleTmpDir()) != 0) out += "  temporary file left\n";
-    std::string leaks = CountingHooks::Leaks(mark);
-    return leaks.empty() ? out : out + "  hook allocations still live:\n" + leaks;
-}
-
-void RobustTest::TearDown() {
-    CountingHooks::Disarm();
-    MavSetTraceLevel(0);
-    EXPECT_EQ("", LeftOver(mark_));
+    return out;
 }
 
 }  // namespace robust

@@ -1,18 +1,34 @@
-// robust_env.h - what the robustness tests share: counting memory hooks
-// installed before the first library call, private temporary directories
-// (PEL_TMP and one for INITTEMP_PATH), trace lines swallowed by a handler,
-// and a fixture that checks after each test that nothing was left behind.
+// robust_env.h - what the robustness tests share: memory hooks installed
+// before the first library call, private temporary directories (PEL_TMP and
+// one for INITTEMP_PATH), trace lines swallowed by a handler, and a fixture
+// that checks after each test that nothing was left behind.
 #ifndef KORMO_TESTS_ROBUST_ROBUST_ENV_H
 #define KORMO_TESTS_ROBUST_ROBUST_ENV_H
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 
-#include "counting_hooks.h"
+#include "kormomav.h"
 #include "testpel_client.h"
 
 namespace robust {
+
+// The memory hooks count every allocation and reallocation as a point.
+// FailFrom(k, persistent) starts counting again and refuses the k-th point
+// (with persistent, every later one too); k = 0 refuses nothing.
+void FailFrom(uint64_t k, bool persistent);
+uint64_t Points();
+uint64_t Refused();
+// Serial number of the next allocation (never reset), and the blocks
+// allocated since such a mark that are still live ("" when none).
+uint64_t Mark();
+std::string Leaks(uint64_t mark);
+// Frees memory the library handed to the caller through the hooks.
+void Release(void* p);
+// True on a thread while it runs inside a hook.
+extern thread_local bool inHook;
 
 const std::string& DefaultTmpDir();  // PEL_TMP of this process
 const std::string& HandleTmpDir();   // for a handle's INITTEMP_PATH
@@ -23,15 +39,14 @@ inline bool KnownCode(MAV_RC rc) {
     return rc >= MAV_E_BLOCKED_BY_POLICY && rc <= 32;
 }
 
-// Nothing left after a test: no handle registered, no engine or result record
-// at the adapter, no bad release, no hook allocation of the test still live
-// (the record slabs go back with the last record), no foreign free, no
-// temporary file.
 class RobustTest : public ::testing::Test {
   protected:
     void SetUp() override;
     void TearDown() override;
-    // What Check() finds, as text (empty when nothing is left).
+    // What was left since mark, as text ("" when nothing): a handle
+    // registered, an engine or result record at the adapter, a bad release, a
+    // hook block still live (the record slabs go back with the last record), a
+    // free of a pointer the hooks never gave, a temporary file.
     std::string LeftOver(uint64_t mark);
 
     TestPel pel;
