@@ -69,8 +69,8 @@ void CallEverything(void* h, const char* what) {
                               MavSetDefaultConfig(h),
                               MavRegisterEvents(h, &events, nullptr),
                               MavRegisterSingleEventHandler(h, nullptr, VS_M_VIRUS, nullptr),
-                              MavScanFile(h, SampleFile().c_str(), 1, &si),
-                              MavCleanFile(h, SampleFile().c_str(), 1, &si),
+                              MavScanFile(h, paths.sample.c_str(), 1, &si),
+                              MavCleanFile(h, paths.sample.c_str(), 1, &si),
                               MavScanBytes(h, "b", bytes, sizeof bytes, 1, &si),
                               MavCleanBytes(h, "b", bytes, &blen, 1, &si),
                               MavEnumInfections(h, 0, nullptr, &u32, b, &n, b, &n, &u64, b, &n),
@@ -109,7 +109,7 @@ class HostileAdapter : public RobustTest {
 
 TEST_F(HostileAdapter, FailedStartUpsGiveCodeTextAndAnEndableHandle) {
     TestPel noCleanup("libtestpel_nocleanup.so"), v3("libtestpel_v3.so");
-    const std::string missing = DefaultTmpDir() + "/no-such-adapter.so";
+    const std::string missing = paths.defaultTmp + "/no-such-adapter.so";
     struct {
         std::string path;
         int failEntry;  // -1: none; TPEL_ENTRY_COUNT: a parameter of an unknown type
@@ -145,227 +145,155 @@ TEST_F(HostileAdapter, FailedStartUpsGiveCodeTextAndAnEndableHandle) {
     EXPECT_EQ(0u, noCleanup.calls(TPEL_INIT));
 }
 
-TEST_F(HostileAdapter, ParameterListsWithUnknownCodesOrNone) {
-    pel.add_param(1, 77, VS_TYPE_INT, "5");
-    pel.add_param(0, 999, VS_TYPE_CHAR, "x");
-    for (int nullLists : {0, 1}) {
-        pel.set_null_param_lists(nullLists);
+// Counts the calls of a single handler and those with null data (or a virus
+// record without a name); reads every text it is given.
+struct Seen {
+    int calls = 0, nulls = 0;
+    VS_CALLRC answer = 0;
+};
+VS_CALLRC Single(MAV_INST, uint32_t message, void* data, void* user) {
+    Seen* seen = static_cast<Seen*>(user);
+    const MAV_VIRUSINFO* v =
+        message == VS_M_VIRUS ? static_cast<const MAV_VIRUSINFO*>(data) : nullptr;
+    const char* text = v != nullptr ? v->pszObjectName : static_cast<const char*>(data);
+    seen->calls++;
+    seen->nulls += data == nullptr || (v != nullptr && v->pszVirusName == nullptr) ? 1 : 0;
+    volatile size_t length = text != nullptr ? strlen(text) : 0;
+    (void)length;
+    return seen->answer;
+}
+
+// Scripts an infection "first<" and a second one, with these counts.
+void TwoInfections(TestPel& p, uint32_t counted, uint32_t errors) {
+    p.script_rc(MAV_E_VIRUS_FOUND);
+    p.script_infection("first<", "o1", 1, 0, 1, nullptr);
+    p.script_infection("second", "o2", 2, 0, 1, nullptr);
+    p.script_counts(0, 0, 0, counted, errors);
+}
+
+// A hostile adapter (scripted before start-up; failEntry fails from the step
+// that first needs it) and what each step of the probe must answer.
+struct Case {
+    const char* name;
+    void (*script)(TestPel&);
+    int failEntry = -1;
+    MAV_RC failRc = 0;
+    const char* failText = nullptr;  // the vendor text of the failure, kept as given
+    MAV_RC create = MAV_OK, scan = MAV_OK, first = MAV_E_INVALID_ENUM_INDEX, free = MAV_OK,
+           end = MAV_OK, events = MAV_OK;
+    int calls = 0, nulls = 0;  // of the single handler
+    bool dump = true;          // scan with record dumps (they read every counted entry)
+};
+
+// Start-up and a pool of one; the pooled instance registers a handler; a
+// listed one is asked for (PelInit); the pooled one scans and its results are
+// read; everything is freed and ended. A failure that leaves something held
+// must leave it to be freed or ended again.
+TEST_F(HostileAdapter, HostileAnswersGiveDocumentedCodesAndNothingHeld) {
+    const Case cases[] = {
+        {"unknown parameter codes", [](TestPel& p) { p.add_param(1, 77, VS_TYPE_INT, "5"); }},
+        {"no parameter lists", [](TestPel& p) { p.set_null_param_lists(1); }},
+        {"PelInit fails", nullptr, TPEL_INIT, MAV_E_EXPIRED, "licence expired", MAV_E_EXPIRED},
+        {"PelInit text not UTF-8", nullptr, TPEL_INIT, MAV_E_DRIVER_FAILED, kBadUtf8,
+         MAV_E_DRIVER_FAILED},
+        {"PelInit text huge", nullptr, TPEL_INIT, MAV_E_DRIVER_FAILED, kMega.c_str(),
+         MAV_E_DRIVER_FAILED},
+        {"PelScan fails", nullptr, TPEL_SCAN, MAV_E_SCAN_FAILED, nullptr, MAV_OK, MAV_E_SCAN_FAILED,
+         MAV_E_NO_SCANINFO},
+        {"PelReleaseScan fails", nullptr, TPEL_RELEASESCAN, MAV_E_CIO_FAILED, nullptr, MAV_OK,
+         MAV_OK, MAV_E_INVALID_ENUM_INDEX, MAV_E_CIO_FAILED},
+        {"PelEnd fails", nullptr, TPEL_END, MAV_E_END_FAILED, nullptr, MAV_OK, MAV_OK,
+         MAV_E_INVALID_ENUM_INDEX, MAV_OK, MAV_E_END_FAILED},
+        {"PelCleanup fails", nullptr, TPEL_CLEANUP, MAV_E_END_FAILED, nullptr, MAV_OK, MAV_OK,
+         MAV_E_INVALID_ENUM_INDEX, MAV_OK, MAV_E_END_FAILED},
+        {"fewer counted than given", [](TestPel& p) { TwoInfections(p, 1, 0); }, -1, 0, nullptr,
+         MAV_OK, MAV_E_VIRUS_FOUND, MAV_OK},
+        {"more counted than given", [](TestPel& p) { TwoInfections(p, 9, 0); }, -1, 0, nullptr,
+         MAV_OK, MAV_E_VIRUS_FOUND, MAV_OK, MAV_OK, MAV_OK, MAV_OK, 0, 0, false},
+        {"counts with null arrays",
+         [](TestPel& p) {
+             TwoInfections(p, 3, 2);
+             p.script_null_arrays(1);
+         },
+         -1, 0, nullptr, MAV_OK, MAV_E_VIRUS_FOUND},
+        {"no result record",
+         [](TestPel& p) {
+             TwoInfections(p, 2, 0);
+             p.script_no_scaninfo(1);
+         },
+         -1, 0, nullptr, MAV_OK, MAV_E_VIRUS_FOUND, MAV_E_NO_SCANINFO},
+        {"texts not UTF-8 or huge",
+         [](TestPel& p) {
+             p.set_adapter_info(4711, 0, 2, 1, 0, kMega.c_str(), kBadUtf8);
+             p.script_rc(MAV_E_VIRUS_FOUND);
+             p.script_infection(kBadUtf8, kMega.c_str(), 1, 0, 1, "free");
+         },
+         -1, 0, nullptr, MAV_OK, MAV_E_VIRUS_FOUND, MAV_E_CONVERSION_FAILED},
+        {"unknown messages and bad event data",
+         [](TestPel& p) {
+             p.script_infection(kBadUtf8, kMega.c_str(), 1, 0, 1, nullptr);
+             p.script_event(0x4000, 0, nullptr, 1, 1);             // unknown message
+             p.script_event(0x80000000u, 0, nullptr, 2, 1);        // unknown message
+             p.script_event(VS_M_SCANPROGRESS, 0, nullptr, 3, 1);  // not registered
+             p.script_event(VS_M_VIRUS, 5, nullptr, 0, 0);         // no such record: null
+             p.script_event(VS_M_VIRUS, 0, nullptr, 0, 0);         // name not UTF-8: null
+             p.script_event(VS_M_OBJECTFOUND, 0, kBadUtf8, 0, 0);  // not UTF-8: null
+             p.script_event(VS_M_ERROR, 0, kMega.c_str(), 0, 0);
+             p.script_event(VS_M_OBJECTFOUND, 0, nullptr, 0, 0);  // null
+         },
+         -1, 0, nullptr, MAV_OK, MAV_OK, MAV_E_CONVERSION_FAILED, MAV_OK, MAV_OK, MAV_OK, 5, 4},
+        {"a handler that says stop",
+         [](TestPel& p) { p.script_event(VS_M_OBJECTFOUND, 0, "stop", 0, 0); }, -1, 0, nullptr,
+         MAV_OK, MAV_E_CBC_TERMINATED, MAV_E_NO_SCANINFO, MAV_OK, MAV_OK, MAV_OK, 1},
+        {"no events at all", [](TestPel& p) { p.set_flags(0x3, 0x19, 0, 0); }, -1, 0, nullptr,
+         MAV_OK, MAV_OK, MAV_E_INVALID_ENUM_INDEX, MAV_OK, MAV_OK, MAV_E_NOT_SUPPORTED}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        pel.reset();
+        if (c.script != nullptr) c.script(pel);
         MAV_HANDLE h = Start();
-        EXPECT_EQ(MAV_E_INVALID_ENUM_INDEX,
-                  MavEnumParameters(h, 0, nullptr, nullptr, nullptr, nullptr, nullptr));
-        EXPECT_EQ(MAV_E_PARAM_UNSUPPORTED, MavSetParameter(h, "SCANLIMIT", VS_TYPE_LONG, "1"));
-        MAV_INST i = Instance(h);
-        EXPECT_EQ(MAV_OK, Scan(i));
-        End(i, h);
-    }
-}
-
-TEST_F(HostileAdapter, FailingEntryPointsLeaveEverythingRetryable) {
-    MAV_HANDLE h = Start();
-    ASSERT_EQ(MAV_OK, MavLoadPool(h, 1, 0));
-    MAV_INST i = nullptr, j = nullptr;
-    pel.fail(TPEL_INIT, MAV_E_EXPIRED, "licence expired");
-    EXPECT_EQ(MAV_OK, MavCreateInstance(h, &i)) << "the pooled one needs no PelInit";
-    EXPECT_EQ(MAV_E_EXPIRED, MavCreateInstance(h, &j));
-    EXPECT_EQ(nullptr, j);
-    EXPECT_EQ("licence expired", ErrorText(h));
-    EXPECT_EQ(MAV_E_EXPIRED, MavLoadPool(h, 3, 0));
-    EXPECT_EQ(MAV_E_IN_PROGRESS, MavReload(h)) << "an instance is out";
-    pel.fail(TPEL_INIT, 0, nullptr);
-    pel.fail(TPEL_SCAN, MAV_E_SCAN_FAILED, nullptr);
-    EXPECT_EQ(MAV_E_SCAN_FAILED, Scan(i));
-    EXPECT_EQ(MAV_E_NO_SCANINFO, Infection(i, 0));
-    pel.fail(TPEL_SCAN, 0, nullptr);
-    EXPECT_EQ(MAV_OK, Scan(i));
-    // The held result cannot be released: the next scan and the free say so.
-    pel.fail(TPEL_RELEASESCAN, MAV_E_CIO_FAILED, nullptr);
-    EXPECT_EQ(MAV_E_CIO_FAILED, Scan(i));
-    EXPECT_EQ(MAV_E_CIO_FAILED, MavFreeInstance(&i));
-    EXPECT_EQ(MAV_E_IN_PROGRESS, MavEnd(&h));
-    pel.fail(TPEL_RELEASESCAN, 0, nullptr);
-    ASSERT_EQ(MAV_OK, MavFreeInstance(&i));
-    // PelEnd and PelCleanup failures leave the handle to be ended again.
-    for (int entry : {TPEL_END, TPEL_CLEANUP}) {
-        pel.fail(entry, MAV_E_END_FAILED, nullptr);
-        EXPECT_EQ(MAV_E_END_FAILED, MavEnd(&h));
-        ASSERT_NE(nullptr, h);
-        pel.fail(entry, 0, nullptr);
-    }
-    End(nullptr, h);
-}
-
-// Result records the library cannot trust: fewer or more counted entries than
-// given, counts with null arrays (also dumped by the trace), no record.
-TEST_F(HostileAdapter, ResultCountsDecideWhatExistsAndNullArraysAreNeverFollowed) {
-    MAV_HANDLE h = Start();
-    MAV_INST i = Instance(h);
-    struct {
-        uint32_t infections, errors;
-        int nullArrays, noRecord;
-        MAV_RC first;  // the infection at index 0
-    } cases[] = {{1, 0, 0, 0, MAV_OK},
-                 {9, 0, 0, 0, MAV_OK},
-                 {3, 2, 1, 0, MAV_E_INVALID_ENUM_INDEX},
-                 {1, 0, 0, 1, MAV_E_NO_SCANINFO}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.infections);
-        pel.script_clear();
-        pel.script_rc(MAV_E_VIRUS_FOUND);
-        pel.script_infection("first<", "o1", 1, 0, 1, nullptr);
-        pel.script_infection("second", "o2", 2, 0, 1, nullptr);
-        pel.script_counts(5, 0, 0, c.infections, c.errors);
-        pel.script_null_arrays(c.nullArrays);
-        pel.script_no_scaninfo(c.noRecord);
-        MAV_SCANINFO si = {sizeof(MAV_SCANINFO), 77, 0, 0, 0, 0, 0};
-        // Record dumps too, unless a count is larger than a real array (the
-        // dump reads every counted entry).
-        MavSetTraceLevel(c.infections == 9 ? 0 : 0x7FFE);
-        EXPECT_EQ(MAV_E_VIRUS_FOUND, Scan(i, &si));
+        ASSERT_EQ(MAV_OK, MavLoadPool(h, 1, 0));
+        MAV_INST i = Instance(h), j = nullptr;
+        Seen seen;
+        seen.answer = c.calls == 1 ? 1 : 0;
+        EXPECT_EQ(c.events, MavRegisterSingleEventHandler(
+                                i, Single, VS_M_VIRUS | VS_M_OBJECTFOUND | VS_M_ERROR, &seen));
+        if (c.failEntry != TPEL_END && c.failEntry != TPEL_CLEANUP && c.failEntry >= 0)
+            pel.fail(c.failEntry, c.failRc, c.failText);
+        EXPECT_EQ(c.create, MavCreateInstance(h, &j));
+        EXPECT_EQ(c.create == MAV_OK, j != nullptr);
+        EXPECT_EQ(c.failText != nullptr ? c.failText : "",
+                  c.failText != nullptr ? ErrorText(h) : "");
+        EXPECT_EQ(MAV_E_IN_PROGRESS, MavReload(h)) << "an instance is out";
+        MAV_SCANINFO si = {sizeof(MAV_SCANINFO), 0, 0, 0, 0, 0, 0};
+        MavSetTraceLevel(c.dump ? 0x7FFE : 0);
+        EXPECT_EQ(c.scan, Scan(i, &si));
         MavSetTraceLevel(0);
-        EXPECT_EQ(c.noRecord ? 0u : c.infections, si.uiInfections);
-        EXPECT_EQ(c.noRecord ? 77u : 1u, si.uiJobID) << "no record, no summary";
         char name[16];
         size_t len = sizeof name;
         EXPECT_EQ(c.first, Infection(i, 0, name, &len));
         EXPECT_EQ(c.first == MAV_OK ? "first_" : "",
                   std::string(name, c.first == MAV_OK ? len : 0));
-        const MAV_RC beyond = c.noRecord ? MAV_E_NO_SCANINFO : MAV_E_INVALID_ENUM_INDEX;
-        EXPECT_EQ(beyond, Infection(i, c.infections));
-        EXPECT_EQ(beyond, MavEnumScanErrors(i, c.errors, nullptr, nullptr, nullptr, nullptr,
-                                            nullptr, nullptr));
-        char ext[8] = "zzz";
-        size_t extLen = sizeof ext;
-        if (c.nullArrays) {  // content info without entries is cleared
-            EXPECT_EQ(MAV_OK, MavEnumContentInfo(i, 4, nullptr, ext, &extLen, nullptr, nullptr,
-                                                 nullptr, nullptr, nullptr));
-            EXPECT_EQ(0u, extLen);
-        }
+        EXPECT_NE(MAV_OK, Infection(i, si.uiInfections)) << "counted entries only";
+        EXPECT_EQ(c.calls, seen.calls);
+        EXPECT_EQ(c.nulls, seen.nulls);
+        int32_t answers[16];
+        for (int k = 0, n = pel.event_results(answers, 16); k < n; ++k)
+            EXPECT_EQ(seen.answer, answers[k]) << "event " << k;
+        EXPECT_TRUE(j == nullptr || MavFreeInstance(&j) == MAV_OK);
+        EXPECT_EQ(c.free, MavFreeInstance(&i));
+        EXPECT_EQ(c.free == MAV_OK ? MAV_OK : MAV_E_IN_PROGRESS,
+                  c.free == MAV_OK ? MAV_OK : MavEnd(&h))
+            << "the held instance keeps the handle";
+        if (c.failEntry >= 0) pel.fail(c.failEntry, 0, nullptr);
+        EXPECT_TRUE(c.free == MAV_OK || MavFreeInstance(&i) == MAV_OK);
+        if (c.failEntry == TPEL_END || c.failEntry == TPEL_CLEANUP)
+            pel.fail(c.failEntry, c.failRc, nullptr);
+        EXPECT_EQ(c.end, MavEnd(&h));
+        EXPECT_STRNE("Unknown ERROR", MavErrorDescription(c.end));
+        if (c.failEntry >= 0) pel.fail(c.failEntry, 0, nullptr);
+        EXPECT_TRUE(h == nullptr || MavEnd(&h) == MAV_OK) << "ended again";
     }
-    End(i, h);
-}
-
-TEST_F(HostileAdapter, TextsThatAreNotUtf8OrHuge) {
-    pel.set_adapter_info(4711, 0, 2, 1, 0, kMega.c_str(), kBadUtf8);
-    MAV_HANDLE h = Start();
-    std::vector<char> big(3 * kMega.size() + 3);
-    char small[64];
-    size_t smallLen = sizeof small, bigLen = big.size();
-    EXPECT_EQ(MAV_E_CONVERSION_FAILED,
-              MavGetPelInfo(h, nullptr, nullptr, nullptr, small, &smallLen, big.data(), &bigLen));
-    EXPECT_EQ(0u, smallLen);
-    EXPECT_EQ(kMega.size(), bigLen);
-    // Vendor texts of a failing PelInit are kept as given (bytes, not converted).
-    for (const std::string& text : {std::string(kBadUtf8), kMega}) {
-        pel.fail(TPEL_INIT, MAV_E_DRIVER_FAILED, text.c_str());
-        MAV_INST j = nullptr;
-        EXPECT_EQ(MAV_E_DRIVER_FAILED, MavCreateInstance(h, &j));
-        EXPECT_EQ(text, ErrorText(h));
-    }
-    pel.fail(TPEL_INIT, 0, nullptr);
-    // Result texts: one that is not UTF-8 fails and is emptied, the others are
-    // filled; a buffer one character short of the huge one gets nothing.
-    MAV_INST i = Instance(h);
-    pel.script_rc(MAV_E_VIRUS_FOUND);
-    pel.script_infection(kBadUtf8, kMega.c_str(), 1, 0, 1, "free");
-    MavSetTraceLevel(0x7FFE);  // the dump meets the same texts
-    EXPECT_EQ(MAV_E_VIRUS_FOUND, Scan(i));
-    MavSetTraceLevel(0);
-    char freeText[16];
-    size_t freeLen = sizeof freeText;
-    smallLen = sizeof small;
-    bigLen = big.size();
-    EXPECT_EQ(MAV_E_CONVERSION_FAILED,
-              MavEnumInfections(i, 0, nullptr, nullptr, small, &smallLen, big.data(), &bigLen,
-                                nullptr, freeText, &freeLen));
-    EXPECT_EQ(0u, smallLen);
-    EXPECT_EQ(kMega.size(), bigLen);
-    EXPECT_EQ("free", std::string(freeText, freeLen));
-    bigLen = kMega.size();
-    EXPECT_EQ(MAV_E_BUFFER_TOO_SHORT,
-              MavEnumInfections(i, 0, nullptr, nullptr, nullptr, nullptr, big.data(), &bigLen,
-                                nullptr, nullptr, nullptr));
-    EXPECT_EQ(0u, bigLen);
-    End(i, h);
-}
-
-// Counts what a single handler is given: calls, null data (or a virus record
-// without a name), the longest text.
-struct Seen {
-    int calls = 0, nulls = 0;
-    size_t longest = 0;
-    VS_CALLRC answer = 0;
-};
-VS_CALLRC Single(MAV_INST, uint32_t message, void* data, void* user) {
-    Seen* seen = static_cast<Seen*>(user);
-    const char* text = static_cast<const char*>(data);
-    if (data != nullptr && message == VS_M_VIRUS) {
-        seen->nulls += static_cast<const MAV_VIRUSINFO*>(data)->pszVirusName == nullptr ? 1 : 0;
-        text = static_cast<const MAV_VIRUSINFO*>(data)->pszObjectName;
-    }
-    seen->calls++;
-    seen->nulls += data == nullptr ? 1 : 0;
-    seen->longest = std::max(seen->longest, text != nullptr ? strlen(text) : 0);
-    return seen->answer;
-}
-
-TEST_F(HostileAdapter, CallbacksWithUnknownMessagesAndBadDataAreAnswered) {
-    MAV_HANDLE h = Start();
-    MAV_INST i = Instance(h);
-    Seen seen;
-    ASSERT_EQ(MAV_OK, MavRegisterSingleEventHandler(
-                          i, Single, VS_M_VIRUS | VS_M_OBJECTFOUND | VS_M_ERROR, &seen));
-    pel.script_infection(kBadUtf8, kMega.c_str(), 1, 0, 1, nullptr);
-    pel.script_event(0x4000, 0, nullptr, 1, 1);             // unknown message
-    pel.script_event(0x80000000u, 0, nullptr, 2, 1);        // unknown message
-    pel.script_event(VS_M_SCANPROGRESS, 0, nullptr, 3, 1);  // not registered
-    pel.script_event(VS_M_VIRUS, 5, nullptr, 0, 0);         // no such record: null data
-    pel.script_event(VS_M_VIRUS, 0, nullptr, 0, 0);         // name not UTF-8
-    pel.script_event(VS_M_OBJECTFOUND, 0, kBadUtf8, 0, 0);  // not UTF-8: null text
-    pel.script_event(VS_M_ERROR, 0, kMega.c_str(), 0, 0);
-    pel.script_event(VS_M_OBJECTFOUND, 0, nullptr, 0, 0);
-    EXPECT_EQ(MAV_OK, Scan(i));
-    int32_t results[16];
-    ASSERT_EQ(8, pel.event_results(results, 16));
-    EXPECT_EQ(std::vector<int32_t>(8, 0), std::vector<int32_t>(results, results + 8));
-    EXPECT_EQ(5, seen.calls);
-    EXPECT_EQ(4, seen.nulls);
-    EXPECT_EQ(kMega.size(), seen.longest);
-    // A handler that says stop ends the scan; the instance stays usable.
-    seen.answer = 1;
-    EXPECT_EQ(MAV_E_CBC_TERMINATED, Scan(i));
-    EXPECT_EQ(MAV_E_NO_SCANINFO, Infection(i, 0));
-    seen.answer = 0;
-    EXPECT_EQ(MAV_OK, Scan(i));
-    End(i, h);
-    // An adapter that sends no event at all cannot be asked for one.
-    pel.set_flags(0x3, 0x19, 0, 0);
-    h = Start();
-    i = Instance(h);
-    EXPECT_EQ(MAV_E_NOT_SUPPORTED, MavRegisterSingleEventHandler(i, Single, VS_M_VIRUS, &seen));
-    End(i, h);
-}
-
-TEST_F(HostileAdapter, AnswersThatChangeBetweenHandles) {
-    // Same adapter file, another identity, thread model and parameter type.
-    pel.add_param(0, 107, VS_TYPE_LONG, "1");
-    MAV_HANDLE a = Start();
-    pel.clear_params();
-    pel.add_param(0, 107, VS_TYPE_CHAR, "one");
-    pel.set_adapter_info(4712, 1, 2, 1, 0, "other vendor", "other");
-    MAV_HANDLE b = Start();
-    EXPECT_EQ(MAV_OK, MavSetParameter(a, "SCANLIMIT", VS_TYPE_LONG, "5"));
-    EXPECT_EQ(MAV_E_INVALID_PARAM_TYPE, MavSetParameter(b, "SCANLIMIT", VS_TYPE_LONG, "5"));
-    EXPECT_EQ(MAV_OK, MavSetParameter(b, "SCANLIMIT", VS_TYPE_CHAR, "five"));
-    // Ending the only handle of identity 4711 runs PelCleanup although b still
-    // uses the file; b's configuration was never handed back and stays valid.
-    EXPECT_EQ(MAV_OK, MavEnd(&a));
-    MAV_INST i = Instance(b);
-    EXPECT_EQ(MAV_OK, Scan(i));
-    char value[16];
-    size_t len = sizeof value;
-    EXPECT_EQ(MAV_OK, MavGetParameter(b, "SCANLIMIT", nullptr, value, &len));
-    EXPECT_EQ("five", std::string(value, len));
-    End(i, b);
 }
 
 TEST_F(HostileAdapter, StaleForeignAndDamagedHandlesAreRefused) {

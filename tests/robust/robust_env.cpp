@@ -23,11 +23,11 @@ namespace {
 
 // Hook state. Live pointers are kept XOR-masked so that LeakSanitizer does
 // not take the table for a reference: a block the library loses is still
-// reported at exit. Misuse counts frees of pointers the hooks never handed
-// out and allocations not tagged "mav".
+// reported at exit.
 struct Hooks {
     std::mutex lock;
-    uint64_t points = 0, failAt = 0, refused = 0, serial = 1, misuse = 0;
+    HookCounts n = {0, 0, 1, 0};
+    uint64_t failAt = 0;
     bool persistent = false;
     std::unordered_map<uintptr_t, uint64_t> live;  // masked pointer -> serial
 };
@@ -42,15 +42,16 @@ uintptr_t Key(void* p) {
 
 // With the lock held: counts the point, true when it is to be refused.
 bool Refuse(Hooks& h, const char* tag) {
-    h.misuse += tag == nullptr || std::strcmp(tag, "mav") != 0 ? 1 : 0;
-    ++h.points;
-    bool refuse = h.failAt != 0 && (h.points == h.failAt || (h.persistent && h.points > h.failAt));
-    h.refused += refuse ? 1 : 0;
+    h.n.misuse += tag == nullptr || std::strcmp(tag, "mav") != 0 ? 1 : 0;
+    ++h.n.points;
+    bool refuse =
+        h.failAt != 0 && (h.n.points == h.failAt || (h.persistent && h.n.points > h.failAt));
+    h.n.refused += refuse ? 1 : 0;
     return refuse;
 }
 void Track(Hooks& h, void* p) {
     inHook = true;
-    h.live[Key(p)] = h.serial++;
+    h.live[Key(p)] = h.n.serial++;
     inHook = false;
 }
 void* Alloc(size_t size, int clean, const char* tag) {
@@ -66,7 +67,7 @@ void* Realloc(void* ptr, size_t size, const char* tag) {
     const uintptr_t old = Key(ptr);
     void* p = std::realloc(ptr, size + 1);
     if (p == nullptr) return nullptr;
-    if (ptr != nullptr && H().live.erase(old) == 0) ++H().misuse;
+    if (ptr != nullptr && H().live.erase(old) == 0) ++H().n.misuse;
     Track(H(), p);
     return p;
 }
@@ -77,18 +78,14 @@ void Free(void* ptr) {
         // Not ours: counted and left alone (freeing it could corrupt the heap
         // of whoever owns it).
         if (H().live.erase(Key(ptr)) == 0) {
-            ++H().misuse;
+            ++H().n.misuse;
             return;
         }
     }
     std::free(ptr);
 }
-uint64_t Read(uint64_t Hooks::*field) {
-    std::lock_guard<std::mutex> g(H().lock);
-    return H().*field;
-}
-
-std::string tmpRoot, defaultTmp, handleTmp, sample;
+std::string tmpRoot;
+Paths dirs;
 
 int SwallowTrace(const char*, const char*, int, uint32_t, const char*) {
     return 0;
@@ -112,22 +109,20 @@ class Env : public ::testing::Environment {
         char tmpl[] = "/tmp/kormo_robust_XXXXXX";
         ASSERT_NE(nullptr, mkdtemp(tmpl));
         tmpRoot = tmpl;
-        defaultTmp = tmpRoot + "/pel_tmp";
-        handleTmp = tmpRoot + "/handle_tmp";
-        sample = tmpRoot + "/sample.com";
-        mkdir(defaultTmp.c_str(), 0700);
-        mkdir(handleTmp.c_str(), 0700);
-        FILE* fp = std::fopen(sample.c_str(), "wb");
+        dirs = {tmpRoot + "/pel_tmp", tmpRoot + "/handle_tmp", tmpRoot + "/sample.com"};
+        mkdir(dirs.defaultTmp.c_str(), 0700);
+        mkdir(dirs.handleTmp.c_str(), 0700);
+        FILE* fp = std::fopen(dirs.sample.c_str(), "wb");
         ASSERT_NE(nullptr, fp);
         std::fputs("X5O!P%@AP[4\\PZX54(P^)7CC)7}$ROBUST-SAMPLE", fp);
         std::fclose(fp);
-        setenv("PEL_TMP", defaultTmp.c_str(), 1);
+        setenv("PEL_TMP", dirs.defaultTmp.c_str(), 1);
         ASSERT_EQ(MAV_OK, MavSetTraceHandler(SwallowTrace));
     }
     void TearDown() override {
         MavSetTraceHandler(nullptr);
-        unlink(sample.c_str());
-        for (const std::string& d : {handleTmp, defaultTmp, tmpRoot}) rmdir(d.c_str());
+        unlink(dirs.sample.c_str());
+        for (const std::string& d : {dirs.handleTmp, dirs.defaultTmp, tmpRoot}) rmdir(d.c_str());
     }
 };
 
@@ -135,20 +130,17 @@ class Env : public ::testing::Environment {
 
 }  // namespace
 
+const Paths& paths = dirs;
+
 void FailFrom(uint64_t k, bool persistent) {
     std::lock_guard<std::mutex> g(H().lock);
-    H().points = H().refused = 0;
+    H().n.points = H().n.refused = 0;
     H().failAt = k;
     H().persistent = persistent;
 }
-uint64_t Points() {
-    return Read(&Hooks::points);
-}
-uint64_t Refused() {
-    return Read(&Hooks::refused);
-}
-uint64_t Mark() {
-    return Read(&Hooks::serial);
+HookCounts Counts() {
+    std::lock_guard<std::mutex> g(H().lock);
+    return H().n;
 }
 std::string Leaks(uint64_t mark) {
     std::lock_guard<std::mutex> g(H().lock);
@@ -161,23 +153,13 @@ void Release(void* p) {
     Free(p);
 }
 
-const std::string& DefaultTmpDir() {
-    return defaultTmp;
-}
-const std::string& HandleTmpDir() {
-    return handleTmp;
-}
-const std::string& SampleFile() {
-    return sample;
-}
-
 void RobustTest::SetUp() {
     // The properties reader keeps the first value of every key across starts:
     // each test starts the profile runtime from an empty reader.
     mav::mav_properties = mav::PropertyReader();
     FailFrom(0, false);
-    mark_ = Mark();
-    misuse_ = Read(&Hooks::misuse);
+    mark_ = Counts().serial;
+    misuse_ = Counts().misuse;
 }
 
 void RobustTest::TearDown() {
@@ -192,8 +174,8 @@ std::string RobustTest::LeftOver(uint64_t mark) {
     if (pel.live_inits() != 0) out += "  engine records never ended\n";
     if (pel.live_scaninfos() != 0) out += "  scan results never released\n";
     if (pel.bad_releases() != 0) out += "  records released twice or foreign records released\n";
-    if (Read(&Hooks::misuse) != misuse_) out += "  free hook got a pointer it never gave\n";
-    if (FilesIn(DefaultTmpDir()) + FilesIn(HandleTmpDir()) != 0) out += "  temporary file left\n";
+    if (Counts().misuse != misuse_) out += "  free hook got a pointer it never gave\n";
+    if (FilesIn(dirs.defaultTmp) + FilesIn(dirs.handleTmp) != 0) out += "  temporary file left\n";
     return out;
 }
 

@@ -19,20 +19,25 @@ namespace robust {
 // FailFrom(k, persistent) starts counting again and refuses the k-th point
 // (with persistent, every later one too); k = 0 refuses nothing.
 void FailFrom(uint64_t k, bool persistent);
-uint64_t Points();
-uint64_t Refused();
-// Serial number of the next allocation (never reset), and the blocks
-// allocated since such a mark that are still live ("" when none).
-uint64_t Mark();
+struct HookCounts {
+    uint64_t points, refused;  // since FailFrom
+    uint64_t serial;           // of the next allocation, never reset: a mark
+    uint64_t misuse;           // frees of pointers never handed out, allocations not tagged "mav"
+};
+HookCounts Counts();
+// The blocks allocated since a mark that are still live ("" when none).
 std::string Leaks(uint64_t mark);
 // Frees memory the library handed to the caller through the hooks.
 void Release(void* p);
 // True on a thread while it runs inside a hook.
 extern thread_local bool inHook;
 
-const std::string& DefaultTmpDir();  // PEL_TMP of this process
-const std::string& HandleTmpDir();   // for a handle's INITTEMP_PATH
-const std::string& SampleFile();     // a small file to scan
+struct Paths {
+    std::string defaultTmp;  // PEL_TMP of this process
+    std::string handleTmp;   // for a handle's INITTEMP_PATH
+    std::string sample;      // a small file to scan
+};
+extern const Paths& paths;
 
 // True for every code the library documents (-6..32).
 inline bool KnownCode(MAV_RC rc) {
