@@ -276,13 +276,17 @@ class Scenario {
               MAV_OK);
     }
 
-    // Scans bytes (traced: every trace bit, record dumps too); then results.
-    void ScanBytes(MAV_INST i, const char* name, bool traced = false) {
-        unsigned char bytes[64] = {0};
+    // Scans 64 bytes (traced: every trace bit, record dumps too); on a verdict,
+    // reads the results and gives true.
+    bool ScanBytes(MAV_INST i, const char* name, bool traced = false) {
+        unsigned char bytes[64];
+        memset(bytes, 'b', sizeof bytes);
         MavSetTraceLevel(traced ? 0x7FFE : 0);
         MAV_RC rc = MavScanBytes(i, name, bytes, sizeof bytes, 8, &si_);
         MavSetTraceLevel(0);
-        if (Check(name, rc, MAV_E_VIRUS_FOUND)) Results(i);
+        if (!Check(name, rc, MAV_E_VIRUS_FOUND)) return false;
+        Results(i);
+        return true;
     }
 
     void Scans() {
@@ -312,7 +316,9 @@ class Scenario {
               MavSetParameter(hdl2_, "INITTEMP_PATH", VS_TYPE_CHAR, paths.handleTmp.c_str()),
               MAV_OK);
         if ((d_ = Create("MavCreateInstance fallback", hdl2_)) == nullptr) return;
-        ScanBytes(d_, "dir/name\\x.doc");
+        // A verdict on the temporary file: the engine was given every byte.
+        if (ScanBytes(d_, "dir/name\\x.doc") && pel_.lastScan().lFileSize != 64)
+            Problem("a verdict on a temporary file without the bytes");
         unsigned char bytes[100] = {0};
         size_t length = sizeof bytes;
         Check("MavScanClean fallback unnamed",

@@ -171,64 +171,63 @@ void TwoInfections(TestPel& p, uint32_t counted, uint32_t errors) {
     p.script_counts(0, 0, 0, counted, errors);
 }
 
-// A hostile adapter (scripted before start-up; failEntry fails from the step
-// that first needs it) and what each step of the probe must answer.
+// A hostile adapter: scripted before start-up; failEntry fails, with failRc
+// and failText, from the step that first needs it (PelInit: a listed
+// instance; PelScan and PelReleaseScan: the scan and the free; PelEnd and
+// PelCleanup: the end). Then what the scan, the first infection and the
+// single handler must see.
 struct Case {
     const char* name;
     void (*script)(TestPel&);
     int failEntry = -1;
-    MAV_RC failRc = 0;
-    const char* failText = nullptr;  // the vendor text of the failure, kept as given
-    MAV_RC create = MAV_OK, scan = MAV_OK, first = MAV_E_INVALID_ENUM_INDEX, free = MAV_OK,
-           end = MAV_OK, events = MAV_OK;
-    int calls = 0, nulls = 0;  // of the single handler
-    bool dump = true;          // scan with record dumps (they read every counted entry)
+    MAV_RC failRc = MAV_OK;
+    const char* failText = nullptr;  // kept as given
+    MAV_RC scan = MAV_OK, first = MAV_E_INVALID_ENUM_INDEX;
+    int calls = 0, nulls = 0;  // of the single handler (and the answer it gives)
+    VS_CALLRC answer = 0;
+    MAV_RC events = MAV_OK;  // registering the handler
+    bool dump = true;        // the scan with record dumps (they read every counted entry)
 };
 
 // Start-up and a pool of one; the pooled instance registers a handler; a
-// listed one is asked for (PelInit); the pooled one scans and its results are
-// read; everything is freed and ended. A failure that leaves something held
-// must leave it to be freed or ended again.
+// listed one is asked for; the pooled one scans and its results are read;
+// everything is freed and ended. A failure that leaves something held leaves
+// it to be freed or ended again.
 TEST_F(HostileAdapter, HostileAnswersGiveDocumentedCodesAndNothingHeld) {
     const Case cases[] = {
         {"unknown parameter codes", [](TestPel& p) { p.add_param(1, 77, VS_TYPE_INT, "5"); }},
         {"no parameter lists", [](TestPel& p) { p.set_null_param_lists(1); }},
-        {"PelInit fails", nullptr, TPEL_INIT, MAV_E_EXPIRED, "licence expired", MAV_E_EXPIRED},
-        {"PelInit text not UTF-8", nullptr, TPEL_INIT, MAV_E_DRIVER_FAILED, kBadUtf8,
-         MAV_E_DRIVER_FAILED},
-        {"PelInit text huge", nullptr, TPEL_INIT, MAV_E_DRIVER_FAILED, kMega.c_str(),
-         MAV_E_DRIVER_FAILED},
-        {"PelScan fails", nullptr, TPEL_SCAN, MAV_E_SCAN_FAILED, nullptr, MAV_OK, MAV_E_SCAN_FAILED,
+        {"PelInit fails", nullptr, TPEL_INIT, MAV_E_EXPIRED, "licence expired"},
+        {"PelInit text not UTF-8", nullptr, TPEL_INIT, MAV_E_DRIVER_FAILED, kBadUtf8},
+        {"PelInit text huge", nullptr, TPEL_INIT, MAV_E_DRIVER_FAILED, kMega.c_str()},
+        {"PelScan fails", nullptr, TPEL_SCAN, MAV_E_SCAN_FAILED, nullptr, MAV_OK,
          MAV_E_NO_SCANINFO},
-        {"PelReleaseScan fails", nullptr, TPEL_RELEASESCAN, MAV_E_CIO_FAILED, nullptr, MAV_OK,
-         MAV_OK, MAV_E_INVALID_ENUM_INDEX, MAV_E_CIO_FAILED},
-        {"PelEnd fails", nullptr, TPEL_END, MAV_E_END_FAILED, nullptr, MAV_OK, MAV_OK,
-         MAV_E_INVALID_ENUM_INDEX, MAV_OK, MAV_E_END_FAILED},
-        {"PelCleanup fails", nullptr, TPEL_CLEANUP, MAV_E_END_FAILED, nullptr, MAV_OK, MAV_OK,
-         MAV_E_INVALID_ENUM_INDEX, MAV_OK, MAV_E_END_FAILED},
-        {"fewer counted than given", [](TestPel& p) { TwoInfections(p, 1, 0); }, -1, 0, nullptr,
-         MAV_OK, MAV_E_VIRUS_FOUND, MAV_OK},
-        {"more counted than given", [](TestPel& p) { TwoInfections(p, 9, 0); }, -1, 0, nullptr,
-         MAV_OK, MAV_E_VIRUS_FOUND, MAV_OK, MAV_OK, MAV_OK, MAV_OK, 0, 0, false},
+        {"PelReleaseScan fails", nullptr, TPEL_RELEASESCAN, MAV_E_CIO_FAILED},
+        {"PelEnd fails", nullptr, TPEL_END, MAV_E_END_FAILED},
+        {"PelCleanup fails", nullptr, TPEL_CLEANUP, MAV_E_END_FAILED},
+        {"fewer counted than given", [](TestPel& p) { TwoInfections(p, 1, 0); }, -1, MAV_OK,
+         nullptr, MAV_E_VIRUS_FOUND, MAV_OK},
+        {"more counted than given", [](TestPel& p) { TwoInfections(p, 9, 0); }, -1, MAV_OK, nullptr,
+         MAV_E_VIRUS_FOUND, MAV_OK, 0, 0, 0, MAV_OK, false},
         {"counts with null arrays",
          [](TestPel& p) {
              TwoInfections(p, 3, 2);
              p.script_null_arrays(1);
          },
-         -1, 0, nullptr, MAV_OK, MAV_E_VIRUS_FOUND},
+         -1, MAV_OK, nullptr, MAV_E_VIRUS_FOUND},
         {"no result record",
          [](TestPel& p) {
              TwoInfections(p, 2, 0);
              p.script_no_scaninfo(1);
          },
-         -1, 0, nullptr, MAV_OK, MAV_E_VIRUS_FOUND, MAV_E_NO_SCANINFO},
+         -1, MAV_OK, nullptr, MAV_E_VIRUS_FOUND, MAV_E_NO_SCANINFO},
         {"texts not UTF-8 or huge",
          [](TestPel& p) {
              p.set_adapter_info(4711, 0, 2, 1, 0, kMega.c_str(), kBadUtf8);
              p.script_rc(MAV_E_VIRUS_FOUND);
              p.script_infection(kBadUtf8, kMega.c_str(), 1, 0, 1, "free");
          },
-         -1, 0, nullptr, MAV_OK, MAV_E_VIRUS_FOUND, MAV_E_CONVERSION_FAILED},
+         -1, MAV_OK, nullptr, MAV_E_VIRUS_FOUND, MAV_E_CONVERSION_FAILED},
         {"unknown messages and bad event data",
          [](TestPel& p) {
              p.script_infection(kBadUtf8, kMega.c_str(), 1, 0, 1, nullptr);
@@ -241,57 +240,57 @@ TEST_F(HostileAdapter, HostileAnswersGiveDocumentedCodesAndNothingHeld) {
              p.script_event(VS_M_ERROR, 0, kMega.c_str(), 0, 0);
              p.script_event(VS_M_OBJECTFOUND, 0, nullptr, 0, 0);  // null
          },
-         -1, 0, nullptr, MAV_OK, MAV_OK, MAV_E_CONVERSION_FAILED, MAV_OK, MAV_OK, MAV_OK, 5, 4},
+         -1, MAV_OK, nullptr, MAV_OK, MAV_E_CONVERSION_FAILED, 5, 4},
         {"a handler that says stop",
-         [](TestPel& p) { p.script_event(VS_M_OBJECTFOUND, 0, "stop", 0, 0); }, -1, 0, nullptr,
-         MAV_OK, MAV_E_CBC_TERMINATED, MAV_E_NO_SCANINFO, MAV_OK, MAV_OK, MAV_OK, 1},
-        {"no events at all", [](TestPel& p) { p.set_flags(0x3, 0x19, 0, 0); }, -1, 0, nullptr,
-         MAV_OK, MAV_OK, MAV_E_INVALID_ENUM_INDEX, MAV_OK, MAV_OK, MAV_E_NOT_SUPPORTED}};
+         [](TestPel& p) { p.script_event(VS_M_OBJECTFOUND, 0, "stop", 0, 0); }, -1, MAV_OK, nullptr,
+         MAV_E_CBC_TERMINATED, MAV_E_NO_SCANINFO, 1, 0, 1},
+        {"no events at all", [](TestPel& p) { p.set_flags(0x3, 0x19, 0, 0); }, -1, MAV_OK, nullptr,
+         MAV_OK, MAV_E_INVALID_ENUM_INDEX, 0, 0, 0, MAV_E_NOT_SUPPORTED}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
+        auto failing = [&c](int entry) { return c.failEntry == entry ? c.failRc : MAV_OK; };
         pel.reset();
         if (c.script != nullptr) c.script(pel);
         MAV_HANDLE h = Start();
         ASSERT_EQ(MAV_OK, MavLoadPool(h, 1, 0));
         MAV_INST i = Instance(h), j = nullptr;
         Seen seen;
-        seen.answer = c.calls == 1 ? 1 : 0;
-        EXPECT_EQ(c.events, MavRegisterSingleEventHandler(
-                                i, Single, VS_M_VIRUS | VS_M_OBJECTFOUND | VS_M_ERROR, &seen));
-        if (c.failEntry != TPEL_END && c.failEntry != TPEL_CLEANUP && c.failEntry >= 0)
-            pel.fail(c.failEntry, c.failRc, c.failText);
-        EXPECT_EQ(c.create, MavCreateInstance(h, &j));
-        EXPECT_EQ(c.create == MAV_OK, j != nullptr);
-        EXPECT_EQ(c.failText != nullptr ? c.failText : "",
-                  c.failText != nullptr ? ErrorText(h) : "");
+        seen.answer = c.answer;
+        const uint32_t mask = VS_M_VIRUS | VS_M_OBJECTFOUND | VS_M_ERROR;
+        EXPECT_EQ(c.events, MavRegisterSingleEventHandler(i, Single, mask, &seen));
+        if (c.failEntry < TPEL_END) pel.fail(c.failEntry, c.failRc, c.failText);
+        EXPECT_EQ(failing(TPEL_INIT), MavCreateInstance(h, &j));
+        EXPECT_EQ(failing(TPEL_INIT) == MAV_OK, j != nullptr);
+        EXPECT_EQ(c.failText != nullptr ? c.failText : "", c.failText ? ErrorText(h) : "");
         EXPECT_EQ(MAV_E_IN_PROGRESS, MavReload(h)) << "an instance is out";
         MAV_SCANINFO si = {sizeof(MAV_SCANINFO), 0, 0, 0, 0, 0, 0};
         MavSetTraceLevel(c.dump ? 0x7FFE : 0);
-        EXPECT_EQ(c.scan, Scan(i, &si));
+        const MAV_RC scanned = c.failEntry == TPEL_SCAN ? c.failRc : c.scan;
+        EXPECT_EQ(scanned, Scan(i, &si));
         MavSetTraceLevel(0);
         char name[16];
         size_t len = sizeof name;
         EXPECT_EQ(c.first, Infection(i, 0, name, &len));
-        EXPECT_EQ(c.first == MAV_OK ? "first_" : "",
-                  std::string(name, c.first == MAV_OK ? len : 0));
+        EXPECT_EQ(c.first == MAV_OK ? "first_" : "", std::string(name, c.first ? 0 : len));
         EXPECT_NE(MAV_OK, Infection(i, si.uiInfections)) << "counted entries only";
         EXPECT_EQ(c.calls, seen.calls);
         EXPECT_EQ(c.nulls, seen.nulls);
         int32_t answers[16];
         for (int k = 0, n = pel.event_results(answers, 16); k < n; ++k)
-            EXPECT_EQ(seen.answer, answers[k]) << "event " << k;
+            EXPECT_EQ(c.answer, answers[k]) << "event " << k;
+        // The next scan first gives the held result back.
+        EXPECT_EQ(c.failEntry == TPEL_RELEASESCAN ? c.failRc : scanned, Scan(i));
         EXPECT_TRUE(j == nullptr || MavFreeInstance(&j) == MAV_OK);
-        EXPECT_EQ(c.free, MavFreeInstance(&i));
-        EXPECT_EQ(c.free == MAV_OK ? MAV_OK : MAV_E_IN_PROGRESS,
-                  c.free == MAV_OK ? MAV_OK : MavEnd(&h))
-            << "the held instance keeps the handle";
-        if (c.failEntry >= 0) pel.fail(c.failEntry, 0, nullptr);
-        EXPECT_TRUE(c.free == MAV_OK || MavFreeInstance(&i) == MAV_OK);
-        if (c.failEntry == TPEL_END || c.failEntry == TPEL_CLEANUP)
-            pel.fail(c.failEntry, c.failRc, nullptr);
-        EXPECT_EQ(c.end, MavEnd(&h));
-        EXPECT_STRNE("Unknown ERROR", MavErrorDescription(c.end));
-        if (c.failEntry >= 0) pel.fail(c.failEntry, 0, nullptr);
+        const MAV_RC freed = failing(TPEL_RELEASESCAN);
+        EXPECT_EQ(freed, MavFreeInstance(&i));
+        if (freed != MAV_OK) {
+            EXPECT_EQ(MAV_E_IN_PROGRESS, MavEnd(&h)) << "the held instance keeps its handle";
+        }
+        // Earlier failures end here; PelEnd and PelCleanup fail from here.
+        pel.fail(c.failEntry, c.failEntry < TPEL_END ? MAV_OK : c.failRc, nullptr);
+        EXPECT_TRUE(freed == MAV_OK || MavFreeInstance(&i) == MAV_OK);
+        EXPECT_EQ(c.failEntry >= TPEL_END ? c.failRc : MAV_OK, MavEnd(&h));
+        pel.fail(c.failEntry, MAV_OK, nullptr);
         EXPECT_TRUE(h == nullptr || MavEnd(&h) == MAV_OK) << "ended again";
     }
 }
