@@ -246,19 +246,15 @@ class Scenario {
         Check("OBJECT", MavSetParameter(a_, "BLOCKMIMETYPES", VS_TYPE_OBJECT, "a/evil"), MAV_OK);
         Check("custom", MavSetParameter(a_, "CUST_CLEAN", VS_TYPE_BOOL, "1"), MAV_OK);
         Text name, value;
-        for (uint32_t i = 0; i <= 6; ++i)
-            Check("MavEnumParameters",
-                  MavEnumParameters(a_, i, name.Reset(), &name.len, nullptr, value.Reset(),
-                                    &value.len),
-                  i < 6 ? MAV_OK : MAV_E_INVALID_ENUM_INDEX);
+        Check("MavEnumParameters",
+              MavEnumParameters(a_, 5, name.Reset(), &name.len, nullptr, value.Reset(), &value.len),
+              MAV_OK);
         Check("reset", MavSetParameter(a_, "SCANLIMIT", VS_TYPE_LONG, nullptr), MAV_OK);
         if (b_ != nullptr) Check("MavSetDefaultConfig", MavSetDefaultConfig(b_), MAV_OK);
         Check("MavGetPelInfo",
               MavGetPelInfo(hdl_, &u32_, &u32_, &u32_, name.Reset(), &name.len, value.Reset(),
                             &value.len),
               MAV_OK);
-        Check("MavGetEngineInfo",
-              MavGetEngineInfo(a_, &u32_, name.Reset(), &name.len, &u64_, &u32_, &u16_), MAV_OK);
     }
 
     void Results(void* inst) {
@@ -266,9 +262,6 @@ class Scenario {
         Check("MavEnumInfections",
               MavEnumInfections(inst, 0, nullptr, &u32_, a.Reset(), &a.len, b.Reset(), &b.len,
                                 &u64_, c.Reset(), &c.len),
-              MAV_OK);
-        Check("MavEnumScanErrors",
-              MavEnumScanErrors(inst, 0, &u32_, a.Reset(), &a.len, b.Reset(), &b.len, &u64_),
               MAV_OK);
         Check("MavEnumContentInfo",
               MavEnumContentInfo(inst, 0, &u32_, a.Reset(), &a.len, b.Reset(), &b.len, c.Reset(),
@@ -319,11 +312,6 @@ class Scenario {
         // A verdict on the temporary file: the engine was given every byte.
         if (ScanBytes(d_, "dir/name\\x.doc") && pel_.lastScan().lFileSize != 64)
             Problem("a verdict on a temporary file without the bytes");
-        unsigned char bytes[100] = {0};
-        size_t length = sizeof bytes;
-        Check("MavScanClean fallback unnamed",
-              MavScanClean(d_, VS_SC_BYTES, 0, nullptr, nullptr, bytes, &length, 12, &si_),
-              MAV_E_VIRUS_FOUND);
     }
 
     void Free(const char* what, MAV_INST* i) {
@@ -331,8 +319,7 @@ class Scenario {
     }
     void ReturnAndReload() {
         Free("MavFreeInstance listed", &c_);
-        if (b_ != nullptr && Check("MavFreeInstancePointer", MavFreeInstancePointer(b_), MAV_OK))
-            b_ = nullptr;
+        Free("MavFreeInstance pooled", &b_);
         Free("MavFreeInstance pooled", &a_);
         if (Alive(hdl_)) Check("MavReload", MavReload(hdl_), MAV_OK);
         if (d_ != nullptr) Check("MavReload busy", MavReload(nullptr), MAV_E_IN_PROGRESS);
@@ -404,7 +391,6 @@ class Scenario {
     MAV_EVENTS table_ = {};
     MAV_SCANINFO si_ = {sizeof(MAV_SCANINFO), 0, 0, 0, 0, 0, 0};
     uint32_t u32_ = 0;
-    uint16_t u16_ = 0;
     uint64_t u64_ = 0;
     MAV_HANDLE hdl_ = nullptr, hdl2_ = nullptr;
     MAV_INST a_ = nullptr, b_ = nullptr, c_ = nullptr, d_ = nullptr, pinst_ = nullptr;
@@ -465,12 +451,12 @@ TEST_P(AllocSweep, EveryPointRefused) {
 #endif
 }
 
+std::string SweepName(const ::testing::TestParamInfo<std::tuple<bool, bool>>& info) {
+    return std::string(std::get<0>(info.param) ? "OperatorNew" : "Hooks") +
+           (std::get<1>(info.param) ? "FromThereOn" : "Once");
+}
 INSTANTIATE_TEST_SUITE_P(Robust, AllocSweep,
-                         ::testing::Combine(::testing::Bool(), ::testing::Bool()),
-                         [](const auto& info) {
-                             return std::string(std::get<0>(info.param) ? "OperatorNew" : "Hooks") +
-                                    (std::get<1>(info.param) ? "FromThereOn" : "Once");
-                         });
+                         ::testing::Combine(::testing::Bool(), ::testing::Bool()), SweepName);
 
 }  // namespace
 }  // namespace robust

@@ -149,7 +149,6 @@ TEST_F(HostileAdapter, FailedStartUpsGiveCodeTextAndAnEndableHandle) {
 // record without a name); reads every text it is given.
 struct Seen {
     int calls = 0, nulls = 0;
-    VS_CALLRC answer = 0;
 };
 VS_CALLRC Single(MAV_INST, uint32_t message, void* data, void* user) {
     Seen* seen = static_cast<Seen*>(user);
@@ -160,7 +159,7 @@ VS_CALLRC Single(MAV_INST, uint32_t message, void* data, void* user) {
     seen->nulls += data == nullptr || (v != nullptr && v->pszVirusName == nullptr) ? 1 : 0;
     volatile size_t length = text != nullptr ? strlen(text) : 0;
     (void)length;
-    return seen->answer;
+    return 0;
 }
 
 // Scripts an infection "first<" and a second one, with these counts.
@@ -183,10 +182,8 @@ struct Case {
     MAV_RC failRc = MAV_OK;
     const char* failText = nullptr;  // kept as given
     MAV_RC scan = MAV_OK, first = MAV_E_INVALID_ENUM_INDEX;
-    int calls = 0, nulls = 0;  // of the single handler (and the answer it gives)
-    VS_CALLRC answer = 0;
-    MAV_RC events = MAV_OK;  // registering the handler
-    bool dump = true;        // the scan with record dumps (they read every counted entry)
+    int calls = 0, nulls = 0;  // of the single handler
+    MAV_RC events = MAV_OK;    // registering the handler
 };
 
 // Start-up and a pool of one; the pooled instance registers a handler; a
@@ -207,8 +204,6 @@ TEST_F(HostileAdapter, HostileAnswersGiveDocumentedCodesAndNothingHeld) {
         {"PelCleanup fails", nullptr, TPEL_CLEANUP, MAV_E_END_FAILED},
         {"fewer counted than given", [](TestPel& p) { TwoInfections(p, 1, 0); }, -1, MAV_OK,
          nullptr, MAV_E_VIRUS_FOUND, MAV_OK},
-        {"more counted than given", [](TestPel& p) { TwoInfections(p, 9, 0); }, -1, MAV_OK, nullptr,
-         MAV_E_VIRUS_FOUND, MAV_OK, 0, 0, 0, MAV_OK, false},
         {"counts with null arrays",
          [](TestPel& p) {
              TwoInfections(p, 3, 2);
@@ -241,11 +236,8 @@ TEST_F(HostileAdapter, HostileAnswersGiveDocumentedCodesAndNothingHeld) {
              p.script_event(VS_M_OBJECTFOUND, 0, nullptr, 0, 0);  // null
          },
          -1, MAV_OK, nullptr, MAV_OK, MAV_E_CONVERSION_FAILED, 5, 4},
-        {"a handler that says stop",
-         [](TestPel& p) { p.script_event(VS_M_OBJECTFOUND, 0, "stop", 0, 0); }, -1, MAV_OK, nullptr,
-         MAV_E_CBC_TERMINATED, MAV_E_NO_SCANINFO, 1, 0, 1},
         {"no events at all", [](TestPel& p) { p.set_flags(0x3, 0x19, 0, 0); }, -1, MAV_OK, nullptr,
-         MAV_OK, MAV_E_INVALID_ENUM_INDEX, 0, 0, 0, MAV_E_NOT_SUPPORTED}};
+         MAV_OK, MAV_E_INVALID_ENUM_INDEX, 0, 0, MAV_E_NOT_SUPPORTED}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         auto failing = [&c](int entry) { return c.failEntry == entry ? c.failRc : MAV_OK; };
@@ -255,7 +247,6 @@ TEST_F(HostileAdapter, HostileAnswersGiveDocumentedCodesAndNothingHeld) {
         ASSERT_EQ(MAV_OK, MavLoadPool(h, 1, 0));
         MAV_INST i = Instance(h), j = nullptr;
         Seen seen;
-        seen.answer = c.answer;
         const uint32_t mask = VS_M_VIRUS | VS_M_OBJECTFOUND | VS_M_ERROR;
         EXPECT_EQ(c.events, MavRegisterSingleEventHandler(i, Single, mask, &seen));
         if (c.failEntry < TPEL_END) pel.fail(c.failEntry, c.failRc, c.failText);
@@ -264,7 +255,7 @@ TEST_F(HostileAdapter, HostileAnswersGiveDocumentedCodesAndNothingHeld) {
         EXPECT_EQ(c.failText != nullptr ? c.failText : "", c.failText ? ErrorText(h) : "");
         EXPECT_EQ(MAV_E_IN_PROGRESS, MavReload(h)) << "an instance is out";
         MAV_SCANINFO si = {sizeof(MAV_SCANINFO), 0, 0, 0, 0, 0, 0};
-        MavSetTraceLevel(c.dump ? 0x7FFE : 0);
+        MavSetTraceLevel(0x7FFE);  // record dumps too
         const MAV_RC scanned = c.failEntry == TPEL_SCAN ? c.failRc : c.scan;
         EXPECT_EQ(scanned, Scan(i, &si));
         MavSetTraceLevel(0);
@@ -277,7 +268,7 @@ TEST_F(HostileAdapter, HostileAnswersGiveDocumentedCodesAndNothingHeld) {
         EXPECT_EQ(c.nulls, seen.nulls);
         int32_t answers[16];
         for (int k = 0, n = pel.event_results(answers, 16); k < n; ++k)
-            EXPECT_EQ(c.answer, answers[k]) << "event " << k;
+            EXPECT_EQ(0, answers[k]) << "event " << k;
         // The next scan first gives the held result back.
         EXPECT_EQ(c.failEntry == TPEL_RELEASESCAN ? c.failRc : scanned, Scan(i));
         EXPECT_TRUE(j == nullptr || MavFreeInstance(&j) == MAV_OK);

@@ -2,13 +2,10 @@
 // robust_env.h).
 #include "robust_env.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <unordered_map>
 
@@ -20,6 +17,8 @@ namespace robust {
 thread_local bool inHook = false;
 
 namespace {
+
+namespace fs = std::filesystem;
 
 // Hook state. Live pointers are kept XOR-masked so that LeakSanitizer does
 // not take the table for a reference: a block the library loses is still
@@ -91,13 +90,8 @@ int SwallowTrace(const char*, const char*, int, uint32_t, const char*) {
     return 0;
 }
 
-int FilesIn(const std::string& dir) {
-    int n = 0;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (struct dirent* e = readdir(d)) n += e->d_name[0] != '.' ? 1 : 0;
-        closedir(d);
-    }
-    return n;
+std::ptrdiff_t FilesIn(const std::string& dir) {
+    return std::distance(fs::directory_iterator(dir), fs::directory_iterator());
 }
 
 class Env : public ::testing::Environment {
@@ -110,19 +104,15 @@ class Env : public ::testing::Environment {
         ASSERT_NE(nullptr, mkdtemp(tmpl));
         tmpRoot = tmpl;
         dirs = {tmpRoot + "/pel_tmp", tmpRoot + "/handle_tmp", tmpRoot + "/sample.com"};
-        mkdir(dirs.defaultTmp.c_str(), 0700);
-        mkdir(dirs.handleTmp.c_str(), 0700);
-        FILE* fp = std::fopen(dirs.sample.c_str(), "wb");
-        ASSERT_NE(nullptr, fp);
-        std::fputs("X5O!P%@AP[4\\PZX54(P^)7CC)7}$ROBUST-SAMPLE", fp);
-        std::fclose(fp);
+        fs::create_directory(dirs.defaultTmp);
+        fs::create_directory(dirs.handleTmp);
+        std::ofstream(dirs.sample) << "X5O!P%@AP[4\\PZX54(P^)7CC)7}$ROBUST-SAMPLE";
         setenv("PEL_TMP", dirs.defaultTmp.c_str(), 1);
         ASSERT_EQ(MAV_OK, MavSetTraceHandler(SwallowTrace));
     }
     void TearDown() override {
         MavSetTraceHandler(nullptr);
-        unlink(dirs.sample.c_str());
-        for (const std::string& d : {dirs.handleTmp, dirs.defaultTmp, tmpRoot}) rmdir(d.c_str());
+        fs::remove_all(tmpRoot);
     }
 };
 
