@@ -101,10 +101,6 @@ class HostileAdapter : public RobustTest {
         MAV_SCANINFO local = {sizeof(MAV_SCANINFO), 0, 0, 0, 0, 0, 0};
         return MavScanBytes(i, "object", bytes, sizeof bytes, 1, si != nullptr ? si : &local);
     }
-    void End(MAV_INST i, MAV_HANDLE h) {
-        EXPECT_TRUE(i == nullptr || MavFreeInstance(&i) == MAV_OK);
-        EXPECT_EQ(MAV_OK, MavEnd(&h));
-    }
 };
 
 TEST_F(HostileAdapter, FailedStartUpsGiveCodeTextAndAnEndableHandle) {
@@ -115,22 +111,17 @@ TEST_F(HostileAdapter, FailedStartUpsGiveCodeTextAndAnEndableHandle) {
         int failEntry;  // -1: none; TPEL_ENTRY_COUNT: a parameter of an unknown type
         MAV_RC rc;
         const char* text;  // part of the error text
-    } cases[] = {
-        {noCleanup.path(), -1, MAV_E_PEL_LOAD_FAILED, "No PEL functions available in library"},
-        {v3.path(), -1, MAV_E_NOT_SUPPORTED,
-         "Supported adapter version not compatible to Rondo-MAV 2.00 version"},
-        {missing, -1, MAV_E_PEL_LOAD_FAILED, "no-such-adapter.so"},
-        {pel.path(), TPEL_STARTUP, MAV_E_LOAD_FAILED,
-         "Global adapter initialization in PelStartup failed. Please contact PEL vendor."},
-        {pel.path(), TPEL_GETCONFIG, MAV_E_DRIVER_FAILED,
-         "Adapter function PelGetConfig failed. Please contact PEL vendor."},
-        {pel.path(), TPEL_ENTRY_COUNT, MAV_E_INVALID_PARAM_TYPE, ""}};
+    } cases[] = {{noCleanup.path(), -1, MAV_E_PEL_LOAD_FAILED, "No PEL functions available"},
+                 {v3.path(), -1, MAV_E_NOT_SUPPORTED, "not compatible to Rondo-MAV 2.00"},
+                 {missing, -1, MAV_E_PEL_LOAD_FAILED, "no-such-adapter.so"},
+                 {pel.path(), TPEL_STARTUP, MAV_E_LOAD_FAILED, "in PelStartup failed"},
+                 {pel.path(), TPEL_GETCONFIG, MAV_E_DRIVER_FAILED, "PelGetConfig failed"},
+                 {pel.path(), TPEL_ENTRY_COUNT, MAV_E_INVALID_PARAM_TYPE, ""}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.path + " " + std::to_string(c.failEntry));
         pel.reset();
         if (c.failEntry == TPEL_ENTRY_COUNT) pel.add_param(0, 107, 99, "1");
-        if (c.failEntry >= 0 && c.failEntry != TPEL_ENTRY_COUNT)
-            pel.fail(c.failEntry, c.rc, nullptr);
+        pel.fail(c.failEntry, c.rc, nullptr);  // (no entry point: ignored)
         MAV_HANDLE h = nullptr;
         EXPECT_EQ(c.rc, MavInit(c.path.c_str(), &h));
         EXPECT_STRNE("Unknown ERROR", MavErrorDescription(c.rc));
@@ -317,7 +308,8 @@ TEST_F(HostileAdapter, StaleForeignAndDamagedHandlesAreRefused) {
         EXPECT_TRUE(part == 2 || MavFreeInstance(&probe) == MAV_E_INVALID_HANDLE);
     }
     rec->pPelInit = kept.pPelInit;
-    End(live, h);
+    EXPECT_EQ(MAV_OK, MavFreeInstance(&live));
+    EXPECT_EQ(MAV_OK, MavEnd(&h));
 }
 
 }  // namespace

@@ -70,7 +70,9 @@ void* Realloc(void* ptr, size_t size, const char* tag) {
     Track(H(), p);
     return p;
 }
-void Free(void* ptr) {
+}  // namespace
+
+void Release(void* ptr) {
     if (ptr == nullptr) return;
     {
         std::lock_guard<std::mutex> g(H().lock);
@@ -83,12 +85,10 @@ void Free(void* ptr) {
     }
     std::free(ptr);
 }
+namespace {
+
 std::string tmpRoot;
 Paths dirs;
-
-int SwallowTrace(const char*, const char*, int, uint32_t, const char*) {
-    return 0;
-}
 
 std::ptrdiff_t FilesIn(const std::string& dir) {
     return std::distance(fs::directory_iterator(dir), fs::directory_iterator());
@@ -99,7 +99,7 @@ class Env : public ::testing::Environment {
     // Before anything of the library runs: the hooks see every allocation and
     // PEL_TMP is read (and cached) only once.
     void SetUp() override {
-        ASSERT_EQ(MAV_OK, MavRegisterMmCallbacks(Alloc, Realloc, Free));
+        ASSERT_EQ(MAV_OK, MavRegisterMmCallbacks(Alloc, Realloc, Release));
         char tmpl[] = "/tmp/kormo_robust_XXXXXX";
         ASSERT_NE(nullptr, mkdtemp(tmpl));
         tmpRoot = tmpl;
@@ -108,7 +108,9 @@ class Env : public ::testing::Environment {
         fs::create_directory(dirs.handleTmp);
         std::ofstream(dirs.sample) << "X5O!P%@AP[4\\PZX54(P^)7CC)7}$ROBUST-SAMPLE";
         setenv("PEL_TMP", dirs.defaultTmp.c_str(), 1);
-        ASSERT_EQ(MAV_OK, MavSetTraceHandler(SwallowTrace));
+        // Trace lines go to a handler that drops them.
+        ASSERT_EQ(MAV_OK, MavSetTraceHandler([](const char*, const char*, int, uint32_t,
+                                                const char*) { return 0; }));
     }
     void TearDown() override {
         MavSetTraceHandler(nullptr);
@@ -138,9 +140,6 @@ std::string Leaks(uint64_t mark) {
     for (const auto& e : H().live)
         if (e.second >= mark) out += " #" + std::to_string(e.second);
     return out.empty() ? out : "  hook blocks still live, from allocations" + out + "\n";
-}
-void Release(void* p) {
-    Free(p);
 }
 
 void RobustTest::SetUp() {

@@ -27,7 +27,7 @@ struct HookCounts {
 HookCounts Counts();
 // The blocks allocated since a mark that are still live ("" when none).
 std::string Leaks(uint64_t mark);
-// Frees memory the library handed to the caller through the hooks.
+// The free hook; also frees what the library handed to the caller.
 void Release(void* p);
 // True on a thread while it runs inside a hook.
 extern thread_local bool inHook;
