@@ -17,16 +17,14 @@ namespace {
 const std::string kMega(1 << 20, 'A');
 const char kBadUtf8[] = "bad \xff\xfe utf-8 \xc3\x28";
 
-// The latest failure text of a handle (empty when there is none).
+// The latest failure text of a handle, in a buffer the library hands out
+// (empty when there is none).
 std::string ErrorText(void* h) {
+    KORMO_CHAR* p = nullptr;
     size_t len = 0;
-    if (MavAdapterErrorText(h, nullptr, &len) != MAV_OK) return "";
-    std::vector<char> buf(len + 2, 0);
-    char* p = buf.data();
-    size_t size = buf.size();
-    if (MavAdapterErrorText(h, &p, &size) != MAV_OK) return "";
-    std::string text(p, strnlen(p, len + 1));
-    if (p != buf.data()) Release(p);
+    const char* s = MavAdapterErrorText(h, &p, &len) == MAV_OK && p != nullptr ? p : "";
+    std::string text(s, strnlen(s, len + 1));
+    Release(p);
     return text;
 }
 
@@ -53,11 +51,10 @@ void CallEverything(void* h, const char* what) {
     MAV_INST inst = nullptr;
     const MAV_EVENTS events = {};
     KORMO_CHAR* text = nullptr;
-    for (MAV_RC rc : {MavSetPoolSize(h, 3), MavSetHandleName(h, "x", 1),
-                      MavGetPelInfo(h, &u32, &u32, &u32, b, &n, b, &n),
-                      MavGetPelTechInfo(h, &u32, &u32, &u16, &u32, &u32, &u32),
-                      MavAdapterErrorText(h, &text, &n),
-                      MavEnumContentInfo(h, 0, &u32, b, &n, b, &n, b, &n, &u64)})
+    for (MAV_RC rc :
+         {MavSetPoolSize(h, 3), MavSetHandleName(h, "x", 1),
+          MavGetPelInfo(h, &u32, &u32, &u32, b, &n, b, &n), MavAdapterErrorText(h, &text, &n),
+          MavEnumContentInfo(h, 0, &u32, b, &n, b, &n, b, &n, &u64)})
         EXPECT_TRUE(KnownCode(rc)) << rc;
     if (text != nullptr) Release(text);
     const MAV_RC refused[] = {MavCreateInstance(h, &inst),
@@ -96,10 +93,9 @@ class HostileAdapter : public RobustTest {
         EXPECT_EQ(MAV_OK, MavCreateInstance(h, &i));
         return i;
     }
-    MAV_RC Scan(MAV_INST i, MAV_SCANINFO* si = nullptr) {
+    MAV_RC Scan(MAV_INST i, MAV_SCANINFO* si) {
         unsigned char bytes[32] = {0};
-        MAV_SCANINFO local = {sizeof(MAV_SCANINFO), 0, 0, 0, 0, 0, 0};
-        return MavScanBytes(i, "object", bytes, sizeof bytes, 1, si != nullptr ? si : &local);
+        return MavScanBytes(i, "object", bytes, sizeof bytes, 1, si);
     }
 };
 
@@ -261,7 +257,7 @@ TEST_F(HostileAdapter, HostileAnswersGiveDocumentedCodesAndNothingHeld) {
         for (int k = 0, n = pel.event_results(answers, 16); k < n; ++k)
             EXPECT_EQ(0, answers[k]) << "event " << k;
         // The next scan first gives the held result back.
-        EXPECT_EQ(c.failEntry == TPEL_RELEASESCAN ? c.failRc : scanned, Scan(i));
+        EXPECT_EQ(c.failEntry == TPEL_RELEASESCAN ? c.failRc : scanned, Scan(i, &si));
         EXPECT_TRUE(j == nullptr || MavFreeInstance(&j) == MAV_OK);
         const MAV_RC freed = failing(TPEL_RELEASESCAN);
         EXPECT_EQ(freed, MavFreeInstance(&i));
@@ -301,7 +297,7 @@ TEST_F(HostileAdapter, StaleForeignAndDamagedHandlesAreRefused) {
         rec->uiTailMark = part == 1 ? 0 : kept.uiTailMark;
         rec->pPelInit = part == 2 ? nullptr : kept.pPelInit;
         uint32_t scans = pel.calls(TPEL_SCAN);
-        EXPECT_EQ(MAV_E_INVALID_HANDLE, Scan(live));
+        EXPECT_EQ(MAV_E_INVALID_HANDLE, Scan(live, nullptr));
         EXPECT_EQ(scans, pel.calls(TPEL_SCAN));
         EXPECT_EQ(MAV_E_INVALID_HANDLE, Infection(live, 0));
         MAV_INST probe = live;  // an instance whose engine failed may still be freed

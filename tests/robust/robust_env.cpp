@@ -28,6 +28,7 @@ struct Hooks {
     HookCounts n = {0, 0, 1, 0};
     uint64_t failAt = 0;
     bool persistent = false;
+    Source source = Source::kHooks;
     std::unordered_map<uintptr_t, uint64_t> live;  // masked pointer -> serial
 };
 Hooks& H() {
@@ -39,38 +40,42 @@ uintptr_t Key(void* p) {
     return reinterpret_cast<uintptr_t>(p) ^ kMask;
 }
 
-// With the lock held: counts the point, true when it is to be refused.
-bool Refuse(Hooks& h, const char* tag) {
-    h.n.misuse += tag == nullptr || std::strcmp(tag, "mav") != 0 ? 1 : 0;
-    ++h.n.points;
-    bool refuse =
-        h.failAt != 0 && (h.n.points == h.failAt || (h.persistent && h.n.points > h.failAt));
-    h.n.refused += refuse ? 1 : 0;
-    return refuse;
-}
+// With the lock held: a new live block.
 void Track(Hooks& h, void* p) {
     inHook = true;
     h.live[Key(p)] = h.n.serial++;
     inHook = false;
 }
 void* Alloc(size_t size, int clean, const char* tag) {
-    std::lock_guard<std::mutex> g(H().lock);
-    if (Refuse(H(), tag)) return nullptr;
+    if (Refuse(Source::kHooks, tag)) return nullptr;
     void* p = (clean & 0xFF) != 0 ? std::calloc(1, size + 1) : std::malloc(size + 1);
+    std::lock_guard<std::mutex> g(H().lock);
     if (p != nullptr) Track(H(), p);
     return p;
 }
 void* Realloc(void* ptr, size_t size, const char* tag) {
-    std::lock_guard<std::mutex> g(H().lock);
-    if (Refuse(H(), tag)) return nullptr;
+    if (Refuse(Source::kHooks, tag)) return nullptr;
     const uintptr_t old = Key(ptr);
     void* p = std::realloc(ptr, size + 1);
     if (p == nullptr) return nullptr;
+    std::lock_guard<std::mutex> g(H().lock);
     if (ptr != nullptr && H().live.erase(old) == 0) ++H().n.misuse;
     Track(H(), p);
     return p;
 }
 }  // namespace
+
+bool Refuse(Source source, const char* tag) {
+    Hooks& h = H();
+    std::lock_guard<std::mutex> g(h.lock);
+    h.n.misuse += tag == nullptr || std::strcmp(tag, "mav") != 0 ? 1 : 0;
+    if (source != h.source) return false;
+    ++h.n.points;
+    bool refuse =
+        h.failAt != 0 && (h.n.points == h.failAt || (h.persistent && h.n.points > h.failAt));
+    h.n.refused += refuse ? 1 : 0;
+    return refuse;
+}
 
 void Release(void* ptr) {
     if (ptr == nullptr) return;
@@ -124,11 +129,12 @@ class Env : public ::testing::Environment {
 
 const Paths& paths = dirs;
 
-void FailFrom(uint64_t k, bool persistent) {
+void FailFrom(uint64_t k, bool persistent, Source source) {
     std::lock_guard<std::mutex> g(H().lock);
     H().n.points = H().n.refused = 0;
     H().failAt = k;
     H().persistent = persistent;
+    H().source = source;
 }
 HookCounts Counts() {
     std::lock_guard<std::mutex> g(H().lock);

@@ -15,14 +15,19 @@
 
 namespace robust {
 
-// The memory hooks count every allocation and reallocation as a point.
-// FailFrom(k, persistent) starts counting again and refuses the k-th point
-// (with persistent, every later one too); k = 0 refuses nothing.
-void FailFrom(uint64_t k, bool persistent);
+// Allocation points: every allocation and reallocation of the memory hooks,
+// or every operator new the C++ allocation sweep counts. FailFrom(k,
+// persistent, source) starts counting the points of source again and refuses
+// the k-th (with persistent, every later one too); k = 0 refuses nothing.
+enum class Source { kHooks, kNew };
+void FailFrom(uint64_t k, bool persistent, Source source = Source::kHooks);
+// Counts a point of source (when it is the one counted); true when refused.
+bool Refuse(Source source, const char* tag = "mav");
+// Points and refusals since FailFrom; the serial number of the next
+// allocation (never reset: a mark); frees of pointers never handed out and
+// allocations not tagged "mav".
 struct HookCounts {
-    uint64_t points, refused;  // since FailFrom
-    uint64_t serial;           // of the next allocation, never reset: a mark
-    uint64_t misuse;           // frees of pointers never handed out, allocations not tagged "mav"
+    uint64_t points, refused, serial, misuse;
 };
 HookCounts Counts();
 // The blocks allocated since a mark that are still live ("" when none).
@@ -32,10 +37,10 @@ void Release(void* p);
 // True on a thread while it runs inside a hook.
 extern thread_local bool inHook;
 
+// PEL_TMP of this process, a directory for a handle's INITTEMP_PATH, a small
+// file to scan.
 struct Paths {
-    std::string defaultTmp;  // PEL_TMP of this process
-    std::string handleTmp;   // for a handle's INITTEMP_PATH
-    std::string sample;      // a small file to scan
+    std::string defaultTmp, handleTmp, sample;
 };
 extern const Paths& paths;
 
