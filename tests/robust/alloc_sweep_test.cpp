@@ -355,7 +355,6 @@ class Scenario {
         for (MAV_HANDLE* h : {&hdl2_, &hdl_})
             if (*h != nullptr && (MavEnd(h) != MAV_OK || *h != nullptr)) Problem("cleanup MavEnd");
         pinst_ = d_ = c_ = b_ = a_ = nullptr;
-        pel_.set_flags(0x3, 0x19, VS_M_ALL, 0);
     }
 
     // A caller's text buffer, refilled before each call.

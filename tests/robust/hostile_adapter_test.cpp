@@ -120,7 +120,6 @@ TEST_F(HostileAdapter, FailedStartUpsGiveCodeTextAndAnEndableHandle) {
         pel.fail(c.failEntry, c.rc, nullptr);  // (no entry point: ignored)
         MAV_HANDLE h = nullptr;
         EXPECT_EQ(c.rc, MavInit(c.path.c_str(), &h));
-        EXPECT_STRNE("Unknown ERROR", MavErrorDescription(c.rc));
         ASSERT_NE(nullptr, h) << "the failed handle is handed out for its error text";
         EXPECT_NE(std::string::npos, ErrorText(h).find(c.text)) << ErrorText(h);
         CallEverything(h, "failed start-up");
@@ -132,18 +131,15 @@ TEST_F(HostileAdapter, FailedStartUpsGiveCodeTextAndAnEndableHandle) {
     EXPECT_EQ(0u, noCleanup.calls(TPEL_INIT));
 }
 
-// Counts the calls of a single handler and those with null data (or a virus
-// record without a name); reads every text it is given.
-struct Seen {
-    int calls = 0, nulls = 0;
-};
+// Counts the calls of a single handler (seen[0]) and those with null data or
+// a virus record without a name (seen[1]); reads every text it is given.
 VS_CALLRC Single(MAV_INST, uint32_t message, void* data, void* user) {
-    Seen* seen = static_cast<Seen*>(user);
+    int* seen = static_cast<int*>(user);
     const MAV_VIRUSINFO* v =
         message == VS_M_VIRUS ? static_cast<const MAV_VIRUSINFO*>(data) : nullptr;
     const char* text = v != nullptr ? v->pszObjectName : static_cast<const char*>(data);
-    seen->calls++;
-    seen->nulls += data == nullptr || (v != nullptr && v->pszVirusName == nullptr) ? 1 : 0;
+    seen[0]++;
+    seen[1] += data == nullptr || (v != nullptr && v->pszVirusName == nullptr) ? 1 : 0;
     volatile size_t length = text != nullptr ? strlen(text) : 0;
     (void)length;
     return 0;
@@ -233,9 +229,9 @@ TEST_F(HostileAdapter, HostileAnswersGiveDocumentedCodesAndNothingHeld) {
         MAV_HANDLE h = Start();
         ASSERT_EQ(MAV_OK, MavLoadPool(h, 1, 0));
         MAV_INST i = Instance(h), j = nullptr;
-        Seen seen;
+        int seen[2] = {0, 0};
         const uint32_t mask = VS_M_VIRUS | VS_M_OBJECTFOUND | VS_M_ERROR;
-        EXPECT_EQ(c.events, MavRegisterSingleEventHandler(i, Single, mask, &seen));
+        EXPECT_EQ(c.events, MavRegisterSingleEventHandler(i, Single, mask, seen));
         if (c.failEntry < TPEL_END) pel.fail(c.failEntry, c.failRc, c.failText);
         EXPECT_EQ(failing(TPEL_INIT), MavCreateInstance(h, &j));
         EXPECT_EQ(failing(TPEL_INIT) == MAV_OK, j != nullptr);
@@ -251,8 +247,8 @@ TEST_F(HostileAdapter, HostileAnswersGiveDocumentedCodesAndNothingHeld) {
         EXPECT_EQ(c.first, Infection(i, 0, name, &len));
         EXPECT_EQ(c.first == MAV_OK ? "first_" : "", std::string(name, c.first ? 0 : len));
         EXPECT_NE(MAV_OK, Infection(i, si.uiInfections)) << "counted entries only";
-        EXPECT_EQ(c.calls, seen.calls);
-        EXPECT_EQ(c.nulls, seen.nulls);
+        EXPECT_EQ(c.calls, seen[0]);
+        EXPECT_EQ(c.nulls, seen[1]);
         int32_t answers[16];
         for (int k = 0, n = pel.event_results(answers, 16); k < n; ++k)
             EXPECT_EQ(0, answers[k]) << "event " << k;
@@ -274,14 +270,13 @@ TEST_F(HostileAdapter, HostileAnswersGiveDocumentedCodesAndNothingHeld) {
 }
 
 TEST_F(HostileAdapter, StaleForeignAndDamagedHandlesAreRefused) {
-    std::vector<unsigned char> zeroes(512, 0);
-    std::string junk(512, 'j');
+    std::string zeroes(512, '\0'), junk(512, 'j');
     MAV_HANDLE h = Start();
     MAV_INST freed = Instance(h), stale = freed;
     MAV_HANDLE ended = h;
     EXPECT_EQ(MAV_OK, MavFreeInstance(&freed));
     EXPECT_EQ(MAV_OK, MavEnd(&h));
-    for (void* p : {static_cast<void*>(zeroes.data()), static_cast<void*>(&junk[0]), ended, stale})
+    for (void* p : {static_cast<void*>(&zeroes[0]), static_cast<void*>(&junk[0]), ended, stale})
         CallEverything(p, "not a handle");
     EXPECT_EQ(MAV_E_INVALID_HANDLE, MavEnd(&ended));
     EXPECT_EQ(MAV_E_INVALID_HANDLE, MavFreeInstance(&stale));
