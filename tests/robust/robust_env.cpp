@@ -31,10 +31,7 @@ struct Hooks {
     Source source = Source::kHooks;
     std::unordered_map<uintptr_t, uint64_t> live;  // masked pointer -> serial
 };
-Hooks& H() {
-    static Hooks* h = new Hooks;  // outlives every static destructor
-    return *h;
-}
+Hooks& hooks = *new Hooks;  // outlives every static destructor
 constexpr uintptr_t kMask = 0xA5A5A5A5A5A5A5A5ull;
 uintptr_t Key(void* p) {
     return reinterpret_cast<uintptr_t>(p) ^ kMask;
@@ -49,8 +46,8 @@ void Track(Hooks& h, void* p) {
 void* Alloc(size_t size, int clean, const char* tag) {
     if (Refuse(Source::kHooks, tag)) return nullptr;
     void* p = (clean & 0xFF) != 0 ? std::calloc(1, size + 1) : std::malloc(size + 1);
-    std::lock_guard<std::mutex> g(H().lock);
-    if (p != nullptr) Track(H(), p);
+    std::lock_guard<std::mutex> g(hooks.lock);
+    if (p != nullptr) Track(hooks, p);
     return p;
 }
 void* Realloc(void* ptr, size_t size, const char* tag) {
@@ -58,15 +55,15 @@ void* Realloc(void* ptr, size_t size, const char* tag) {
     const uintptr_t old = Key(ptr);
     void* p = std::realloc(ptr, size + 1);
     if (p == nullptr) return nullptr;
-    std::lock_guard<std::mutex> g(H().lock);
-    if (ptr != nullptr && H().live.erase(old) == 0) ++H().n.misuse;
-    Track(H(), p);
+    std::lock_guard<std::mutex> g(hooks.lock);
+    if (ptr != nullptr && hooks.live.erase(old) == 0) ++hooks.n.misuse;
+    Track(hooks, p);
     return p;
 }
 }  // namespace
 
 bool Refuse(Source source, const char* tag) {
-    Hooks& h = H();
+    Hooks& h = hooks;
     std::lock_guard<std::mutex> g(h.lock);
     h.n.misuse += tag == nullptr || std::strcmp(tag, "mav") != 0 ? 1 : 0;
     if (source != h.source) return false;
@@ -80,20 +77,17 @@ bool Refuse(Source source, const char* tag) {
 void Release(void* ptr) {
     if (ptr == nullptr) return;
     {
-        std::lock_guard<std::mutex> g(H().lock);
+        std::lock_guard<std::mutex> g(hooks.lock);
         // Not ours: counted and left alone (freeing it could corrupt the heap
         // of whoever owns it).
-        if (H().live.erase(Key(ptr)) == 0) {
-            ++H().n.misuse;
+        if (hooks.live.erase(Key(ptr)) == 0) {
+            ++hooks.n.misuse;
             return;
         }
     }
     std::free(ptr);
 }
 namespace {
-
-std::string tmpRoot;
-Paths dirs;
 
 std::ptrdiff_t FilesIn(const std::string& dir) {
     return std::distance(fs::directory_iterator(dir), fs::directory_iterator());
@@ -107,19 +101,19 @@ class Env : public ::testing::Environment {
         ASSERT_EQ(MAV_OK, MavRegisterMmCallbacks(Alloc, Realloc, Release));
         char tmpl[] = "/tmp/kormo_robust_XXXXXX";
         ASSERT_NE(nullptr, mkdtemp(tmpl));
-        tmpRoot = tmpl;
-        dirs = {tmpRoot + "/pel_tmp", tmpRoot + "/handle_tmp", tmpRoot + "/sample.com"};
-        fs::create_directory(dirs.defaultTmp);
-        fs::create_directory(dirs.handleTmp);
-        std::ofstream(dirs.sample) << "X5O!P%@AP[4\\PZX54(P^)7CC)7}$ROBUST-SAMPLE";
-        setenv("PEL_TMP", dirs.defaultTmp.c_str(), 1);
+        const std::string root = tmpl;
+        paths = {root + "/pel_tmp", root + "/handle_tmp", root + "/sample.com"};
+        fs::create_directory(paths.defaultTmp);
+        fs::create_directory(paths.handleTmp);
+        std::ofstream(paths.sample) << "X5O!P%@AP[4\\PZX54(P^)7CC)7}$ROBUST-SAMPLE";
+        setenv("PEL_TMP", paths.defaultTmp.c_str(), 1);
         // Trace lines go to a handler that drops them.
         ASSERT_EQ(MAV_OK, MavSetTraceHandler([](const char*, const char*, int, uint32_t,
                                                 const char*) { return 0; }));
     }
     void TearDown() override {
         MavSetTraceHandler(nullptr);
-        fs::remove_all(tmpRoot);
+        fs::remove_all(fs::path(paths.sample).parent_path());
     }
 };
 
@@ -127,25 +121,18 @@ class Env : public ::testing::Environment {
 
 }  // namespace
 
-const Paths& paths = dirs;
+Paths paths;
 
 void FailFrom(uint64_t k, bool persistent, Source source) {
-    std::lock_guard<std::mutex> g(H().lock);
-    H().n.points = H().n.refused = 0;
-    H().failAt = k;
-    H().persistent = persistent;
-    H().source = source;
+    std::lock_guard<std::mutex> g(hooks.lock);
+    hooks.n.points = hooks.n.refused = 0;
+    hooks.failAt = k;
+    hooks.persistent = persistent;
+    hooks.source = source;
 }
 HookCounts Counts() {
-    std::lock_guard<std::mutex> g(H().lock);
-    return H().n;
-}
-std::string Leaks(uint64_t mark) {
-    std::lock_guard<std::mutex> g(H().lock);
-    std::string out;
-    for (const auto& e : H().live)
-        if (e.second >= mark) out += " #" + std::to_string(e.second);
-    return out.empty() ? out : "  hook blocks still live, from allocations" + out + "\n";
+    std::lock_guard<std::mutex> g(hooks.lock);
+    return hooks.n;
 }
 
 void RobustTest::SetUp() {
@@ -164,13 +151,19 @@ void RobustTest::TearDown() {
 }
 
 std::string RobustTest::LeftOver(uint64_t mark) {
-    std::string out = Leaks(mark);
+    std::string out, leaks;
+    {
+        std::lock_guard<std::mutex> g(hooks.lock);
+        for (const auto& e : hooks.live)
+            if (e.second >= mark) leaks += " #" + std::to_string(e.second);
+    }
+    if (!leaks.empty()) out = "  hook blocks still live, from allocations" + leaks + "\n";
     if (MavIXGetHdlSize() != 0) out += "  handles left registered\n";
     if (pel.live_inits() != 0) out += "  engine records never ended\n";
     if (pel.live_scaninfos() != 0) out += "  scan results never released\n";
     if (pel.bad_releases() != 0) out += "  records released twice or foreign records released\n";
     if (Counts().misuse != misuse_) out += "  free hook got a pointer it never gave\n";
-    if (FilesIn(dirs.defaultTmp) + FilesIn(dirs.handleTmp) != 0) out += "  temporary file left\n";
+    if (FilesIn(paths.defaultTmp) + FilesIn(paths.handleTmp) != 0) out += "  temporary file left\n";
     return out;
 }
 

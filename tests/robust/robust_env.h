@@ -30,8 +30,6 @@ struct HookCounts {
     uint64_t points, refused, serial, misuse;
 };
 HookCounts Counts();
-// The blocks allocated since a mark that are still live ("" when none).
-std::string Leaks(uint64_t mark);
 // The free hook; also frees what the library handed to the caller.
 void Release(void* p);
 // True on a thread while it runs inside a hook.
@@ -42,7 +40,7 @@ extern thread_local bool inHook;
 struct Paths {
     std::string defaultTmp, handleTmp, sample;
 };
-extern const Paths& paths;
+extern Paths paths;
 
 // True for every code the library documents (-6..32).
 inline bool KnownCode(MAV_RC rc) {
