@@ -20,7 +20,6 @@
 #include <new>
 #include <string>
 #include <thread>
-#include <tuple>
 
 #include "mavprofile.h"
 #include "mavxxi.h"
@@ -372,8 +371,9 @@ class Scenario {
     MAV_INST a_ = nullptr, b_ = nullptr, c_ = nullptr, d_ = nullptr, pinst_ = nullptr;
 };
 
-// Parameters: operator new (else the memory hooks), persistent refusal.
-class AllocSweep : public RobustTest, public ::testing::WithParamInterface<std::tuple<bool, bool>> {
+// The parameter: bit 1 counts operator new (else the memory hooks), bit 0
+// refuses from the k-th point on (else the k-th only).
+class AllocSweep : public RobustTest, public ::testing::WithParamInterface<int> {
   protected:
     void SetUp() override {
         RobustTest::SetUp();
@@ -388,8 +388,7 @@ class AllocSweep : public RobustTest, public ::testing::WithParamInterface<std::
     // its problems, empty when none.
     std::string Run(uint64_t k) {
         uint64_t mark = Counts().serial;
-        FailFrom(k, std::get<1>(GetParam()),
-                 std::get<0>(GetParam()) ? Source::kNew : Source::kHooks);
+        FailFrom(k, (GetParam() & 1) != 0, (GetParam() & 2) != 0 ? Source::kNew : Source::kHooks);
         Scenario s(pel, k == 0);
         std::thread([&s] { s.Run(); }).join();
         const HookCounts n = Counts();
@@ -421,8 +420,10 @@ TEST_P(AllocSweep, EveryPointRefused) {
     std::printf("[ sweep    ] %llu allocation points\n", static_cast<unsigned long long>(points));
 }
 
-INSTANTIATE_TEST_SUITE_P(Robust, AllocSweep,
-                         ::testing::Combine(::testing::Bool(), ::testing::Bool()));
+INSTANTIATE_TEST_SUITE_P(Robust, AllocSweep, ::testing::Range(0, 4), [](const auto& info) {
+    return std::string(info.param & 2 ? "OperatorNew" : "Hooks") +
+           (info.param & 1 ? "FromThereOn" : "Once");
+});
 
 }  // namespace
 }  // namespace robust
