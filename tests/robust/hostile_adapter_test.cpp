@@ -1,8 +1,8 @@
 // Broken and hostile adapters, scripted through the test adapter: missing or
-// failing entry points, result records whose counts do not match their
-// arrays, texts that are not UTF-8 or are huge, unknown callback messages,
-// answers that change between handles; and things that are not (or no
-// longer) handles. Every case gives a documented code and, where the library
+// failing entry points, parameter lists with unknown codes or none, result
+// records whose counts do not match their arrays, texts that are not UTF-8 or
+// are huge, unknown callback messages; and things that are not (or no longer)
+// handles. Every case gives a documented code and, where the library
 // keeps one, a readable text; no crash, no leak (the fixture checks).
 #include <cstring>
 #include <string>
