@@ -1,6 +1,8 @@
 // engines_env.cpp - shared helpers of the engine tests.
 #include "engines_env.h"
 
+#include <gtest/gtest.h>
+
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -51,6 +53,8 @@ Bytes Deflate(const Bytes& in) {
     return out;
 }
 
+}  // namespace
+
 Bytes Zip(const std::vector<std::pair<std::string, Bytes>>& members, bool deflated) {
     Bytes out, central;
     for (const auto& m : members) {
@@ -61,16 +65,9 @@ Bytes Zip(const std::vector<std::pair<std::string, Bytes>>& members, bool deflat
             Put(o, {{isCentral ? 0x02014b50u : 0x04034b50u, 4}});
             if (isCentral) Put(o, {{20, 2}});  // made by
             // needed, flags, method, time, date, crc, sizes, name length, extra
-            Put(o, {{10, 2},
-                    {0, 2},
-                    {deflated ? 8u : 0u, 2},
-                    {0, 2},
-                    {0x21, 2},
-                    {crc, 4},
-                    {static_cast<uint32_t>(data.size()), 4},
-                    {static_cast<uint32_t>(m.second.size()), 4},
-                    {static_cast<uint32_t>(m.first.size()), 2},
-                    {0, 2}});
+            Put(o, {{10, 2}, {0, 2}, {deflated ? 8u : 0u, 2}, {0, 2}, {0x21, 2}, {crc, 4},
+                    {static_cast<uint32_t>(data.size()), 4}, {static_cast<uint32_t>(m.second.size()), 4},
+                    {static_cast<uint32_t>(m.first.size()), 2}, {0, 2}});
             // comment, disk, attributes, offset
             if (isCentral) Put(o, {{0, 2}, {0, 2}, {0, 2}, {0, 4}, {offset, 4}});
             o.insert(o.end(), m.first.begin(), m.first.end());
@@ -82,15 +79,33 @@ Bytes Zip(const std::vector<std::pair<std::string, Bytes>>& members, bool deflat
     uint32_t centralOffset = static_cast<uint32_t>(out.size());
     uint32_t n = static_cast<uint32_t>(members.size());
     out.insert(out.end(), central.begin(), central.end());
-    Put(out, {{0x06054b50u, 4},
-              {0, 2},
-              {0, 2},
-              {n, 2},
-              {n, 2},
-              {static_cast<uint32_t>(central.size()), 4},
-              {centralOffset, 4},
-              {0, 2}});
+    Put(out, {{0x06054b50u, 4}, {0, 2}, {0, 2}, {n, 2}, {n, 2},
+              {static_cast<uint32_t>(central.size()), 4}, {centralOffset, 4}, {0, 2}});
     return out;
+}
+
+namespace {
+
+// One z-command to a clamd local socket; its reply ("" on failure).
+std::string ClamdCommand(const std::string& socketPath, const std::string& command) {
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un sa{};
+    sa.sun_family = AF_UNIX;
+    std::snprintf(sa.sun_path, sizeof sa.sun_path, "%s", socketPath.c_str());
+    std::string reply;
+    if (connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 &&
+        send(fd, command.c_str(), command.size() + 1, MSG_NOSIGNAL) ==
+            static_cast<ssize_t>(command.size() + 1)) {
+        char buf[512];
+        pollfd p{fd, POLLIN, 0};
+        while (reply.find('\0') == std::string::npos && poll(&p, 1, 5000) == 1) {
+            ssize_t n = recv(fd, buf, sizeof buf, 0);
+            if (n <= 0) break;
+            reply.append(buf, static_cast<size_t>(n));
+        }
+    }
+    close(fd);
+    return reply.substr(0, reply.find('\0'));
 }
 
 VS_CALLRC Record(void* /*adapterData*/, uint32_t message, void* data, void* context) {
@@ -129,19 +144,11 @@ Bytes ToBytes(const std::string& s) {
     return Bytes(s.begin(), s.end());
 }
 
-Bytes StoredZip(const std::vector<std::pair<std::string, Bytes>>& members) {
-    return Zip(members, false);
-}
-
-Bytes DeflatedZip(const std::vector<std::pair<std::string, Bytes>>& members) {
-    return Zip(members, true);
-}
-
 Bytes NestedZip(const Bytes& content, int levels) {
     Bytes b = content;
     std::string name = "inner.txt";
     for (int i = 0; i < levels; ++i) {
-        b = DeflatedZip({{name, b}});
+        b = Zip({{name, b}}, true);
         name = "level" + std::to_string(i) + ".zip";
     }
     return b;
@@ -164,39 +171,9 @@ TempDir::~TempDir() {
 }
 
 int FreePort() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    int port = 0;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len) == 0) {
-        port = ntohs(a.sin_port);
-    }
-    close(fd);
-    return port;
-}
-
-std::string ClamdCommand(const std::string& socketPath, const std::string& command) {
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    std::snprintf(sa.sun_path, sizeof sa.sun_path, "%s", socketPath.c_str());
-    std::string reply;
-    if (connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 &&
-        send(fd, command.c_str(), command.size() + 1, MSG_NOSIGNAL) ==
-            static_cast<ssize_t>(command.size() + 1)) {
-        char buf[512];
-        pollfd p{fd, POLLIN, 0};
-        while (reply.find('\0') == std::string::npos && poll(&p, 1, 5000) == 1) {
-            ssize_t n = recv(fd, buf, sizeof buf, 0);
-            if (n <= 0) break;
-            reply.append(buf, static_cast<size_t>(n));
-        }
-    }
-    close(fd);
-    return reply.substr(0, reply.find('\0'));
+    FakeServer probe([](int) {});
+    if (!probe.Start()) return 0;
+    return probe.Port();
 }
 
 // ---- Clamd ---------------------------------------------------------------------------------
@@ -269,32 +246,92 @@ void Clamd::Stop() {
     unlink(socket_.c_str());
 }
 
+// ---- Fake servers --------------------------------------------------------------------------
+
+bool FakeServer::Start() {
+    sockaddr_storage ss{};
+    socklen_t len;
+    if (path_.empty()) {
+        auto* in = reinterpret_cast<sockaddr_in*>(&ss);
+        in->sin_family = AF_INET;
+        in->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        in->sin_port = htons(static_cast<uint16_t>(port_));
+        len = sizeof *in;
+    } else {
+        auto* un = reinterpret_cast<sockaddr_un*>(&ss);
+        un->sun_family = AF_UNIX;
+        std::snprintf(un->sun_path, sizeof un->sun_path, "%s", path_.c_str());
+        unlink(path_.c_str());
+        len = sizeof *un;
+    }
+    listen_ = socket(ss.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int one = 1;
+    setsockopt(listen_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+    if (bind(listen_, reinterpret_cast<sockaddr*>(&ss), len) != 0 || listen(listen_, 64) != 0) {
+        close(listen_);
+        listen_ = -1;
+        return false;
+    }
+    if (path_.empty() && getsockname(listen_, reinterpret_cast<sockaddr*>(&ss), &len) == 0)
+        port_ = ntohs(reinterpret_cast<sockaddr_in*>(&ss)->sin_port);
+    acceptor_ = std::thread([this] {
+        for (int c; (c = accept4(listen_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+            std::lock_guard<std::mutex> g(lock_);
+            conns_.push_back(c);
+            // Shut down, not closed, when served: Stop closes it, so no
+            // descriptor number is reused under a connection still listed.
+            workers_.emplace_back([this, c] {
+                serve_(c);
+                shutdown(c, SHUT_RDWR);
+            });
+        }
+    });
+    return true;
+}
+
+void FakeServer::Stop() {
+    if (listen_ < 0) return;
+    shutdown(listen_, SHUT_RDWR);
+    acceptor_.join();
+    close(listen_);
+    listen_ = -1;
+    std::lock_guard<std::mutex> g(lock_);
+    for (int c : conns_) shutdown(c, SHUT_RDWR);
+    for (std::thread& t : workers_) t.join();
+    for (int c : conns_) close(c);
+    conns_.clear();
+    workers_.clear();
+}
+
+std::string FakeServer::Address() const {
+    return path_.empty() ? "127.0.0.1:" + std::to_string(port_) : "unix:" + path_;
+}
+
 // ---- Parameters, adapter, scans ------------------------------------------------------------
 
-ParamList::ParamList(const PEL_PARAMS* defaults) : list_{} {
+ParamList::ParamList(const PEL_PARAMS* defaults, const std::vector<Set>& values) {
     if (defaults != nullptr && defaults->pParams != nullptr)
         params_.assign(defaults->pParams, defaults->pParams + defaults->usNumParams);
     texts_.reserve(64);
     list_.usNumParams = static_cast<uint16_t>(params_.size());
     list_.pParams = params_.empty() ? nullptr : params_.data();
+    for (const Set& v : values) Put(v);
 }
 
-PEL_PARAM* ParamList::Find(int32_t code) {
-    for (PEL_PARAM& p : params_)
-        if (p.tCode == code) return &p;
+void ParamList::Put(const Set& v) {
+    for (PEL_PARAM& p : params_) {
+        if (p.tCode != v.code) continue;
+        if (!v.isText) {
+            p.pvValue = reinterpret_cast<void*>(static_cast<uintptr_t>(v.number));
+            return;
+        }
+        if (texts_.size() == texts_.capacity()) std::abort();
+        texts_.push_back(v.text);
+        p.pvValue = const_cast<char*>(texts_.back().c_str());
+        p.lLength = v.text.size();
+        return;
+    }
     std::abort();  // the adapter does not offer it: a broken test
-}
-
-void ParamList::SetText(int32_t code, const std::string& value) {
-    PEL_PARAM* p = Find(code);
-    if (texts_.size() == texts_.capacity()) std::abort();
-    texts_.push_back(value);
-    p->pvValue = const_cast<char*>(texts_.back().c_str());
-    p->lLength = value.size();
-}
-
-void ParamList::SetNumber(int32_t code, uint64_t value) {
-    Find(code)->pvValue = reinterpret_cast<void*>(static_cast<uintptr_t>(value));
 }
 
 Adapter::Adapter(const std::string& path) {
@@ -310,19 +347,32 @@ Adapter::Adapter(const std::string& path) {
     };
     get(Startup, "PelStartup");
     get(GetConfig, "PelGetConfig");
-    get(Init, "PelInit");
+    get(InitFn, "PelInit");
     get(Scan, "PelScan");
     get(ReleaseScan, "PelReleaseScan");
-    get(End, "PelEnd");
+    get(EndFn, "PelEnd");
     get(Cleanup, "PelCleanup");
-    if (!error_.empty()) {
-        dlclose(handle_);
-        handle_ = nullptr;
-    }
+    if (error_.empty() && (Startup() != 0 || GetConfig(&config_) != 0)) error_ = "start failed";
 }
 
 Adapter::~Adapter() {
+    for (PEL_INIT* in : opened_) End(&in);
+    if (Loaded()) Cleanup();
     if (handle_ != nullptr) dlclose(handle_);
+}
+
+int Adapter::Init(const std::vector<Set>& values, PEL_INIT** out) {
+    ParamList init(config_->pInitParams, values);
+    int rc = InitFn(nullptr, init.Get(), out);
+    if (*out != nullptr) opened_.push_back(*out);
+    return rc;
+}
+
+void Adapter::End(PEL_INIT** in) {
+    for (PEL_INIT*& o : opened_)
+        if (o == *in) o = nullptr;
+    PEL_CONFIG* none = nullptr;
+    if (*in != nullptr && EndFn(in, &none) != 0) ADD_FAILURE() << "PelEnd failed";
 }
 
 PEL_CALLBACK Recorder(Events* events, uint32_t mask) {
@@ -337,9 +387,8 @@ int Scanner::Scan(PEL_SCANPARAM& p, PEL_OPTPARAMS* options, PEL_CALLBACK* callba
 
 int Scanner::Bytes(const engines::Bytes& data, const std::string& name, PEL_OPTPARAMS* options,
                    PEL_CALLBACK* callback, uint32_t action) {
-    PEL_SCANPARAM p{
-        0,           VS_SC_BYTES, action, name.c_str(), const_cast<unsigned char*>(data.data()),
-        data.size(), 7,           0};
+    PEL_SCANPARAM p{0,           VS_SC_BYTES, action, name.c_str(), const_cast<unsigned char*>(data.data()),
+                    data.size(), 7,           0};
     return Scan(p, options, callback);
 }
 

@@ -1,14 +1,17 @@
 // engines_env.h - what the engine tests share: the generated signature database,
 // test objects built at run time (the EICAR string from pieces, ZIP archives),
-// clamd daemons the tests start and stop, and an adapter driven through its
-// seven entry points as the library drives it.
+// clamd daemons the tests start and stop, a loopback server for fake engines,
+// and an adapter driven through its seven entry points as the library drives it.
 #ifndef KORMO_TESTS_ENGINES_ENV_H
 #define KORMO_TESTS_ENGINES_ENV_H
 
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -25,11 +28,12 @@ std::string Eicar();
 // The marker string of the database's "Kormo.Test.Marker" signature.
 std::string Marker();
 Bytes ToBytes(const std::string& s);
+// True when one of v contains part.
+bool Contains(const std::vector<std::string>& v, const std::string& part);
 
 // A ZIP archive of (name, content) members, stored or deflated; NestedZip wraps
 // content in `levels` deflated archives, so nothing of it shows outside.
-Bytes StoredZip(const std::vector<std::pair<std::string, Bytes>>& members);
-Bytes DeflatedZip(const std::vector<std::pair<std::string, Bytes>>& members);
+Bytes Zip(const std::vector<std::pair<std::string, Bytes>>& members, bool deflated = false);
 Bytes NestedZip(const Bytes& content, int levels);
 
 // A fresh directory, removed with its contents.
@@ -57,9 +61,7 @@ class Clamd {
     ~Clamd() { Stop(); }
     Clamd(const Clamd&) = delete;
     Clamd& operator=(const Clamd&) = delete;
-
-    // Starts it and waits until it answers PING; false with a reason. A
-    // restart keeps the port.
+    // Starts it and waits until it answers PING; false with a reason.
     bool Start(std::string* error);
     void Stop();
     std::string UnixAddress() const { return "unix:" + socket_; }
@@ -68,53 +70,88 @@ class Clamd {
 
   private:
     bool StartOnce(std::string* error);
-
     TempDir dir_;
     std::string streamMax_, socket_;
     int port_ = 0;
     pid_t pid_ = -1;
 };
 
-// Sends one z-command to a clamd local socket and returns the reply ("" on
-// failure).
-std::string ClamdCommand(const std::string& socketPath, const std::string& command);
+// A server for fake engines on 127.0.0.1 (its port kept over a restart) or a
+// Unix socket: each connection is served on its own thread by serve(fd), and
+// shut down when serve returns or the server stops.
+class FakeServer {
+  public:
+    explicit FakeServer(std::function<void(int)> serve, std::string unixPath = "")
+        : serve_(std::move(serve)), path_(std::move(unixPath)) {}
+    ~FakeServer() { Stop(); }
+    bool Start();
+    void Stop();
+    // "unix:PATH" or "127.0.0.1:PORT".
+    std::string Address() const;
+    int Port() const { return port_; }
+
+  private:
+    std::function<void(int)> serve_;
+    std::string path_;
+    int port_ = 0, listen_ = -1;
+    std::thread acceptor_;
+    std::mutex lock_;
+    std::vector<int> conns_;
+    std::vector<std::thread> workers_;
+};
+
+// One parameter value: a text or a number.
+struct Set {
+    Set(int32_t c, const std::string& t) : code(c), text(t), isText(true) {}
+    Set(int32_t c, uint64_t n) : code(c), number(n) {}
+    int32_t code;
+    std::string text;
+    uint64_t number = 0;
+    bool isText = false;
+};
 
 // Parameter lists as the library hands them to an adapter: a copy of the
 // adapter's defaults with some values replaced.
 class ParamList {
   public:
-    explicit ParamList(const PEL_PARAMS* defaults);
+    ParamList(const PEL_PARAMS* defaults, const std::vector<Set>& values = {});
     ParamList(const ParamList&) = delete;
     ParamList& operator=(const ParamList&) = delete;
-    void SetText(int32_t code, const std::string& value);
-    void SetNumber(int32_t code, uint64_t value);
+    void Put(const Set& value);
     PEL_PARAMS* Get() { return &list_; }
 
   private:
-    PEL_PARAM* Find(int32_t code);
     std::vector<PEL_PARAM> params_;
     std::vector<std::string> texts_;  // reserved up front: stable c_str()
-    PEL_PARAMS list_;
+    PEL_PARAMS list_{};
 };
 
-// An adapter file opened with dlopen, its entry points resolved.
+// An adapter file opened with dlopen, its entry points resolved, started and
+// its configuration read; cleaned up and closed at the end.
 class Adapter {
   public:
     explicit Adapter(const std::string& path);
     ~Adapter();
-    bool Loaded() const { return handle_ != nullptr; }
+    bool Loaded() const { return config_ != nullptr; }
     const std::string& Error() const { return error_; }
+    PEL_CONFIG* Config() const { return config_; }
+    // PelInit with the defaults, some replaced; the instance is ended with the
+    // adapter unless handed to End first.
+    int Init(const std::vector<Set>& values, PEL_INIT** out);
+    void End(PEL_INIT** in);
 
     PEL_STARTUP_FN Startup = nullptr;
     PEL_GETCONFIG_FN GetConfig = nullptr;
-    PEL_INIT_FN Init = nullptr;
+    PEL_INIT_FN InitFn = nullptr;
     PEL_SCAN_FN Scan = nullptr;
     PEL_RELEASESCAN_FN ReleaseScan = nullptr;
-    PEL_END_FN End = nullptr;
+    PEL_END_FN EndFn = nullptr;
     PEL_CLEANUP_FN Cleanup = nullptr;
 
   private:
     void* handle_ = nullptr;
+    PEL_CONFIG* config_ = nullptr;
+    std::vector<PEL_INIT*> opened_;
     std::string error_;
 };
 
@@ -151,9 +188,6 @@ class Scanner {
     PEL_INIT* init_;
     PEL_SCANINFO* info_ = nullptr;
 };
-
-// True when one of v contains part.
-bool Contains(const std::vector<std::string>& v, const std::string& part);
 
 }  // namespace engines
 

@@ -1,8 +1,6 @@
 // mav_engines.cpp - helpers of the engine tests that go through libkormomav.
 #include "mav_engines.h"
 
-#include <cstdio>
-
 namespace engines {
 
 MAV_SCANINFO Summary() {
@@ -35,41 +33,6 @@ std::string ScanErrorText(void* inst, uint32_t index) {
         return "(none)";
     }
     return std::string(text, length);
-}
-
-std::string Escape(const std::string& value) {
-    std::string out;
-    for (unsigned char c : value) {
-        if (c >= 0x80 || c == ' ' || c == '\t' || c == ';' || c == '=' || c == '\\') {
-            char buf[8];
-            std::snprintf(buf, sizeof buf, "\\u%04X", c);
-            out += buf;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out;
-}
-
-std::string Profile(const std::string& p, const std::string& g) {
-    std::string k = "mav.profile." + p;
-    return k + "=" + p + "\n" + k + ".Active=true\n" + k + ".ProfileSteps.0=0\n" + k +
-           ".ProfileSteps.0.ProfileEntryType=0\n" + k + ".ProfileSteps.0.ProfileEntryValue=" + g +
-           "\n" + k + ".ProfileLinkage=0\n" + "mav.group." + g + "=" + g + "\n";
-}
-
-std::string Provider(const std::string& name, const std::string& group, const std::string& path,
-                     int pool, const std::vector<Param>& params) {
-    std::string k = "mav.provider.Pelmark.Adapters." + name;
-    std::string s = k + "=" + name + "\n" + k + ".AdapterPath=" + Escape(path) + "\n" + k +
-                    ".Group=" + group + "\n" + k + ".Active=true\n" + k +
-                    ".PoolMaxInstances=" + std::to_string(pool) + "\n";
-    for (const Param& p : params) {
-        std::string pk = k + ".Parameters." + p.name;
-        s += pk + "=" + p.name + "\n" + pk + ".Type=" + p.type + "\n" + pk +
-             ".Value=" + Escape(p.value) + "\n";
-    }
-    return s;
 }
 
 }  // namespace engines

@@ -3,7 +3,6 @@
 #define KORMO_TESTS_ENGINES_MAV_H
 
 #include <string>
-#include <vector>
 
 #include "kormomav.h"
 
@@ -27,17 +26,6 @@ std::string AdapterError(MAV_HANDLE h);
 // Texts of the last scan's infection or scan error number index.
 std::string InfectionName(void* inst, uint32_t index);
 std::string ScanErrorText(void* inst, uint32_t index);
-
-// Properties text pieces. Values are escaped with \u00XX where the reader
-// would drop or cut them.
-std::string Escape(const std::string& value);
-// An active profile with one step over group, and the group.
-std::string Profile(const std::string& profile, const std::string& group);
-struct Param {
-    std::string name, type, value;
-};
-std::string Provider(const std::string& provider, const std::string& group,
-                     const std::string& adapterPath, int pool, const std::vector<Param>& params);
 
 }  // namespace engines
 

@@ -66,21 +66,18 @@ struct Peer {
     void Reply(const std::string& s) { (void)!send(fd, s.c_str(), s.size() + 1, MSG_NOSIGNAL); }
 };
 
-// A small server speaking clamd's session protocol (IDSESSION, VERSION,
-// INSTREAM, FILDES, END) on a Unix socket or 127.0.0.1, with settable delay,
-// failure and reply modes. An object is "found" when it holds the needle.
+// A fake clamd speaking its session protocol (IDSESSION, VERSION, INSTREAM,
+// FILDES, END) on a Unix socket or 127.0.0.1, with settable delay, failure and
+// reply modes. An object is "found" when it holds the needle.
 class FakeClamd {
   public:
     enum Mode { kAnswer, kRefuseFd, kDrop, kMalformed, kError };
-
     // unixPath empty: TCP on a free loopback port (kept over a restart).
-    explicit FakeClamd(const std::string& unixPath = "") : path_(unixPath) {}
-    ~FakeClamd() { Stop(); }
-    bool Start();
-    void Stop();
-    std::string Address() const {
-        return path_.empty() ? "127.0.0.1:" + std::to_string(port_) : "unix:" + path_;
-    }
+    explicit FakeClamd(const std::string& unixPath = "")
+        : server_([this](int fd) { Serve(fd); }, unixPath) {}
+    bool Start() { return server_.Start(); }
+    void Stop() { server_.Stop(); }
+    std::string Address() const { return server_.Address(); }
 
     std::atomic<int> mode{kAnswer}, delayMs{0}, scans{0}, byFd{0};
     std::string needle = "INFECTED";    // set before Start
@@ -88,67 +85,11 @@ class FakeClamd {
 
   private:
     void Serve(int fd);
-    std::string path_;
-    int port_ = 0, listen_ = -1;
-    std::thread acceptor_;
-    std::mutex lock_;
-    std::vector<int> conns_;
-    std::vector<std::thread> workers_;
+    FakeServer server_;
 };
-
-bool FakeClamd::Start() {
-    sockaddr_storage ss{};
-    socklen_t len;
-    if (path_.empty()) {
-        auto* in = reinterpret_cast<sockaddr_in*>(&ss);
-        in->sin_family = AF_INET;
-        in->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        in->sin_port = htons(static_cast<uint16_t>(port_));
-        len = sizeof *in;
-    } else {
-        auto* un = reinterpret_cast<sockaddr_un*>(&ss);
-        un->sun_family = AF_UNIX;
-        std::snprintf(un->sun_path, sizeof un->sun_path, "%s", path_.c_str());
-        unlink(path_.c_str());
-        len = sizeof *un;
-    }
-    listen_ = socket(ss.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    int one = 1;
-    setsockopt(listen_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    if (bind(listen_, reinterpret_cast<sockaddr*>(&ss), len) != 0 || listen(listen_, 64) != 0)
-        return false;
-    if (path_.empty() && getsockname(listen_, reinterpret_cast<sockaddr*>(&ss), &len) == 0)
-        port_ = ntohs(reinterpret_cast<sockaddr_in*>(&ss)->sin_port);
-    acceptor_ = std::thread([this] {
-        for (int c; (c = accept4(listen_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
-            std::lock_guard<std::mutex> g(lock_);
-            conns_.push_back(c);
-            workers_.emplace_back([this, c] { Serve(c); });
-        }
-    });
-    return true;
-}
-
-void FakeClamd::Stop() {
-    if (listen_ < 0) return;
-    shutdown(listen_, SHUT_RDWR);
-    acceptor_.join();
-    close(listen_);
-    listen_ = -1;
-    std::lock_guard<std::mutex> g(lock_);
-    for (int c : conns_) shutdown(c, SHUT_RDWR);
-    for (std::thread& t : workers_) t.join();
-    for (int c : conns_) close(c);
-    conns_.clear();
-    workers_.clear();
-}
 
 void FakeClamd::Serve(int fd) {
     Peer p{fd, {}, {}};
-    struct Hangup {  // closed by Stop: no descriptor number is reused under it
-        int fd;
-        ~Hangup() { shutdown(fd, SHUT_RDWR); }
-    } hangup{fd};
     std::string cmd, data, head;
     for (int id = 1; p.Command(&cmd); ++id) {
         std::string n = std::to_string(id) + ": ", prefix = "stream: ";
@@ -199,43 +140,18 @@ void FakeClamd::Serve(int fd) {
 
 class ClamdFarm : public ::testing::Test {
   protected:
-    static void SetUpTestSuite() {
-        adapter_ = new Adapter(KORMO_CLAMD_ADAPTER);
-        ASSERT_TRUE(adapter_->Loaded()) << adapter_->Error();
-        ASSERT_EQ(0, adapter_->Startup());
-        ASSERT_EQ(0, adapter_->GetConfig(&config_));
-    }
-    static void TearDownTestSuite() {
-        EXPECT_EQ(0, adapter_->Cleanup());
-        delete adapter_;
-    }
-    void TearDown() override { EndAll(); }
-    PEL_INIT* Open(const std::string& servers, const char* mode = "spread",
-                   uint32_t reconnect = 10) {
-        ParamList init(config_->pInitParams);
-        init.SetText(VS_P_INITSERVERS, servers);
-        init.SetText(VS_P_INITENGINES, mode);
-        init.SetNumber(VS_P_INITTIMEOUT, 5);
-        init.SetNumber(VS_P_INITRECONNECTTIME, reconnect);
+    void SetUp() override { ASSERT_TRUE(a_.Loaded()) << a_.Error(); }
+    PEL_INIT* Open(const std::string& servers, const char* mode = "spread", uint32_t reconnect = 10) {
         PEL_INIT* in = nullptr;
-        EXPECT_EQ(0, adapter_->Init(nullptr, init.Get(), &in)) << (in ? in->pszErrorText : "");
-        opened_.push_back(in);
+        EXPECT_EQ(0, a_.Init({{VS_P_INITSERVERS, servers}, {VS_P_INITENGINES, mode},
+                              {VS_P_INITTIMEOUT, 5}, {VS_P_INITRECONNECTTIME, reconnect}}, &in))
+            << (in ? in->pszErrorText : "");
         return in;
     }
-    void EndAll() {
-        PEL_CONFIG* none = nullptr;
-        for (PEL_INIT*& in : opened_) EXPECT_EQ(0, adapter_->End(&in, &none));
-        opened_.clear();
-    }
     std::string Sock(const std::string& name) { return dir_.File(name + ".sock"); }
-
-    static Adapter* adapter_;
-    static PEL_CONFIG* config_;
     TempDir dir_;
-    std::vector<PEL_INIT*> opened_;
+    Adapter a_{KORMO_CLAMD_ADAPTER};
 };
-Adapter* ClamdFarm::adapter_ = nullptr;
-PEL_CONFIG* ClamdFarm::config_ = nullptr;
 
 TEST_F(ClamdFarm, SpreadsInstancesOverServersOrKeepsTheOrder) {
     FakeClamd a(Sock("a")), b;
@@ -243,16 +159,16 @@ TEST_F(ClamdFarm, SpreadsInstancesOverServersOrKeepsTheOrder) {
     for (const char* mode : {"spread", "ordered"}) {
         a.scans = b.scans = 0;
         for (int i = 0; i < 4; ++i) {
-            Scanner s(*adapter_, Open(a.Address() + ", " + b.Address(), mode));
+            PEL_INIT* in = Open(a.Address() + ", " + b.Address(), mode);
+            Scanner s(a_, in);
             for (int k = 0; k < 10; ++k) ASSERT_EQ(0, s.Bytes(ToBytes("fine"), "o"));
+            // The engine info lists each server with its state and version.
+            ASSERT_EQ(2, in->usDrivers);
+            EXPECT_NE(nullptr, strstr(in->pDriver[1].pszName, "up, ClamAV 1.4.9"));
         }
         const bool spread = mode[0] == 's';
         EXPECT_EQ(spread ? 20 : 40, a.scans) << mode;
         EXPECT_EQ(spread ? 20 : 0, b.scans) << mode;
-        // The engine info lists each server with its state and version.
-        ASSERT_EQ(2, opened_[0]->usDrivers);
-        EXPECT_NE(nullptr, strstr(opened_[0]->pDriver[1].pszName, "up, ClamAV 1.4.9"));
-        EndAll();
     }
 }
 
@@ -263,17 +179,15 @@ TEST_F(ClamdFarm, ServerKilledMidRunLosesNoObjectAndNoneIsCleanByMistake) {
     const int kThreads = 4, kObjects = 60;
     std::atomic<int> errors{0}, wrong{0};
     std::vector<PEL_INIT*> ins;
-    for (int t = 0; t < kThreads; ++t)
-        ins.push_back(Open(a.Address() + "," + b.Address(), "spread", 1));
+    for (int t = 0; t < kThreads; ++t) ins.push_back(Open(a.Address() + "," + b.Address(), "spread", 1));
     auto run = [&] {
         std::vector<std::thread> threads;
         for (int t = 0; t < kThreads; ++t)
             threads.emplace_back([&, t] {
-                Scanner s(*adapter_, ins[t]);
+                Scanner s(a_, ins[t]);
                 for (int k = 0; k < kObjects; ++k) {
-                    bool bad = k % 2 == 0;
-                    int rc = s.Bytes(ToBytes(bad ? "xINFECTEDx" : "fine"), "o");
-                    if (rc != (bad ? -2 : 0)) (rc == 13 ? errors : wrong)++;
+                    int rc = s.Bytes(ToBytes(k % 2 ? "fine" : "xINFECTEDx"), "o");
+                    if (rc != (k % 2 ? 0 : -2)) (rc == 13 ? errors : wrong)++;
                 }
             });
         return threads;
@@ -300,23 +214,23 @@ TEST_F(ClamdFarm, FailingRepliesGoToAnotherServerOrEndAsErrorsWithTheirText) {
         {FakeClamd::kDrop, "connection closed"},
         {FakeClamd::kMalformed, "malformed reply"},
         {FakeClamd::kError, "Can't allocate memory ERROR"}};
-    for (const auto& c : cases) {
-        FakeClamd bad(Sock("bad" + std::to_string(c.first))), lone, good;
-        bad.mode = lone.mode = c.first;
+    for (const auto& [mode, text] : cases) {
+        FakeClamd bad(Sock("bad" + std::to_string(mode))), lone, good;
+        bad.mode = lone.mode = mode;
         ASSERT_TRUE(bad.Start() && lone.Start() && good.Start());
-        Scanner pair(*adapter_, Open(bad.Address() + "," + good.Address(), "ordered"));
-        EXPECT_EQ(-2, pair.Bytes(ToBytes("INFECTED"), "o")) << c.second;
+        Scanner pair(a_, Open(bad.Address() + "," + good.Address(), "ordered"));
+        EXPECT_EQ(-2, pair.Bytes(ToBytes("INFECTED"), "o")) << text;
         EXPECT_EQ(1, good.scans);
-        Scanner alone(*adapter_, Open(lone.Address()));
-        EXPECT_EQ(13, alone.Bytes(ToBytes("fine"), "o")) << c.second;
-        EXPECT_TRUE(alone.ScanErrorHas(c.second)) << c.second;
+        Scanner alone(a_, Open(lone.Address()));
+        EXPECT_EQ(13, alone.Bytes(ToBytes("fine"), "o")) << text;
+        EXPECT_TRUE(alone.ScanErrorHas(text)) << text;
     }
 }
 
 TEST_F(ClamdFarm, AllServersDownRetriesAfterAShortBackoff) {
     FakeClamd a(Sock("a"));
     ASSERT_TRUE(a.Start());
-    Scanner s(*adapter_, Open(a.Address(), "spread", 60));
+    Scanner s(a_, Open(a.Address(), "spread", 60));
     a.Stop();
     EXPECT_EQ(13, s.Bytes(ToBytes("fine"), "o"));
     ASSERT_TRUE(a.Start());
@@ -331,7 +245,7 @@ TEST_F(ClamdFarm, LocalServersGetDescriptorsOthersStreams) {
     const std::string file = dir_.File("obj.bin");
     std::ofstream(file) << "..INFECTED..";
     for (FakeClamd* f : {&local, &refusing, &tcp}) {
-        Scanner s(*adapter_, Open(f->Address()));
+        Scanner s(a_, Open(f->Address()));
         EXPECT_EQ(-2, s.Bytes(ToBytes("..INFECTED.."), "o")) << f->Address();
         EXPECT_EQ(-2, s.File(file)) << f->Address();
         EXPECT_EQ(0, s.Bytes(Bytes(), "empty"));
@@ -340,7 +254,7 @@ TEST_F(ClamdFarm, LocalServersGetDescriptorsOthersStreams) {
     // A file that grows while the server reads it is not scanned.
     std::ofstream(file) << "fine";
     local.beforeReply = [&] { std::ofstream(file, std::ios::app) << "more"; };
-    Scanner s(*adapter_, Open(local.Address()));
+    Scanner s(a_, Open(local.Address()));
     EXPECT_EQ(14, s.File(file));
     EXPECT_TRUE(s.ScanErrorHas("changed"));
 }
@@ -351,10 +265,9 @@ TEST_F(ClamdFarm, SizeIsReadNotBelievedAndSCANLIMITHolds) {
     ASSERT_TRUE(local.Start() && tcp.Start());
     const std::string file = dir_.File("twelve.bin");
     std::ofstream(file) << "0123456789ab";
-    ParamList opts(config_->pOptParams);
-    opts.SetNumber(VS_P_SCANLIMIT, 8);
+    ParamList opts(a_.Config()->pOptParams, {{VS_P_SCANLIMIT, 8}});
     for (FakeClamd* f : {&local, &tcp}) {
-        Scanner s(*adapter_, Open(f->Address()));
+        Scanner s(a_, Open(f->Address()));
         EXPECT_EQ(-2, s.File("/proc/self/status")) << f->Address();
         const int before = f->scans;
         EXPECT_EQ(14, s.Bytes(ToBytes("0123456789ab"), "o", opts.Get()));
@@ -373,7 +286,7 @@ TEST_F(ClamdFarm, RealClamdReadsFilesAndMemoryByDescriptor) {
     const std::string big = std::string(2 << 20, 'Z') + Marker(), file = dir_.File("big.bin");
     std::ofstream(file) << big;
     for (const std::string& server : {daemon.UnixAddress(), daemon.TcpAddress()}) {
-        Scanner s(*adapter_, Open(server));
+        Scanner s(a_, Open(server));
         const int expect = server == daemon.UnixAddress() ? -2 : 14;
         EXPECT_EQ(expect, s.Bytes(ToBytes(big), "big")) << server;
         EXPECT_EQ(expect, s.File(file)) << server;
