@@ -86,26 +86,19 @@ Bytes Zip(const std::vector<std::pair<std::string, Bytes>>& members, bool deflat
 
 namespace {
 
-// One z-command to a clamd local socket; its reply ("" on failure).
-std::string ClamdCommand(const std::string& socketPath, const std::string& command) {
+// True when clamd answers PING on its local socket within a second.
+bool Pong(const std::string& socketPath) {
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un sa{};
     sa.sun_family = AF_UNIX;
     std::snprintf(sa.sun_path, sizeof sa.sun_path, "%s", socketPath.c_str());
-    std::string reply;
-    if (connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 &&
-        send(fd, command.c_str(), command.size() + 1, MSG_NOSIGNAL) ==
-            static_cast<ssize_t>(command.size() + 1)) {
-        char buf[512];
-        pollfd p{fd, POLLIN, 0};
-        while (reply.find('\0') == std::string::npos && poll(&p, 1, 5000) == 1) {
-            ssize_t n = recv(fd, buf, sizeof buf, 0);
-            if (n <= 0) break;
-            reply.append(buf, static_cast<size_t>(n));
-        }
-    }
+    char reply[8] = {};
+    pollfd p{fd, POLLIN, 0};
+    bool up = connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 &&
+              send(fd, "zPING", 6, MSG_NOSIGNAL) == 6 && poll(&p, 1, 1000) == 1 &&
+              recv(fd, reply, sizeof reply - 1, 0) == 5 && std::string(reply) == "PONG";
     close(fd);
-    return reply.substr(0, reply.find('\0'));
+    return up;
 }
 
 VS_CALLRC Record(void* /*adapterData*/, uint32_t message, void* data, void* context) {
@@ -202,46 +195,32 @@ bool Clamd::StartOnce(std::string* error) {
         << streamMax_ << "\nMaxRecursion 3\nAlertExceedsMax yes\nMaxThreads 4\n"
         << "IdleTimeout 30\nSelfCheck 0\nLogTime yes\n";
     pid_t pid = fork();
-    if (pid < 0) {
-        *error = "fork failed";
-        return false;
-    }
     if (pid == 0) {
         int devnull = open("/dev/null", O_RDWR);
         for (int fd = 0; fd < 3; ++fd) dup2(devnull, fd);
         execl(KORMO_CLAMD_PATH, "clamd", "-c", conf.c_str(), static_cast<char*>(nullptr));
         _exit(127);
     }
-    pid_ = pid;
+    if ((pid_ = pid) < 0) *error = "fork failed";
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (std::chrono::steady_clock::now() < deadline) {
-        int status = 0;
-        if (waitpid(pid_, &status, WNOHANG) == pid_) {
+    while (pid_ > 0 && std::chrono::steady_clock::now() < deadline) {
+        if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
             pid_ = -1;
             *error = "clamd exited during start-up: " + ReadText(dir_.File("clamd.log"));
             return false;
         }
-        if (ClamdCommand(socket_, "zPING") == "PONG") return true;
+        if (Pong(socket_)) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    *error = "clamd did not answer PING within 60 s";
+    if (pid_ > 0) *error = "clamd did not answer PING within 60 s";
     Stop();
     return false;
 }
 
 void Clamd::Stop() {
     if (pid_ <= 0) return;
-    kill(pid_, SIGTERM);
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    int status = 0;
-    while (waitpid(pid_, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, &status, 0);
-            break;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
+    kill(pid_, SIGKILL);  // a server that goes away
+    waitpid(pid_, nullptr, 0);
     pid_ = -1;
     unlink(socket_.c_str());
 }
@@ -345,25 +324,27 @@ Adapter::Adapter(const std::string& path) {
         fn = reinterpret_cast<std::remove_reference_t<decltype(fn)>>(dlsym(handle_, name));
         if (fn == nullptr) error_ += std::string(name) + " missing; ";
     };
-    get(Startup, "PelStartup");
-    get(GetConfig, "PelGetConfig");
-    get(InitFn, "PelInit");
+    PEL_STARTUP_FN startup = nullptr;
+    PEL_GETCONFIG_FN getConfig = nullptr;
+    get(startup, "PelStartup");
+    get(getConfig, "PelGetConfig");
+    get(init_, "PelInit");
     get(Scan, "PelScan");
     get(ReleaseScan, "PelReleaseScan");
-    get(EndFn, "PelEnd");
-    get(Cleanup, "PelCleanup");
-    if (error_.empty() && (Startup() != 0 || GetConfig(&config_) != 0)) error_ = "start failed";
+    get(end_, "PelEnd");
+    get(cleanup_, "PelCleanup");
+    if (error_.empty() && (startup() != 0 || getConfig(&config_) != 0)) error_ = "start failed";
 }
 
 Adapter::~Adapter() {
     for (PEL_INIT* in : opened_) End(&in);
-    if (Loaded()) Cleanup();
+    if (Loaded()) cleanup_();
     if (handle_ != nullptr) dlclose(handle_);
 }
 
 int Adapter::Init(const std::vector<Set>& values, PEL_INIT** out) {
     ParamList init(config_->pInitParams, values);
-    int rc = InitFn(nullptr, init.Get(), out);
+    int rc = init_(nullptr, init.Get(), out);
     if (*out != nullptr) opened_.push_back(*out);
     return rc;
 }
@@ -372,7 +353,7 @@ void Adapter::End(PEL_INIT** in) {
     for (PEL_INIT*& o : opened_)
         if (o == *in) o = nullptr;
     PEL_CONFIG* none = nullptr;
-    if (*in != nullptr && EndFn(in, &none) != 0) ADD_FAILURE() << "PelEnd failed";
+    if (*in != nullptr && end_(in, &none) != 0) ADD_FAILURE() << "PelEnd failed";
 }
 
 PEL_CALLBACK Recorder(Events* events, uint32_t mask) {

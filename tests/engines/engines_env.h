@@ -140,15 +140,13 @@ class Adapter {
     int Init(const std::vector<Set>& values, PEL_INIT** out);
     void End(PEL_INIT** in);
 
-    PEL_STARTUP_FN Startup = nullptr;
-    PEL_GETCONFIG_FN GetConfig = nullptr;
-    PEL_INIT_FN InitFn = nullptr;
     PEL_SCAN_FN Scan = nullptr;
     PEL_RELEASESCAN_FN ReleaseScan = nullptr;
-    PEL_END_FN EndFn = nullptr;
-    PEL_CLEANUP_FN Cleanup = nullptr;
 
   private:
+    PEL_INIT_FN init_ = nullptr;
+    PEL_END_FN end_ = nullptr;
+    PEL_CLEANUP_FN cleanup_ = nullptr;
     void* handle_ = nullptr;
     PEL_CONFIG* config_ = nullptr;
     std::vector<PEL_INIT*> opened_;
