@@ -9,11 +9,52 @@
 
 #include "engines_env.h"
 #include "kormomav.h"
-#include "mav_engines.h"
 
 using namespace engines;
 
 namespace {
+
+// Ends a handle on every path out of a test (a failed MavInit still hands
+// one out).
+struct HandleGuard {
+    MAV_HANDLE h = nullptr;
+    ~HandleGuard() {
+        if (h != nullptr) MavEnd(&h);
+    }
+};
+
+// A summary record: without one the library asks the adapter for no results.
+MAV_SCANINFO Summary() {
+    return MAV_SCANINFO{32, 0, 0, 0, 0, 0, 0};
+}
+
+std::string AdapterError(MAV_HANDLE h) {
+    char buffer[4096];
+    KORMO_CHAR* text = buffer;
+    size_t length = sizeof buffer;
+    if (MavAdapterErrorText(h, &text, &length) != MAV_OK) return std::string();
+    return std::string(text, length);
+}
+
+std::string InfectionName(void* inst, uint32_t index) {
+    char name[512];
+    size_t length = sizeof name;
+    if (MavEnumInfections(inst, index, nullptr, nullptr, name, &length, nullptr, nullptr, nullptr,
+                          nullptr, nullptr) != MAV_OK) {
+        return "(none)";
+    }
+    return std::string(name, length);
+}
+
+std::string ScanErrorText(void* inst, uint32_t index) {
+    char text[1024];
+    size_t length = sizeof text;
+    if (MavEnumScanErrors(inst, index, nullptr, text, &length, nullptr, nullptr, nullptr) !=
+        MAV_OK) {
+        return "(none)";
+    }
+    return std::string(text, length);
+}
 
 bool Has(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
