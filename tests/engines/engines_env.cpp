@@ -171,9 +171,6 @@ int FreePort() {
 
 // ---- Clamd ---------------------------------------------------------------------------------
 
-Clamd::Clamd(const std::string& streamMaxLength)
-    : streamMax_(streamMaxLength), socket_(dir_.File("clamd.sock")) {}
-
 bool Clamd::Start(std::string* error) {
     // The TCP port is free when picked; another test process may take it
     // before clamd binds it: then try another one.
@@ -191,8 +188,8 @@ bool Clamd::StartOnce(std::string* error) {
     std::ofstream(conf, std::ios::trunc)
         << "Foreground yes\nLocalSocket " << socket_ << "\nTCPSocket " << port_
         << "\nTCPAddr 127.0.0.1\nDatabaseDirectory " << TestDb() << "\nTemporaryDirectory "
-        << dir_.Path() << "\nLogFile " << dir_.File("clamd.log") << "\nStreamMaxLength "
-        << streamMax_ << "\nMaxRecursion 3\nAlertExceedsMax yes\nMaxThreads 4\n"
+        << dir_.Path() << "\nLogFile " << dir_.File("clamd.log") << "\nStreamMaxLength 1M"
+        << "\nMaxRecursion 3\nAlertExceedsMax yes\nMaxThreads 4\n"
         << "IdleTimeout 30\nSelfCheck 0\nLogTime yes\n";
     pid_t pid = fork();
     if (pid == 0) {
@@ -288,6 +285,20 @@ std::string FakeServer::Address() const {
 
 // ---- Parameters, adapter, scans ------------------------------------------------------------
 
+// Parameter lists as the library hands them to an adapter: a copy of the
+// adapter's defaults with some values replaced.
+class ParamList {
+  public:
+    ParamList(const PEL_PARAMS* defaults, const std::vector<Set>& values);
+    void Put(const Set& value);
+    PEL_PARAMS* Get() { return &list_; }
+
+  private:
+    std::vector<PEL_PARAM> params_;
+    std::vector<std::string> texts_;  // reserved up front: stable c_str()
+    PEL_PARAMS list_{};
+};
+
 ParamList::ParamList(const PEL_PARAMS* defaults, const std::vector<Set>& values) {
     if (defaults != nullptr && defaults->pParams != nullptr)
         params_.assign(defaults->pParams, defaults->pParams + defaults->usNumParams);
@@ -360,20 +371,21 @@ PEL_CALLBACK Recorder(Events* events, uint32_t mask) {
     return PEL_CALLBACK{sizeof(PEL_CALLBACK), Record, mask, 0, events, nullptr, nullptr, nullptr};
 }
 
-int Scanner::Scan(PEL_SCANPARAM& p, PEL_OPTPARAMS* options, PEL_CALLBACK* callback) {
+int Scanner::Scan(PEL_SCANPARAM& p, const std::vector<Set>& options, PEL_CALLBACK* callback) {
     Release();
     p.struct_size = sizeof p;
-    return adapter_.Scan(init_, callback, &p, options, &info_);
+    ParamList list(adapter_.Config()->pOptParams, options);
+    return adapter_.Scan(init_, callback, &p, options.empty() ? nullptr : list.Get(), &info_);
 }
 
-int Scanner::Bytes(const engines::Bytes& data, const std::string& name, PEL_OPTPARAMS* options,
+int Scanner::Bytes(const engines::Bytes& data, const std::string& name, const std::vector<Set>& options,
                    PEL_CALLBACK* callback, uint32_t action) {
     PEL_SCANPARAM p{0,           VS_SC_BYTES, action, name.c_str(), const_cast<unsigned char*>(data.data()),
                     data.size(), 7,           0};
     return Scan(p, options, callback);
 }
 
-int Scanner::File(const std::string& path, PEL_OPTPARAMS* options, PEL_CALLBACK* callback) {
+int Scanner::File(const std::string& path, const std::vector<Set>& options, PEL_CALLBACK* callback) {
     PEL_SCANPARAM p{0, VS_SC_FILE, VS_A_SCAN, path.c_str(), nullptr, path.size(), 8, 0};
     return Scan(p, options, callback);
 }

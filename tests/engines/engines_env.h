@@ -55,13 +55,12 @@ class TempDir {
 int FreePort();
 
 // A clamd of its own: a local socket, a TCP socket on a free loopback port, the
-// test database, archive depth 3 and alerts for limits reached.
+// test database, archive depth 3, streams up to 1 MiB and alerts for limits
+// reached.
 class Clamd {
   public:
-    explicit Clamd(const std::string& streamMaxLength = "2M");
+    Clamd() : socket_(dir_.File("clamd.sock")) {}
     ~Clamd() { Stop(); }
-    Clamd(const Clamd&) = delete;
-    Clamd& operator=(const Clamd&) = delete;
     // Starts it and waits until it answers PING; false with a reason.
     bool Start(std::string* error);
     void Stop();
@@ -72,7 +71,7 @@ class Clamd {
   private:
     bool StartOnce(std::string* error);
     TempDir dir_;
-    std::string streamMax_, socket_;
+    std::string socket_;
     int port_ = 0;
     pid_t pid_ = -1;
 };
@@ -109,22 +108,6 @@ struct Set {
     std::string text;
     uint64_t number = 0;
     bool isText = false;
-};
-
-// Parameter lists as the library hands them to an adapter: a copy of the
-// adapter's defaults with some values replaced.
-class ParamList {
-  public:
-    ParamList(const PEL_PARAMS* defaults, const std::vector<Set>& values = {});
-    ParamList(const ParamList&) = delete;
-    ParamList& operator=(const ParamList&) = delete;
-    void Put(const Set& value);
-    PEL_PARAMS* Get() { return &list_; }
-
-  private:
-    std::vector<PEL_PARAM> params_;
-    std::vector<std::string> texts_;  // reserved up front: stable c_str()
-    PEL_PARAMS list_{};
 };
 
 // An adapter file opened with dlopen, its entry points resolved, started and
@@ -171,10 +154,10 @@ class Scanner {
   public:
     Scanner(Adapter& adapter, PEL_INIT* init) : adapter_(adapter), init_(init) {}
     ~Scanner() { Release(); }
-    int Bytes(const engines::Bytes& data, const std::string& name, PEL_OPTPARAMS* options = nullptr,
+    // options: replaced values of the adapter's option defaults (none: no list).
+    int Bytes(const engines::Bytes& data, const std::string& name, const std::vector<Set>& options = {},
               PEL_CALLBACK* callback = nullptr, uint32_t action = VS_A_SCAN);
-    int File(const std::string& path, PEL_OPTPARAMS* options = nullptr,
-             PEL_CALLBACK* callback = nullptr);
+    int File(const std::string& path, const std::vector<Set>& options = {}, PEL_CALLBACK* callback = nullptr);
     PEL_SCANINFO* Info() const { return info_; }
     std::vector<std::string> Infections() const;
     // True when a scan error text contains part.
@@ -182,7 +165,7 @@ class Scanner {
     void Release();
 
   private:
-    int Scan(PEL_SCANPARAM& p, PEL_OPTPARAMS* options, PEL_CALLBACK* callback);
+    int Scan(PEL_SCANPARAM& p, const std::vector<Set>& options, PEL_CALLBACK* callback);
     Adapter& adapter_;
     PEL_INIT* init_;
     PEL_SCANINFO* info_ = nullptr;

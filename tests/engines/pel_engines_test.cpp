@@ -32,7 +32,7 @@ Adapter& ClamdAdapter() {
 }
 // The clamd adapter's server, started by the first test that needs it.
 Clamd& Daemon() {
-    static Clamd d("1M");
+    static Clamd d;
     static std::string error;
     static bool up = d.Start(&error);
     EXPECT_TRUE(up) << error;
@@ -68,14 +68,14 @@ TEST_P(PelEngine, FindsReportsAndStopsWhereTheHandlerSays) {
     Scanner s(*a_, in_);
     Events ev;
     PEL_CALLBACK cb = Recorder(&ev);
-    EXPECT_EQ(-2, s.Bytes(ToBytes(Eicar()), "eicar.com", nullptr, &cb));
+    EXPECT_EQ(-2, s.Bytes(ToBytes(Eicar()), "eicar.com", {}, &cb));
     EXPECT_EQ(std::vector<std::string>{"Eicar-Test-Signature.UNOFFICIAL"}, s.Infections());
     EXPECT_EQ(ev.viruses, s.Infections());
     EXPECT_EQ(0u, s.Info()->uiClean);
     EXPECT_EQ(-2, s.File(TestDb() + "/samples/hash2.bin"));
     EXPECT_EQ(std::vector<std::string>{"Kormo.Test.Hash.2.UNOFFICIAL"}, s.Infections());
     EXPECT_EQ(-2, s.Bytes(Zip({{"eicar.com", ToBytes(Eicar())}}), "a.zip"));
-    EXPECT_EQ(0, s.File(TestDb() + "/samples/clean.txt", nullptr, &cb));
+    EXPECT_EQ(0, s.File(TestDb() + "/samples/clean.txt", {}, &cb));
     EXPECT_EQ(1u, s.Info()->uiClean);
     EXPECT_EQ(1, ev.clean);
     EXPECT_EQ(0, s.Bytes(Bytes(), "empty"));
@@ -86,10 +86,10 @@ TEST_P(PelEngine, FindsReportsAndStopsWhereTheHandlerSays) {
     Events stop, masked;
     stop.stopAfterViruses = 1;
     cb = Recorder(&stop);
-    EXPECT_EQ(17, s.Bytes(ToBytes(Eicar()), "eicar", nullptr, &cb));
+    EXPECT_EQ(17, s.Bytes(ToBytes(Eicar()), "eicar", {}, &cb));
     EXPECT_EQ(1u, stop.viruses.size());
     cb = Recorder(&masked, VS_M_CLEAN);
-    EXPECT_EQ(-2, s.Bytes(ToBytes(Eicar()), "eicar", nullptr, &cb));
+    EXPECT_EQ(-2, s.Bytes(ToBytes(Eicar()), "eicar", {}, &cb));
     EXPECT_TRUE(masked.viruses.empty());
 }
 
@@ -121,7 +121,7 @@ TEST_P(PelEngine, RefusesBadRequestsAndNeverClaimsCleanOrCleaning) {
     PEL_CALLBACK cb = Recorder(&ev);
     TempDir d;
     for (const std::string& bad : {std::string("/nonexistent/kormo/file"), d.Path()}) {
-        EXPECT_EQ(13, s.File(bad, nullptr, &cb)) << bad;
+        EXPECT_EQ(13, s.File(bad, {}, &cb)) << bad;
         EXPECT_EQ(0u, s.Info()->uiClean);
         EXPECT_TRUE(s.ScanErrorHas(bad)) << bad;
     }
@@ -255,10 +255,9 @@ TEST_F(Clamav, LimitsPolicyAndHostileObjectsAreNeverClean) {
     Scanner s(*a_, in_);
     for (int pass = 0; pass < 2; ++pass) {
         for (const auto& c : cases) {
-            ParamList o(a_->Config()->pOptParams, c.options);
             Events ev;
             PEL_CALLBACK cb = Recorder(&ev);
-            ASSERT_EQ(c.rc, s.Bytes(c.data, c.name, o.Get(), &cb)) << c.what << " " << pass;
+            ASSERT_EQ(c.rc, s.Bytes(c.data, c.name, c.options, &cb)) << c.what << " " << pass;
             EXPECT_EQ(c.rc == 0 ? 1u : 0u, s.Info()->uiClean) << c.what;
             EXPECT_EQ(c.rc == 14 || c.rc == -6 ? 1u : 0u, s.Info()->uiNotScanned) << c.what;
             EXPECT_TRUE(*c.error == '\0' || (s.ScanErrorHas(c.error) && Contains(ev.notScanned, c.error)))
@@ -271,11 +270,11 @@ TEST_F(Clamav, InstancesScanConcurrentlyWithTheirOwnLimits) {
     Bytes nested = NestedZip(ToBytes("y " + Marker()), 4), eicar = ToBytes(Eicar());
     std::atomic<int> wrong{0};
     auto run = [&](uint32_t depth) {
-        ParamList opts(a_->Config()->pOptParams, {{VS_P_SCANEXTRACT_DEPTH, depth}});
+        const std::vector<Set> opts = {{VS_P_SCANEXTRACT_DEPTH, depth}};
         Scanner s(*a_, in_);
         for (int i = 0; i < 20; ++i) {
-            if (s.Bytes(nested, "n.zip", opts.Get()) != (depth > 3 ? -2 : 14)) ++wrong;
-            if (s.Bytes(eicar, "e", opts.Get()) != -2) ++wrong;
+            if (s.Bytes(nested, "n.zip", opts) != (depth > 3 ? -2 : 14)) ++wrong;
+            if (s.Bytes(eicar, "e", opts) != -2) ++wrong;
         }
     };
     std::vector<std::thread> threads;
@@ -300,17 +299,15 @@ TEST_F(Clamav, ObjectsWithoutATrueSizeAreReadToTheirEndOrRefused) {
     EXPECT_TRUE(Contains(s.Infections(), "Kormo.Test.Marker"));
     writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
     ASSERT_EQ(static_cast<ssize_t>(Eicar().size()), write(writer, Eicar().data(), Eicar().size()));
-    ParamList o(a_->Config()->pOptParams, {{VS_P_SCANEXTRACT_TIME, 200}});
-    EXPECT_EQ(14, s.File(fifo, o.Get()));
+    EXPECT_EQ(14, s.File(fifo, {{VS_P_SCANEXTRACT_TIME, 200}}));
     EXPECT_TRUE(s.ScanErrorHas("SCANEXTRACT_TIME"));
     close(writer);
     close(reader);
     { std::ofstream(sparse) << Eicar(); }
     ASSERT_EQ(0, truncate(sparse.c_str(), 8LL << 30));
-    ParamList unlimited(a_->Config()->pOptParams, {{VS_P_SCANLIMIT, 0}});
     struct rusage before, after;
     getrusage(RUSAGE_SELF, &before);
-    EXPECT_EQ(14, s.File(sparse, unlimited.Get()));
+    EXPECT_EQ(14, s.File(sparse, {{VS_P_SCANLIMIT, 0}}));
     EXPECT_TRUE(s.ScanErrorHas("object size limit"));
     getrusage(RUSAGE_SELF, &after);
     EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 256 * 1024);

@@ -235,7 +235,7 @@ TEST_F(ClamdFarm, LocalServersGetDescriptorsOthersStreamsAndSCANLIMITHolds) {
     refusing.mode = FakeClamd::kRefuseFd;
     const std::string file = dir_.File("obj.bin"), needle = "Name:", object = "..Name:.....";
     std::ofstream(file) << object;
-    ParamList eight(a_.Config()->pOptParams, {{VS_P_SCANLIMIT, 8}});
+    const std::vector<Set> eight = {{VS_P_SCANLIMIT, 8}};
     for (FakeClamd* f : {&local, &refusing, &tcp}) {
         f->needle = needle;
         ASSERT_TRUE(f->Start());
@@ -247,7 +247,7 @@ TEST_F(ClamdFarm, LocalServersGetDescriptorsOthersStreamsAndSCANLIMITHolds) {
         EXPECT_EQ(-2, s.File("/proc/self/status")) << f->Address();
         const int before = f->scans;
         for (const std::string& big : {std::string(), file, std::string("/proc/self/status")}) {
-            EXPECT_EQ(14, big.empty() ? s.Bytes(ToBytes(object), "o", eight.Get()) : s.File(big, eight.Get()));
+            EXPECT_EQ(14, big.empty() ? s.Bytes(ToBytes(object), "o", eight) : s.File(big, eight));
             EXPECT_TRUE(s.ScanErrorHas("SCANLIMIT")) << big;
         }
         EXPECT_EQ(before, f->scans);  // nothing too large was answered
@@ -261,7 +261,7 @@ TEST_F(ClamdFarm, LocalServersGetDescriptorsOthersStreamsAndSCANLIMITHolds) {
 }
 
 TEST_F(ClamdFarm, RealClamdReadsFilesAndMemoryByDescriptor) {
-    Clamd daemon("1M");
+    Clamd daemon;
     std::string error;
     ASSERT_TRUE(daemon.Start(&error)) << error;
     // Beyond StreamMaxLength: only a descriptor gets the marker at the end to clamd.

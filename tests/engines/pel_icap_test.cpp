@@ -144,7 +144,7 @@ TEST_F(IcapAdapter, MapsEveryReplyToAVerdictAndNeverCleanOnAnError) {
         fake.Set(c.reply, c.delayMs);
         Scanner s(a_, in);
         Bytes data = ToBytes("hello");
-        EXPECT_EQ(c.rc, s.Bytes(data, "obj", nullptr, nullptr, VS_A_SCAN | (c.clean ? VS_A_CLEAN : 0)))
+        EXPECT_EQ(c.rc, s.Bytes(data, "obj", {}, nullptr, VS_A_SCAN | (c.clean ? VS_A_CLEAN : 0)))
             << c.what;
         EXPECT_TRUE(c.rc >= 0 || c.expect == Joined(s.Infections())) << c.what;
         EXPECT_TRUE(c.rc <= 0 || s.ScanErrorHas(c.expect)) << c.what;

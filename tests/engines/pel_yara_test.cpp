@@ -93,7 +93,7 @@ TEST_F(Yara, RulesOfEveryFileFindTheirObjectsAndCleanDataPasses) {
     Events stop;
     stop.stopAfterViruses = 1;
     PEL_CALLBACK cb = Recorder(&stop);
-    EXPECT_EQ(17, s.Bytes(ToBytes("PLAIN-MARK SUB-MARK"), "two", nullptr, &cb));
+    EXPECT_EQ(17, s.Bytes(ToBytes("PLAIN-MARK SUB-MARK"), "two", {}, &cb));
 }
 
 TEST_F(Yara, StartUpFailsWithTheReasonAndLimitsAreNeverClean) {
@@ -116,8 +116,7 @@ TEST_F(Yara, StartUpFailsWithTheReasonAndLimitsAreNeverClean) {
              {{VS_P_SCANLIMIT, 10}, std::string(99, 'x'), "big", "SCANLIMIT exceeded"},
              {{VS_P_SCANEXTRACT_TIME, 1}, "x", "slow", "timed out after 1 s"},
              {{VS_P_SCANLIMIT, 0}, std::string(1100000, 'a'), "many", "too many matches of string $a"}}) {
-        ParamList o(a_.Config()->pOptParams, {option});
-        EXPECT_EQ(14, s.Bytes(ToBytes(data), name, o.Get())) << name;
+        EXPECT_EQ(14, s.Bytes(ToBytes(data), name, {option})) << name;
         EXPECT_EQ(0u, s.Info()->uiClean) << name;
         EXPECT_TRUE(s.ScanErrorHas(text)) << text;
     }
