@@ -1,9 +1,10 @@
 // The ClamAV and clamd adapters through libkormomav, as applications use them:
-// the C interface, per-instance parameters, the default adapter found beside
-// the library, and a profile group whose first provider cannot work.
+// per-instance parameters, the default adapter found beside the library, and a
+// profile group whose first provider cannot work. (Verdicts through the
+// library with ClamAV: mavscan's tests; each adapter's own cases: the suites
+// beside this one.)
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -23,76 +24,13 @@ struct HandleGuard {
     }
 };
 
-// A summary record: without one the library asks the adapter for no results.
-MAV_SCANINFO Summary() {
-    return MAV_SCANINFO{32, 0, 0, 0, 0, 0, 0};
+MAV_RC ScanBytes(MAV_INST inst, const Bytes& data, const char* name = "o") {
+    MAV_SCANINFO si{32, 0, 0, 0, 0, 0, 0};
+    return MavScanBytes(inst, name, const_cast<unsigned char*>(data.data()), data.size(), 5, &si);
 }
 
-std::string AdapterError(MAV_HANDLE h) {
-    char buffer[4096];
-    KORMO_CHAR* text = buffer;
-    size_t length = sizeof buffer;
-    if (MavAdapterErrorText(h, &text, &length) != MAV_OK) return std::string();
-    return std::string(text, length);
-}
-
-std::string InfectionName(void* inst, uint32_t index) {
-    char name[512];
-    size_t length = sizeof name;
-    if (MavEnumInfections(inst, index, nullptr, nullptr, name, &length, nullptr, nullptr, nullptr,
-                          nullptr, nullptr) != MAV_OK) {
-        return "(none)";
-    }
-    return std::string(name, length);
-}
-
-std::string ScanErrorText(void* inst, uint32_t index) {
-    char text[1024];
-    size_t length = sizeof text;
-    if (MavEnumScanErrors(inst, index, nullptr, text, &length, nullptr, nullptr, nullptr) !=
-        MAV_OK) {
-        return "(none)";
-    }
-    return std::string(text, length);
-}
-
-bool Has(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
-MAV_RC ScanBytes(MAV_INST inst, const Bytes& data, MAV_SCANINFO* si, const char* name = "o") {
-    return MavScanBytes(inst, name, const_cast<unsigned char*>(data.data()), data.size(), 5, si);
-}
-
-// A dead server first is failed over; when the last server goes away the scan
-// fails with its address, never clean. (ClamAV through the library: mavscan's
-// tests.)
-TEST(MavClamd, ScansThroughTheCInterfaceAndNeverCleanWithoutAServer) {
-    TempDir dir;
-    Clamd own;
-    std::string error;
-    ASSERT_TRUE(own.Start(&error)) << error;
-    HandleGuard g;
-    ASSERT_EQ(MAV_OK, MavInit(KORMO_CLAMD_ADAPTER, &g.h));
-    const std::string servers = "unix:" + dir.File("dead.sock") + "," + own.TcpAddress();
-    EXPECT_EQ(MAV_OK, MavSetParameter(g.h, "INITSERVERS", VS_TYPE_CHAR, servers.c_str()));
-    MAV_INST inst = nullptr;
-    ASSERT_EQ(MAV_OK, MavCreateInstance(g.h, &inst)) << AdapterError(g.h);
-    MAV_SCANINFO si = Summary();
-    EXPECT_EQ(MAV_E_VIRUS_FOUND, ScanBytes(inst, ToBytes(Eicar()), &si));
-    EXPECT_EQ(1u, si.uiInfections);
-    EXPECT_EQ("Eicar-Test-Signature.UNOFFICIAL", InfectionName(inst, 0));
-    std::string hash1 = TestDb() + "/samples/hash1.bin", clean = TestDb() + "/samples/clean.txt";
-    EXPECT_EQ(MAV_E_VIRUS_FOUND, MavScanFile(inst, hash1.c_str(), 6, &si));
-    EXPECT_EQ("Kormo.Test.Hash.1.UNOFFICIAL", InfectionName(inst, 0));
-    EXPECT_EQ(MAV_OK, MavScanFile(inst, clean.c_str(), 7, &si));
-    EXPECT_EQ(1u, si.uiClean);
-    own.Stop();
-    EXPECT_EQ(MAV_E_SCAN_FAILED, ScanBytes(inst, ToBytes("fine\n"), &si));
-    EXPECT_TRUE(Has(ScanErrorText(inst, 0), own.TcpAddress())) << ScanErrorText(inst, 0);
-    EXPECT_EQ(MAV_OK, MavFreeInstance(&inst));
-}
-
+// A parameter set on one instance changes its scans only: one caller's limit
+// or policy never reaches another's.
 TEST(MavClamav, InstanceParametersChangeOnlyTheirOwnScans) {
     HandleGuard g;
     ASSERT_EQ(MAV_OK, MavInit(KORMO_CLAMAV_ADAPTER, &g.h));
@@ -100,15 +38,13 @@ TEST(MavClamav, InstanceParametersChangeOnlyTheirOwnScans) {
     MAV_INST limited = nullptr, plain = nullptr;
     ASSERT_EQ(MAV_OK, MavCreateInstance(g.h, &limited));
     ASSERT_EQ(MAV_OK, MavCreateInstance(g.h, &plain));
-    MAV_SCANINFO si = Summary();
     ASSERT_EQ(MAV_OK, MavSetParameter(limited, "SCANEXTRACT_DEPTH", VS_TYPE_INT, "2"));
     Bytes nested = NestedZip(ToBytes(Eicar()), 4), text = ToBytes("hello\n");
-    EXPECT_EQ(MAV_E_NOT_SCANNED, ScanBytes(limited, nested, &si));
-    EXPECT_TRUE(Has(ScanErrorText(limited, 0), "SCANEXTRACT_DEPTH"));
-    EXPECT_EQ(MAV_E_VIRUS_FOUND, ScanBytes(plain, nested, &si));
+    EXPECT_EQ(MAV_E_NOT_SCANNED, ScanBytes(limited, nested));
+    EXPECT_EQ(MAV_E_VIRUS_FOUND, ScanBytes(plain, nested));
     ASSERT_EQ(MAV_OK, MavSetParameter(plain, "BLOCKMIMETYPES", VS_TYPE_CHAR, "text/plain"));
-    EXPECT_EQ(MAV_E_BLOCKED_BY_POLICY, ScanBytes(plain, text, &si, "hello.txt"));
-    EXPECT_EQ(MAV_OK, ScanBytes(limited, text, &si, "hello.txt"));
+    EXPECT_EQ(MAV_E_BLOCKED_BY_POLICY, ScanBytes(plain, text, "hello.txt"));
+    EXPECT_EQ(MAV_OK, ScanBytes(limited, text, "hello.txt"));
     EXPECT_EQ(MAV_OK, MavFreeInstance(&limited));
     EXPECT_EQ(MAV_OK, MavFreeInstance(&plain));
 }
@@ -140,10 +76,8 @@ TEST(MavClamav, DefaultAdapterBesideTheLibraryServesAGroupWhoseFirstProviderIsDo
     MAV_INST pi = nullptr;
     ASSERT_EQ(MAV_OK, MavGetProfileInstance(nullptr, &pi));
     ASSERT_NE(nullptr, pi);
-    MAV_SCANINFO si = Summary();
-    EXPECT_EQ(MAV_E_VIRUS_FOUND, ScanBytes(pi, ToBytes(Eicar()), &si));
-    EXPECT_EQ("Eicar-Test-Signature.UNOFFICIAL", InfectionName(pi, 0));
-    EXPECT_EQ(MAV_OK, ScanBytes(pi, ToBytes("nothing here\n"), &si));
+    EXPECT_EQ(MAV_E_VIRUS_FOUND, ScanBytes(pi, ToBytes(Eicar())));
+    EXPECT_EQ(MAV_OK, ScanBytes(pi, ToBytes("nothing here\n")));
     EXPECT_EQ(MavGetHandleByName("UP", 2), MavGetHandle(pi));
     EXPECT_EQ(MAV_OK, MavFreeInstance(&pi));
     EXPECT_EQ(MAV_OK, MavStopRuntime());
