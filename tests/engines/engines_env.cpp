@@ -16,6 +16,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -39,18 +40,12 @@ void Put(Bytes& o, std::initializer_list<std::pair<uint32_t, int>> fields) {
             o.push_back(static_cast<unsigned char>(f.first >> 8 * i));
 }
 
+// Raw deflate data: zlib's stream without its 2-byte header and 4-byte check.
 Bytes Deflate(const Bytes& in) {
-    z_stream z{};
-    deflateInit2(&z, Z_BEST_SPEED, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY);
-    Bytes out(deflateBound(&z, in.size()));
-    z.next_in = const_cast<unsigned char*>(in.data());
-    z.avail_in = static_cast<uInt>(in.size());
-    z.next_out = out.data();
-    z.avail_out = static_cast<uInt>(out.size());
-    deflate(&z, Z_FINISH);
-    out.resize(z.total_out);
-    deflateEnd(&z);
-    return out;
+    uLongf n = compressBound(in.size());
+    Bytes out(n);
+    compress2(out.data(), &n, in.data(), in.size(), 1);
+    return Bytes(out.begin() + 2, out.begin() + static_cast<long>(n) - 4);
 }
 
 }  // namespace
@@ -287,42 +282,25 @@ std::string FakeServer::Address() const {
 
 // Parameter lists as the library hands them to an adapter: a copy of the
 // adapter's defaults with some values replaced.
-class ParamList {
-  public:
-    ParamList(const PEL_PARAMS* defaults, const std::vector<Set>& values);
-    void Put(const Set& value);
-    PEL_PARAMS* Get() { return &list_; }
-
-  private:
-    std::vector<PEL_PARAM> params_;
-    std::vector<std::string> texts_;  // reserved up front: stable c_str()
-    PEL_PARAMS list_{};
-};
-
-ParamList::ParamList(const PEL_PARAMS* defaults, const std::vector<Set>& values) {
-    if (defaults != nullptr && defaults->pParams != nullptr)
-        params_.assign(defaults->pParams, defaults->pParams + defaults->usNumParams);
-    texts_.reserve(64);
-    list_.usNumParams = static_cast<uint16_t>(params_.size());
-    list_.pParams = params_.empty() ? nullptr : params_.data();
-    for (const Set& v : values) Put(v);
-}
-
-void ParamList::Put(const Set& v) {
-    for (PEL_PARAM& p : params_) {
-        if (p.tCode != v.code) continue;
-        if (!v.isText) {
-            p.pvValue = reinterpret_cast<void*>(static_cast<uintptr_t>(v.number));
-            return;
+struct ParamList {
+    ParamList(const PEL_PARAMS* defaults, const std::vector<Set>& values)
+        : params(defaults->pParams, defaults->pParams + defaults->usNumParams), texts(values.size()) {
+        for (size_t i = 0; i < values.size(); ++i) {
+            auto p = std::find_if(params.begin(), params.end(),
+                                  [&](const PEL_PARAM& q) { return q.tCode == values[i].code; });
+            if (p == params.end()) std::abort();  // the adapter does not offer it: a broken test
+            texts[i] = values[i].text;
+            p->pvValue = values[i].isText ? static_cast<void*>(&texts[i][0])
+                                          : reinterpret_cast<void*>(static_cast<uintptr_t>(values[i].number));
+            if (values[i].isText) p->lLength = texts[i].size();
         }
-        if (texts_.size() == texts_.capacity()) std::abort();
-        texts_.push_back(v.text);
-        p.pvValue = const_cast<char*>(texts_.back().c_str());
-        p.lLength = v.text.size();
-        return;
+        list.usNumParams = static_cast<uint16_t>(params.size());
+        list.pParams = params.data();
     }
-    std::abort();  // the adapter does not offer it: a broken test
-}
+    std::vector<PEL_PARAM> params;
+    std::vector<std::string> texts;
+    PEL_PARAMS list{};
+};
 
 Adapter::Adapter(const std::string& path) {
     handle_ = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
@@ -355,7 +333,7 @@ Adapter::~Adapter() {
 
 int Adapter::Init(const std::vector<Set>& values, PEL_INIT** out) {
     ParamList init(config_->pInitParams, values);
-    int rc = init_(nullptr, init.Get(), out);
+    int rc = init_(nullptr, &init.list, out);
     if (*out != nullptr) opened_.push_back(*out);
     return rc;
 }
@@ -374,8 +352,9 @@ PEL_CALLBACK Recorder(Events* events, uint32_t mask) {
 int Scanner::Scan(PEL_SCANPARAM& p, const std::vector<Set>& options, PEL_CALLBACK* callback) {
     Release();
     p.struct_size = sizeof p;
+    if (options.empty()) return adapter_.Scan(init_, callback, &p, nullptr, &info_);
     ParamList list(adapter_.Config()->pOptParams, options);
-    return adapter_.Scan(init_, callback, &p, options.empty() ? nullptr : list.Get(), &info_);
+    return adapter_.Scan(init_, callback, &p, &list.list, &info_);
 }
 
 int Scanner::Bytes(const engines::Bytes& data, const std::string& name, const std::vector<Set>& options,
