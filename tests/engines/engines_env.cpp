@@ -100,8 +100,7 @@ VS_CALLRC Record(void* /*adapterData*/, uint32_t message, void* data, void* cont
     auto* e = static_cast<Events*>(context);
     if (message == VS_M_VIRUS) {
         e->viruses.push_back(static_cast<PEL_VIRUSINFO*>(data)->pszVirusName);
-        if (e->stopAfterViruses >= 0 && static_cast<int>(e->viruses.size()) >= e->stopAfterViruses)
-            return VS_CALLRC_STOP;
+        if (static_cast<int>(e->viruses.size()) == e->stopAfter) return VS_CALLRC_STOP;
     } else if (message == VS_M_NOTSCANNED) {
         e->notScanned.push_back(static_cast<PEL_SCANERROR*>(data)->pszErrorText);
     } else if (message == VS_M_ERROR) {
@@ -146,6 +145,12 @@ bool Contains(const std::vector<std::string>& v, const std::string& part) {
     for (const std::string& s : v)
         if (s.find(part) != std::string::npos) return true;
     return false;
+}
+
+std::string Joined(const std::vector<std::string>& v) {
+    std::string s;
+    for (const std::string& x : v) s += (s.empty() ? "" : ",") + x;
+    return s;
 }
 
 TempDir::TempDir() {
@@ -345,9 +350,8 @@ void Adapter::End(PEL_INIT** in) {
     if (*in != nullptr && end_(in, &none) != 0) ADD_FAILURE() << "PelEnd failed";
 }
 
-PEL_CALLBACK Recorder(Events* events, uint32_t mask) {
-    return PEL_CALLBACK{sizeof(PEL_CALLBACK), Record, mask, 0, events, nullptr, nullptr, nullptr};
-}
+Events::Events(int stopAfterViruses)
+    : stopAfter(stopAfterViruses), cb{sizeof(PEL_CALLBACK), Record, VS_M_ALL, 0, this, nullptr, nullptr, nullptr} {}
 
 int Scanner::Scan(PEL_SCANPARAM& p, const std::vector<Set>& options, PEL_CALLBACK* callback) {
     Release();

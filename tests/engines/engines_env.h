@@ -29,8 +29,9 @@ std::string Eicar();
 // The marker string of the database's "Kormo.Test.Marker" signature.
 std::string Marker();
 Bytes ToBytes(const std::string& s);
-// True when one of v contains part.
+// True when one of v contains part; v joined with commas.
 bool Contains(const std::vector<std::string>& v, const std::string& part);
+std::string Joined(const std::vector<std::string>& v);
 
 // A ZIP archive of (name, content) members, stored or deflated; NestedZip wraps
 // content in `levels` deflated archives, so nothing of it shows outside.
@@ -137,17 +138,16 @@ class Adapter {
     std::string error_;
 };
 
-// What the event callback saw during a scan.
+// What the event callback cb saw during a scan: virus names (VS_M_VIRUS),
+// "not scanned" and error texts, clean objects; it answers stop at the
+// stopAfterViruses-th virus.
 struct Events {
-    std::vector<std::string> viruses;     // VS_M_VIRUS virus names
-    std::vector<std::string> notScanned;  // VS_M_NOTSCANNED error texts
-    std::vector<std::string> errors;      // VS_M_ERROR texts
-    int clean = 0;
-    int stopAfterViruses = -1;  // answer stop at this VS_M_VIRUS count
+    explicit Events(int stopAfterViruses = -1);
+    Events(const Events&) = delete;
+    std::vector<std::string> viruses, notScanned, errors;
+    int clean = 0, stopAfter;
+    PEL_CALLBACK cb;
 };
-
-// A PEL_CALLBACK that records into events.
-PEL_CALLBACK Recorder(Events* events, uint32_t mask = VS_M_ALL);
 
 // PelScan of a memory object or a file, results kept until the next scan.
 class Scanner {

@@ -82,12 +82,6 @@ std::string Found(int type, int resolution, const std::string& threat) {
            std::to_string(resolution) + "; Threat=" + threat + ";\r\n";
 }
 
-std::string Joined(const std::vector<std::string>& v) {
-    std::string s;
-    for (const std::string& x : v) s += (s.empty() ? "" : ",") + x;
-    return s;
-}
-
 class IcapAdapter : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_TRUE(a_.Loaded()) << a_.Error(); }

@@ -53,11 +53,6 @@ class Yara : public ::testing::Test {
         error_ = *in != nullptr && (*in)->pszErrorText != nullptr ? (*in)->pszErrorText : "";
         return rc;
     }
-    static std::string Joined(const std::vector<std::string>& v) {
-        std::string s;
-        for (const std::string& x : v) s += (s.empty() ? "" : ",") + x;
-        return s;
-    }
     Adapter a_{KORMO_YARA_ADAPTER};
     std::string error_;
 };
@@ -90,10 +85,8 @@ TEST_F(Yara, RulesOfEveryFileFindTheirObjectsAndCleanDataPasses) {
     pthread_setname_np(pthread_self(), old);
     ASSERT_EQ(0, mkfifo(rules.File("fifo").c_str(), 0600));
     EXPECT_EQ(13, s.File(rules.File("fifo")));
-    Events stop;
-    stop.stopAfterViruses = 1;
-    PEL_CALLBACK cb = Recorder(&stop);
-    EXPECT_EQ(17, s.Bytes(ToBytes("PLAIN-MARK SUB-MARK"), "two", {}, &cb));
+    Events stop(1);
+    EXPECT_EQ(17, s.Bytes(ToBytes("PLAIN-MARK SUB-MARK"), "two", {}, &stop.cb));
 }
 
 TEST_F(Yara, StartUpFailsWithTheReasonAndLimitsAreNeverClean) {
