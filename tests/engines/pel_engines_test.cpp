@@ -319,18 +319,27 @@ TEST_F(Clamav, UnusableTemporaryDirectoryIsAScanError) {
 
 // ---- clamd: server limits and server lists ---------------------------------------
 
-TEST_F(ClamdPel, ServerLimitsAreNotScannedAndTheSessionGoesOn) {
-    a_->End(&in_);
-    ASSERT_EQ(0, Open(Daemon().TcpAddress(), &in_));  // INSTREAM: StreamMaxLength applies
-    Scanner s(*a_, in_);
-    EXPECT_EQ(14, s.Bytes(Bytes(2 * 1024 * 1024, 'Z'), "big"));
+// Over TCP (INSTREAM) clamd's StreamMaxLength and MaxRecursion are "not
+// scanned" and the session goes on; a local server gets a descriptor and
+// reads past StreamMaxLength.
+TEST_F(ClamdPel, ServerLimitsAreNotScannedAndDescriptorsPassThem) {
+    PEL_INIT* tcp = nullptr;
+    ASSERT_EQ(0, Open(Daemon().TcpAddress(), &tcp));
+    TempDir d;
+    const std::string big = std::string(2 << 20, 'Z') + Marker(), file = d.File("big.bin");
+    std::ofstream(file) << big;
+    Scanner s(*a_, tcp), local(*a_, in_);
+    EXPECT_EQ(14, s.Bytes(ToBytes(big), "big"));
     EXPECT_TRUE(s.ScanErrorHas("StreamMaxLength"));
-    EXPECT_EQ(0u, s.Info()->uiClean);
+    EXPECT_EQ(0u, s.Info()->uiClean + s.Info()->uiInfections);
     EXPECT_EQ(1u, s.Info()->uiNotScanned);
+    EXPECT_EQ(14, s.File(file));
     EXPECT_EQ(-2, s.Bytes(NestedZip(ToBytes(Eicar()), 2), "two.zip"));
     EXPECT_EQ(14, s.Bytes(NestedZip(ToBytes(Eicar()), 5), "five.zip"));
     EXPECT_EQ(0u, s.Info()->uiInfections);
     EXPECT_TRUE(s.ScanErrorHas("MaxRecursion"));
+    EXPECT_EQ(-2, local.Bytes(ToBytes(big), "big"));
+    EXPECT_EQ(-2, local.File(file));
     PEL_INIT* bad = nullptr;
     for (const std::string& servers : {std::string("localhost"), std::string(" , "),
                                        "unix:/" + std::string(107, 'p')})  // no room for the NUL
