@@ -160,41 +160,38 @@ TEST_F(ClamdFarm, SpreadsInstancesOverServersOrKeepsTheOrder) {
     }
 }
 
+// A server killed while four instances scan: the other takes every object,
+// none is lost or misjudged. With both down a scan is an error, never clean,
+// and a server back is used again after a short back-off, long before
+// INITRECONNECTTIME (60 s).
 TEST_F(ClamdFarm, ServerKilledMidRunLosesNoObjectAndNoneIsCleanByMistake) {
     FakeClamd a(Sock("a")), b;
     a.delayMs = b.delayMs = 2;
     ASSERT_TRUE(a.Start() && b.Start());
     const int kThreads = 4, kObjects = 60;
     std::atomic<int> errors{0}, wrong{0};
-    std::vector<PEL_INIT*> ins;
-    for (int t = 0; t < kThreads; ++t) ins.push_back(Open(a.Address() + "," + b.Address(), "spread", 1));
-    auto run = [&] {
-        std::vector<std::thread> threads;
-        for (int t = 0; t < kThreads; ++t)
-            threads.emplace_back([&, t] {
-                Scanner s(a_, ins[t]);
-                for (int k = 0; k < kObjects; ++k) {
-                    int rc = s.Bytes(ToBytes(k % 2 ? "fine" : "xINFECTEDx"), "o");
-                    if (rc != (k % 2 ? 0 : -2)) (rc == 13 ? errors : wrong)++;
-                }
-            });
-        return threads;
-    };
-    std::vector<std::thread> threads = run();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, in = Open(a.Address() + "," + b.Address(), "spread", 60)] {
+            Scanner s(a_, in);
+            for (int k = 0; k < kObjects; ++k) {
+                int rc = s.Bytes(ToBytes(k % 2 ? "fine" : "xINFECTEDx"), "o");
+                if (rc != (k % 2 ? 0 : -2)) (rc == 13 ? errors : wrong)++;
+            }
+        });
+    }
     while (a.scans + b.scans < kThreads * kObjects / 3)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     a.Stop();
     for (std::thread& t : threads) t.join();
     EXPECT_EQ(0, wrong);
-    EXPECT_EQ(0, errors);  // the other server took every object of the failed one
-    // Back after INITRECONNECTTIME: the instances spread onto it again.
+    EXPECT_EQ(0, errors);
+    Scanner s(a_, Open(a.Address() + "," + b.Address(), "spread", 60));
+    b.Stop();
+    EXPECT_EQ(13, s.Bytes(ToBytes("fine"), "o"));
     ASSERT_TRUE(a.Start());
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
-    int before = a.scans;
-    threads = run();
-    for (std::thread& t : threads) t.join();
-    EXPECT_GT(a.scans - before, kThreads * kObjects / 4);
-    EXPECT_EQ(0, wrong);
+    EXPECT_EQ(-2, s.Bytes(ToBytes("INFECTED"), "o"));
 }
 
 TEST_F(ClamdFarm, FailingRepliesGoToAnotherServerOrEndAsErrorsWithTheirText) {
@@ -215,16 +212,6 @@ TEST_F(ClamdFarm, FailingRepliesGoToAnotherServerOrEndAsErrorsWithTheirText) {
     }
 }
 
-TEST_F(ClamdFarm, AllServersDownRetriesAfterAShortBackoff) {
-    FakeClamd a(Sock("a"));
-    ASSERT_TRUE(a.Start());
-    Scanner s(a_, Open(a.Address(), "spread", 60));
-    a.Stop();
-    EXPECT_EQ(13, s.Bytes(ToBytes("fine"), "o"));
-    ASSERT_TRUE(a.Start());
-    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
-    EXPECT_EQ(-2, s.Bytes(ToBytes("INFECTED"), "o"));  // long before the 60 s
-}
 
 // Local servers get descriptors, others (and one that refuses them) streams;
 // a size is read, not believed (/proc/self/status holds the needle, its size
