@@ -22,13 +22,10 @@ using namespace engines;
 
 namespace {
 
-Adapter& ClamavAdapter() {
-    static Adapter a(KORMO_CLAMAV_ADAPTER);
-    return a;
-}
-Adapter& ClamdAdapter() {
-    static Adapter a(KORMO_CLAMD_ADAPTER);
-    return a;
+// The adapters, started once for all tests of a process.
+Adapter& AdapterOf(bool clamd) {
+    static Adapter clamav(KORMO_CLAMAV_ADAPTER), clamdPel(KORMO_CLAMD_ADAPTER);
+    return clamd ? clamdPel : clamav;
 }
 // The clamd adapter's server, started by the first test that needs it.
 Clamd& Daemon() {
@@ -44,7 +41,7 @@ class EngineTest : public ::testing::Test {
   protected:
     explicit EngineTest(bool clamd) : clamd_(clamd) {}
     void SetUp() override {
-        a_ = clamd_ ? &ClamdAdapter() : &ClamavAdapter();
+        a_ = &AdapterOf(clamd_);
         ASSERT_TRUE(a_->Loaded()) << a_->Error();
         ASSERT_EQ(0, Open(clamd_ ? Daemon().UnixAddress() : TestDb(), &in_));
     }
@@ -210,7 +207,6 @@ TEST_F(Clamav, LimitsPolicyAndHostileObjectsAreNeverClean) {
         {"marker past SCANLIMIT", tail, {{VS_P_SCANLIMIT, 1 << 20}}, 14, "SCANLIMIT"},
         {"at SCANLIMIT", atLimit, {{VS_P_SCANLIMIT, 1 << 20}}, 0, ""},
         {"over SCANLIMIT", overLimit, {{VS_P_SCANLIMIT, 1 << 20}}, 14, "SCANLIMIT"},
-        {"zip within SCANLIMIT", tailZip, {{VS_P_SCANLIMIT, 4 << 20}}, -2, ""},
         {"zip member over SCANLIMIT", tailZip,
          {{VS_P_SCANLIMIT, 1 << 20}, {VS_P_SCANEXTRACT_SIZE, 64 << 20}}, 14, "SCANLIMIT"},
         {"SCANEXTRACT_SIZE", Zip({{"a.txt", Bytes(1 << 20, 'C')}, {"b.txt", tail}}, true),
@@ -219,7 +215,6 @@ TEST_F(Clamav, LimitsPolicyAndHostileObjectsAreNeverClean) {
         {"no time limit", slow, {}, -2, ""},
         {"mime list", text, {{VS_P_BLOCKMIMETYPES, "application/pdf, TEXT/*"}}, -6, "", "notes"},
         {"mime exact", text, {{VS_P_BLOCKMIMETYPES, "text/plain"}}, -6, "", "notes"},
-        {"mime other", text, {{VS_P_BLOCKMIMETYPES, "application/pdf"}}, 0, "", "notes"},
         {"mime prefix", text, {{VS_P_BLOCKMIMETYPES, "tex/*"}}, 0, "", "notes"},
         {"mime cut", text, {{VS_P_BLOCKMIMETYPES, "text/plai"}}, 0, "", "notes"},
         {"extension", text, {{VS_P_BLOCKEXTENSIONS, ".EXE,scr"}}, -6, "", "invoice.exe"},
@@ -233,8 +228,6 @@ TEST_F(Clamav, LimitsPolicyAndHostileObjectsAreNeverClean) {
         {"rtf, embedded on", RtfWithObject(Eicar()), {}, -2, ""},
         {"rtf without object", ToBytes("{\\rtf1 plain}"), embeddedOff, 14, "CL_TYPE_RTF"},
         {"zip in binary data", binary, embeddedOff, 14, "SCANALLEMBEDDED"},
-        {"html with a script", ToBytes("<html><script>document.write(1);</script></html>"),
-         embeddedOff, 0, ""},
         {"zip, cut directory", Damaged(zip, true), {}, 14, "could be opened"},
         {"deflated zip, cut directory",
          Damaged(Zip({{"e.com", ToBytes(Eicar() + std::string(200, '\n'))}}, true), true), {}, 14,

@@ -33,11 +33,7 @@ struct Peer {
         char data[65536];
         alignas(cmsghdr) char ctl[CMSG_SPACE(sizeof(int))];
         iovec iov{data, sizeof data};
-        msghdr m{};
-        m.msg_iov = &iov;
-        m.msg_iovlen = 1;
-        m.msg_control = ctl;
-        m.msg_controllen = sizeof ctl;
+        msghdr m{nullptr, 0, &iov, 1, ctl, sizeof ctl, 0};
         ssize_t n = recvmsg(fd, &m, MSG_CMSG_CLOEXEC);
         if (n <= 0) return false;
         cmsghdr* c = CMSG_FIRSTHDR(&m);  // the adapter passes one descriptor at a time
