@@ -53,12 +53,14 @@ TEST(MavClamav, InstanceParametersChangeOnlyTheirOwnScans) {
 // and gets the default adapter found beside the library (ClamAV).
 TEST(MavClamav, DefaultAdapterBesideTheLibraryServesAGroupWhoseFirstProviderIsDown) {
     unsetenv("PEL_LIB");
-    HandleGuard g;
-    ASSERT_EQ(MAV_OK, MavInit(nullptr, &g.h));
-    char name[64];
-    size_t nameLength = sizeof name;
-    ASSERT_EQ(MAV_OK, MavGetPelInfo(g.h, nullptr, nullptr, nullptr, name, &nameLength, nullptr, nullptr));
-    EXPECT_STREQ("clamav", name);
+    {
+        HandleGuard g;
+        ASSERT_EQ(MAV_OK, MavInit(nullptr, &g.h));
+        char name[64];
+        size_t nameLength = sizeof name;
+        ASSERT_EQ(MAV_OK, MavGetPelInfo(g.h, nullptr, nullptr, nullptr, name, &nameLength, nullptr, nullptr));
+        EXPECT_STREQ("clamav", name);
+    }
     TempDir dir;
     std::string cfg = "mav.defaults.profile=P\nmav.profile.P=P\nmav.profile.P.Active=true\n"
                       "mav.profile.P.ProfileSteps.0=0\nmav.profile.P.ProfileSteps.0.ProfileEntryType=0\n"
