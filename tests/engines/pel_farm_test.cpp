@@ -108,6 +108,10 @@ void FakeClamd::Serve(int fd) {
             close(f);
             ++byFd;
         } else {
+            // A refused FILDES is answered once its descriptor is in: the
+            // adapter reads a refusal that comes before it has sent one as a
+            // failed server (a race of its own, not what this fake checks).
+            if (cmd == "zFILDES") p.Take(1, &head);
             p.Reply(n + "UNKNOWN COMMAND");
             return;
         }
