@@ -105,9 +105,12 @@ inline Bytes Zip(const std::vector<std::pair<std::string, Bytes>>& members, bool
             Put(o, {{isCentral ? 0x02014b50u : 0x04034b50u, 4}});
             if (isCentral) Put(o, {{20, 2}});  // made by
             // needed, flags, method, time, date, crc, sizes, name length, extra
+            // clang-format off
             Put(o, {{10, 2}, {0, 2}, {deflated ? 8u : 0u, 2}, {0, 2}, {0x21, 2}, {crc, 4},
-                    {static_cast<uint32_t>(data.size()), 4}, {static_cast<uint32_t>(m.second.size()), 4},
+                    {static_cast<uint32_t>(data.size()), 4},
+                    {static_cast<uint32_t>(m.second.size()), 4},
                     {static_cast<uint32_t>(m.first.size()), 2}, {0, 2}});
+            // clang-format on
             // comment, disk, attributes, offset
             if (isCentral) Put(o, {{0, 2}, {0, 2}, {0, 2}, {0, 4}, {offset, 4}});
             o.insert(o.end(), m.first.begin(), m.first.end());
@@ -119,8 +122,10 @@ inline Bytes Zip(const std::vector<std::pair<std::string, Bytes>>& members, bool
     uint32_t centralOffset = static_cast<uint32_t>(out.size());
     uint32_t n = static_cast<uint32_t>(members.size());
     out.insert(out.end(), central.begin(), central.end());
+    // clang-format off
     Put(out, {{0x06054b50u, 4}, {0, 2}, {0, 2}, {n, 2}, {n, 2},
               {static_cast<uint32_t>(central.size()), 4}, {centralOffset, 4}, {0, 2}});
+    // clang-format on
     return out;
 }
 
@@ -138,7 +143,8 @@ inline Bytes NestedZip(const Bytes& content, int levels) {
 class TempDir {
   public:
     TempDir() {
-        std::string tmpl = (std::filesystem::temp_directory_path() / "kormo-engines-XXXXXX").string();
+        std::string tmpl =
+            (std::filesystem::temp_directory_path() / "kormo-engines-XXXXXX").string();
         if (mkdtemp(&tmpl[0]) != nullptr) path_ = tmpl;
     }
     ~TempDir() {
@@ -333,14 +339,16 @@ struct Set {
 // adapter's defaults with some values replaced.
 struct ParamList {
     ParamList(const PEL_PARAMS* defaults, const std::vector<Set>& values)
-        : params(defaults->pParams, defaults->pParams + defaults->usNumParams), texts(values.size()) {
+        : params(defaults->pParams, defaults->pParams + defaults->usNumParams),
+          texts(values.size()) {
         for (size_t i = 0; i < values.size(); ++i) {
             auto p = std::find_if(params.begin(), params.end(),
                                   [&](const PEL_PARAM& q) { return q.tCode == values[i].code; });
             if (p == params.end()) std::abort();  // the adapter does not offer it: a broken test
             texts[i] = values[i].text;
-            p->pvValue = values[i].isText ? static_cast<void*>(&texts[i][0])
-                                          : reinterpret_cast<void*>(static_cast<uintptr_t>(values[i].number));
+            p->pvValue = values[i].isText
+                             ? static_cast<void*>(&texts[i][0])
+                             : reinterpret_cast<void*>(static_cast<uintptr_t>(values[i].number));
             if (values[i].isText) p->lLength = texts[i].size();
         }
         list.usNumParams = static_cast<uint16_t>(params.size());
@@ -355,7 +363,8 @@ struct ParamList {
 // its configuration read; cleaned up and closed at the end.
 class Adapter {
   public:
-    explicit Adapter(const std::string& path) : handle_(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) {
+    explicit Adapter(const std::string& path)
+        : handle_(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) {
         if (handle_ == nullptr) {
             const char* e = dlerror();
             error_ = e != nullptr ? e : "dlopen failed";
@@ -417,7 +426,8 @@ class Adapter {
 // stopAfterViruses-th virus.
 struct Events {
     explicit Events(int stopAfterViruses = -1)
-        : stopAfter(stopAfterViruses), cb{sizeof(PEL_CALLBACK), Record, VS_M_ALL, 0, this, nullptr, nullptr, nullptr} {}
+        : stopAfter(stopAfterViruses),
+          cb{sizeof(PEL_CALLBACK), Record, VS_M_ALL, 0, this, nullptr, nullptr, nullptr} {}
     Events(const Events&) = delete;
     static VS_CALLRC Record(void* /*adapterData*/, uint32_t message, void* data, void* context) {
         auto* e = static_cast<Events*>(context);
@@ -444,13 +454,16 @@ class Scanner {
   public:
     Scanner(Adapter& adapter, PEL_INIT* init) : adapter_(adapter), init_(init) {}
     ~Scanner() { Release(); }
-    int Bytes(const engines::Bytes& data, const std::string& name, const std::vector<Set>& options = {},
-              PEL_CALLBACK* callback = nullptr, uint32_t action = VS_A_SCAN) {
-        PEL_SCANPARAM p{0, VS_SC_BYTES, action, name.c_str(), const_cast<unsigned char*>(data.data()),
-                        data.size(), 7, 0};
+    int Bytes(const engines::Bytes& data, const std::string& name,
+              const std::vector<Set>& options = {}, PEL_CALLBACK* callback = nullptr,
+              uint32_t action = VS_A_SCAN) {
+        PEL_SCANPARAM p{
+            0,           VS_SC_BYTES, action, name.c_str(), const_cast<unsigned char*>(data.data()),
+            data.size(), 7,           0};
         return Scan(p, options, callback);
     }
-    int File(const std::string& path, const std::vector<Set>& options = {}, PEL_CALLBACK* callback = nullptr) {
+    int File(const std::string& path, const std::vector<Set>& options = {},
+             PEL_CALLBACK* callback = nullptr) {
         PEL_SCANPARAM p{0, VS_SC_FILE, VS_A_SCAN, path.c_str(), nullptr, path.size(), 8, 0};
         return Scan(p, options, callback);
     }

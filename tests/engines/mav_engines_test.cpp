@@ -56,12 +56,14 @@ TEST(MavClamav, InstanceParametersChangeOnlyTheirOwnScans) {
 TEST(MavClamav, DefaultAdapterBesideTheLibraryServesAGroupWhoseFirstProviderIsDown) {
     unsetenv("PEL_LIB");
     TempDir dir;
-    std::string cfg = "mav.defaults.profile=P\nmav.profile.P=P\nmav.profile.P.Active=true\n"
-                      "mav.profile.P.ProfileSteps.0=0\nmav.profile.P.ProfileSteps.0.ProfileEntryType=0\n"
-                      "mav.profile.P.ProfileSteps.0.ProfileEntryValue=G\nmav.group.G=G\n";
-    auto provider = [&cfg](const std::string& name, const std::string& path, const std::string& param,
-                           const std::string& value) {
-        const std::string p = "mav.provider.Pelmark.Adapters." + name, q = p + ".Parameters." + param;
+    std::string cfg =
+        "mav.defaults.profile=P\nmav.profile.P=P\nmav.profile.P.Active=true\n"
+        "mav.profile.P.ProfileSteps.0=0\nmav.profile.P.ProfileSteps.0.ProfileEntryType=0\n"
+        "mav.profile.P.ProfileSteps.0.ProfileEntryValue=G\nmav.group.G=G\n";
+    auto provider = [&cfg](const std::string& name, const std::string& path,
+                           const std::string& param, const std::string& value) {
+        const std::string p = "mav.provider.Pelmark.Adapters." + name,
+                          q = p + ".Parameters." + param;
         cfg += p + "=" + name + "\n" + p + ".AdapterPath=" + path + "\n" + p + ".Group=G\n" + p +
                ".Active=true\n" + p + ".PoolMaxInstances=2\n" + q + "=" + param + "\n" + q +
                ".Type=CHAR\n" + q + ".Value=" + value + "\n";
@@ -77,7 +79,8 @@ TEST(MavClamav, DefaultAdapterBesideTheLibraryServesAGroupWhoseFirstProviderIsDo
     EXPECT_EQ(MavGetHandleByName("UP", 2), MavGetHandle(pi));
     char name[64];
     size_t length = sizeof name;
-    ASSERT_EQ(MAV_OK, MavGetPelInfo(MavGetHandle(pi), nullptr, nullptr, nullptr, name, &length, nullptr, nullptr));
+    ASSERT_EQ(MAV_OK, MavGetPelInfo(MavGetHandle(pi), nullptr, nullptr, nullptr, name, &length,
+                                    nullptr, nullptr));
     EXPECT_STREQ("clamav", name);
     EXPECT_EQ(MAV_OK, MavFreeInstance(&pi));
     EXPECT_EQ(MAV_OK, MavStopRuntime());

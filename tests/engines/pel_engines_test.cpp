@@ -87,8 +87,9 @@ TEST_P(PelEngine, FindsReportsAndStopsWhereTheHandlerSays) {
 // that cannot start: it says why and its instance never scans clean.
 TEST_P(PelEngine, RefusesBadRequestsAndNeverClaimsCleanOrCleaning) {
     std::string eicar = Eicar();
-    PEL_SCANPARAM p{sizeof p, VS_SC_BYTES, VS_A_SCAN, "o",
-                    reinterpret_cast<unsigned char*>(&eicar[0]), eicar.size(), 0, 0};
+    PEL_SCANPARAM p{
+        sizeof p,     VS_SC_BYTES, VS_A_SCAN, "o", reinterpret_cast<unsigned char*>(&eicar[0]),
+        eicar.size(), 0,           0};
     EXPECT_EQ(-2, a_->Scan(in_, nullptr, &p, nullptr, nullptr));  // no result record
     PEL_SCANINFO* info = nullptr;
     p.tScanCode = 3;
@@ -120,7 +121,8 @@ TEST_P(PelEngine, RefusesBadRequestsAndNeverClaimsCleanOrCleaning) {
     // A database directory without signatures; servers that do not answer.
     const std::string tcp = "127.0.0.1:" + std::to_string(FreePort());
     PEL_INIT* in = nullptr;
-    EXPECT_EQ(clamd_ ? 7 : 9, Open(clamd_ ? "unix:" + d.File("none.sock") + "," + tcp : d.Path(), &in));
+    EXPECT_EQ(clamd_ ? 7 : 9,
+              Open(clamd_ ? "unix:" + d.File("none.sock") + "," + tcp : d.Path(), &in));
     ASSERT_NE(nullptr, in);
     std::string text = in->pszErrorText != nullptr ? in->pszErrorText : "";
     EXPECT_NE(std::string::npos, text.find(clamd_ ? tcp : "freshclam")) << text;
@@ -129,7 +131,9 @@ TEST_P(PelEngine, RefusesBadRequestsAndNeverClaimsCleanOrCleaning) {
 }
 
 INSTANTIATE_TEST_SUITE_P(, PelEngine, ::testing::Bool(),
-                         [](const ::testing::TestParamInfo<bool>& i) { return i.param ? "clamd" : "clamav"; });
+                         [](const ::testing::TestParamInfo<bool>& i) {
+                             return i.param ? "clamd" : "clamav";
+                         });
 
 class Clamav : public EngineTest {
   protected:
@@ -184,12 +188,15 @@ Bytes Damaged(Bytes zip, bool cut) {
 // while a second thread scans the rows backwards on the same instance: no
 // scan's options reach another's.
 TEST_F(Clamav, LimitsPolicyAndHostileObjectsAreNeverClean) {
-    const Bytes eicar = ToBytes(Eicar()), marker = ToBytes(Marker()), text = ToBytes("some words\n");
+    const Bytes eicar = ToBytes(Eicar()), marker = ToBytes(Marker()),
+                text = ToBytes("some words\n");
     const Bytes zip = Zip({{"eicar.com", eicar}}), nested = NestedZip(ToBytes("x " + Marker()), 4);
-    Bytes tail(2 * 1024 * 1024, 'B'), binary = ToBytes(std::string("\x7f\x01\x02\x03 binary\x00\xff", 14));
+    Bytes tail(2 * 1024 * 1024, 'B'),
+        binary = ToBytes(std::string("\x7f\x01\x02\x03 binary\x00\xff", 14));
     tail.insert(tail.end(), marker.begin(), marker.end());
     binary.insert(binary.end(), zip.begin(), zip.end());
-    const Bytes tailZip = Zip({{"tail.txt", tail}}, true), atLimit(1 << 20, 'A'), overLimit((1 << 20) + 1, 'A');
+    const Bytes tailZip = Zip({{"tail.txt", tail}}, true), atLimit(1 << 20, 'A'),
+                overLimit((1 << 20) + 1, 'A');
     const Bytes slow = Zip({{"a.txt", Bytes(16 << 20, 'D')}, {"b.txt", tail}}, true);
     const std::vector<Set> embeddedOff = {{VS_P_SCANALLEMBEDDED, 0}};
     const struct {
@@ -200,11 +207,13 @@ TEST_F(Clamav, LimitsPolicyAndHostileObjectsAreNeverClean) {
         const char* error;  // part of the scan error and of the "not scanned" event
         const char* name = "object";
     } cases[] = {
+        // clang-format off
         {"nested", nested, {}, -2, ""},
         {"nested, depth 2", nested, {{VS_P_SCANEXTRACT_DEPTH, 2}}, 14, "SCANEXTRACT_DEPTH"},
         {"nested, defaults again", nested, {}, -2, ""},
         {"every limit off", nested, {{VS_P_SCANLIMIT, 0}, {VS_P_SCANEXTRACT_SIZE, 0},
-                                     {VS_P_SCANEXTRACT_TIME, 0}, {VS_P_SCANEXTRACT_DEPTH, 0}}, -2, ""},
+                                     {VS_P_SCANEXTRACT_TIME, 0}, {VS_P_SCANEXTRACT_DEPTH, 0}},
+         -2, ""},
         {"marker past SCANLIMIT", tail, {{VS_P_SCANLIMIT, 1 << 20}}, 14, "SCANLIMIT"},
         {"at SCANLIMIT", atLimit, {{VS_P_SCANLIMIT, 1 << 20}}, 0, ""},
         {"over SCANLIMIT", overLimit, {{VS_P_SCANLIMIT, 1 << 20}}, 14, "SCANLIMIT"},
@@ -219,7 +228,8 @@ TEST_F(Clamav, LimitsPolicyAndHostileObjectsAreNeverClean) {
         {"mime prefix", text, {{VS_P_BLOCKMIMETYPES, "tex/*"}}, 0, "", "notes"},
         {"mime cut", text, {{VS_P_BLOCKMIMETYPES, "text/plai"}}, 0, "", "notes"},
         {"extension", text, {{VS_P_BLOCKEXTENSIONS, ".EXE,scr"}}, -6, "", "invoice.exe"},
-        {"extension in a path", text, {{VS_P_BLOCKEXTENSIONS, ".EXE,scr"}}, -6, "", "dir.x/screen.SCR"},
+        {"extension in a path", text, {{VS_P_BLOCKEXTENSIONS, ".EXE,scr"}}, -6, "",
+         "dir.x/screen.SCR"},
         {"extension other", text, {{VS_P_BLOCKEXTENSIONS, ".EXE,scr"}}, 0, "", "invoice.txt"},
         {"extension by content", zip, {{VS_P_BLOCKEXTENSIONS, "zip"}}, -6, "", "harmless.txt"},
         {"zip, embedded off", zip, embeddedOff, 14, ""},
@@ -233,8 +243,11 @@ TEST_F(Clamav, LimitsPolicyAndHostileObjectsAreNeverClean) {
         {"deflated zip, cut directory",
          Damaged(Zip({{"e.com", ToBytes(Eicar() + std::string(200, '\n'))}}, true), true), {}, 14,
          "could be opened"},
-        {"encrypted, level 0", Damaged(zip, false), {{VS_P_SCANHEURISTICLEVEL, 0}}, 14, "encrypted"},
-        {"encrypted, level 3", Damaged(zip, false), {{VS_P_SCANHEURISTICLEVEL, 3}}, 14, "encrypted"},
+        {"encrypted, level 0", Damaged(zip, false), {{VS_P_SCANHEURISTICLEVEL, 0}}, 14,
+         "encrypted"},
+        {"encrypted, level 3", Damaged(zip, false), {{VS_P_SCANHEURISTICLEVEL, 3}}, 14,
+         "encrypted"},
+        // clang-format on
     };
     auto pass = [&](bool reverse) {
         Scanner s(*a_, in_);
@@ -244,7 +257,8 @@ TEST_F(Clamav, LimitsPolicyAndHostileObjectsAreNeverClean) {
             EXPECT_EQ(c.rc, s.Bytes(c.data, c.name, c.options, &ev.cb)) << c.what;
             EXPECT_EQ(c.rc == 0 ? 1u : 0u, s.Info()->uiClean) << c.what;
             EXPECT_EQ(c.rc == 14 || c.rc == -6 ? 1u : 0u, s.Info()->uiNotScanned) << c.what;
-            EXPECT_TRUE(*c.error == '\0' || (s.ScanErrorHas(c.error) && Contains(ev.notScanned, c.error)))
+            EXPECT_TRUE(*c.error == '\0' ||
+                        (s.ScanErrorHas(c.error) && Contains(ev.notScanned, c.error)))
                 << c.what;
         }
     };
@@ -263,7 +277,8 @@ TEST_F(Clamav, ObjectsWithoutATrueSizeAreReadToTheirEndOrRefused) {
     int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);  // keeps what is written
     int writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
     ASSERT_GE(writer, 0);
-    ASSERT_EQ(static_cast<ssize_t>(Marker().size()), write(writer, Marker().data(), Marker().size()));
+    ASSERT_EQ(static_cast<ssize_t>(Marker().size()),
+              write(writer, Marker().data(), Marker().size()));
     close(writer);
     Scanner s(*a_, in_);
     EXPECT_EQ(-2, s.File(fifo));  // every byte read although the size said 0
@@ -290,7 +305,8 @@ TEST_F(Clamav, UnusableTemporaryDirectoryIsAScanError) {
     const std::string tmp = dir.File("gone"), file = dir.File("eicar.txt");
     ASSERT_EQ(0, mkdir(tmp.c_str(), 0700));
     PEL_INIT* engine = nullptr;
-    ASSERT_EQ(0, a_->Init({{VS_P_INITDRIVERDIRECTORY, TestDb()}, {VS_P_INITTEMP_PATH, tmp}}, &engine));
+    ASSERT_EQ(0,
+              a_->Init({{VS_P_INITDRIVERDIRECTORY, TestDb()}, {VS_P_INITTEMP_PATH, tmp}}, &engine));
     ASSERT_EQ(0, rmdir(tmp.c_str()));
     std::ofstream(file) << Eicar();
     Scanner s(*a_, engine);
@@ -327,6 +343,5 @@ TEST_F(ClamdPel, ServerLimitsAreNotScannedAndDescriptorsPassThem) {
                                        "unix:/" + std::string(107, 'p')})  // no room for the NUL
         EXPECT_EQ(3, Open(servers, &bad)) << servers;
 }
-
 
 }  // namespace

@@ -129,10 +129,14 @@ void FakeClamd::Serve(int fd) {
 class ClamdFarm : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_TRUE(a_.Loaded()) << a_.Error(); }
-    PEL_INIT* Open(const std::string& servers, const char* mode = "spread", uint32_t reconnect = 10) {
+    PEL_INIT* Open(const std::string& servers, const char* mode = "spread",
+                   uint32_t reconnect = 10) {
         PEL_INIT* in = nullptr;
-        EXPECT_EQ(0, a_.Init({{VS_P_INITSERVERS, servers}, {VS_P_INITENGINES, mode},
-                              {VS_P_INITTIMEOUT, 5}, {VS_P_INITRECONNECTTIME, reconnect}}, &in))
+        EXPECT_EQ(0, a_.Init({{VS_P_INITSERVERS, servers},
+                              {VS_P_INITENGINES, mode},
+                              {VS_P_INITTIMEOUT, 5},
+                              {VS_P_INITRECONNECTTIME, reconnect}},
+                             &in))
             << (in ? in->pszErrorText : "");
         return in;
     }
@@ -211,7 +215,6 @@ TEST_F(ClamdFarm, FailingRepliesGoToAnotherServerOrEndAsErrorsWithTheirText) {
         EXPECT_TRUE(alone.ScanErrorHas(text)) << text;
     }
 }
-
 
 // Local servers get descriptors, others (and one that refuses them) streams;
 // a size is read, not believed (/proc/self/status holds the needle, its size

@@ -47,14 +47,16 @@ class FakeIcap : public FakeServer {
         auto ends = [&in](const std::string& t) {
             return in.size() >= t.size() && in.compare(in.size() - t.size(), t.size(), t) == 0;
         };
-        for (int n; !(in.compare(0, 7, "OPTIONS") == 0 && ends("\r\n\r\n")) && !ends("0\r\n\r\n");) {
+        for (int n;
+             !(in.compare(0, 7, "OPTIONS") == 0 && ends("\r\n\r\n")) && !ends("0\r\n\r\n");) {
             pollfd q{c, POLLIN, 0};
             if (poll(&q, 1, 5000) != 1 || (n = static_cast<int>(recv(c, buf, sizeof buf, 0))) <= 0)
                 return;
             in.append(buf, static_cast<size_t>(n));
         }
-        std::string out = "ICAP/1.0 200 OK\r\nMethods: RESPMOD\r\nISTag: \"fake-1\"\r\n"
-                          "Encapsulated: null-body=0\r\n\r\n";
+        std::string out =
+            "ICAP/1.0 200 OK\r\nMethods: RESPMOD\r\nISTag: \"fake-1\"\r\n"
+            "Encapsulated: null-body=0\r\n\r\n";
         if (in.compare(0, 7, "RESPMOD") == 0) {
             std::lock_guard<std::mutex> l(lock_);
             last_ = in;
@@ -73,21 +75,24 @@ std::string Icap200(const std::string& headers, const std::string& http, const s
     std::string h = "HTTP/1.1 " + http + "\r\nContent-Type: text/plain\r\n\r\n";
     char size[16];
     std::snprintf(size, sizeof size, "%zx\r\n", body.size());
-    return "ICAP/1.0 200 OK\r\n" + headers + "Encapsulated: res-hdr=0, res-body=" +
-           std::to_string(h.size()) + "\r\n\r\n" + h + size + body + "\r\n0\r\n\r\n";
+    return "ICAP/1.0 200 OK\r\n" + headers +
+           "Encapsulated: res-hdr=0, res-body=" + std::to_string(h.size()) + "\r\n\r\n" + h + size +
+           body + "\r\n0\r\n\r\n";
 }
 
 std::string Found(int type, int resolution, const std::string& threat) {
-    return "X-Infection-Found: Type=" + std::to_string(type) + "; Resolution=" +
-           std::to_string(resolution) + "; Threat=" + threat + ";\r\n";
+    return "X-Infection-Found: Type=" + std::to_string(type) +
+           "; Resolution=" + std::to_string(resolution) + "; Threat=" + threat + ";\r\n";
 }
 
 class IcapAdapter : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_TRUE(a_.Loaded()) << a_.Error(); }
     int Open(const std::string& servers, PEL_INIT** out, uint64_t reconnect = 1) {
-        return a_.Init({{VS_P_INITSERVERS, servers}, {VS_P_INITTIMEOUT, 20},
-                        {VS_P_INITRECONNECTTIME, reconnect}}, out);
+        return a_.Init({{VS_P_INITSERVERS, servers},
+                        {VS_P_INITTIMEOUT, 20},
+                        {VS_P_INITRECONNECTTIME, reconnect}},
+                       out);
     }
     Adapter a_{KORMO_ICAP_ADAPTER};
 };
@@ -97,8 +102,9 @@ class IcapAdapter : public ::testing::Test {
 // server that passes everything.
 TEST_F(IcapAdapter, MapsEveryReplyToAVerdictAndNeverCleanOnAnError) {
     const std::string ok = Icap200("", "200 OK", "hello"), no = "ICAP/1.0 204 No Content\r\n\r\n";
-    const std::string violations = "X-Violations-Found: 2\r\n\tf1\r\n\tV.One\r\n\t1\r\n\t2\r\n"
-                                   "\tf2\r\n\tV.Two\r\n\t2\r\n\t2\r\n";
+    const std::string violations =
+        "X-Violations-Found: 2\r\n\tf1\r\n\tV.One\r\n\t1\r\n\t2\r\n"
+        "\tf2\r\n\tV.Two\r\n\t2\r\n\t2\r\n";
     const struct {
         const char* what;
         std::string reply;
@@ -107,20 +113,23 @@ TEST_F(IcapAdapter, MapsEveryReplyToAVerdictAndNeverCleanOnAnError) {
         int delayMs = 0;
         bool clean = false;
     } cases[] = {
+        // clang-format off
         {"204", no, 0, ""},
         {"200 unmodified", ok, 0, ""},
         {"type 0", Icap200(Found(0, 2, "Bad.One"), "403 Forbidden", "blocked"), -2, "Bad.One"},
         {"type 0 and the same name again",
-         Icap200(Found(0, 2, "Bad.One") + "X-Virus-ID: Bad.One\r\n", "403 Forbidden", "x"), -2, "Bad.One"},
+         Icap200(Found(0, 2, "Bad.One") + "X-Virus-ID: Bad.One\r\n", "403 Forbidden", "x"), -2,
+         "Bad.One"},
         {"type 1", Icap200(Found(1, 2, "Rule.One"), "403 Forbidden", "x"), -6, "Rule.One"},
         {"type 2", Icap200(Found(2, 2, "Too.Deep"), "403 Forbidden", "x"), 14, "Too.Deep"},
         {"violations", Icap200(violations, "403 Forbidden", "x"), -2, "V.One,V.Two"},
-        {"virus id on a 204", "ICAP/1.0 204 No Content\r\nX-Virus-ID: Id.One\r\n\r\n", -2, "Id.One"},
+        {"virus id on a 204", "ICAP/1.0 204 No Content\r\nX-Virus-ID: Id.One\r\n\r\n", -2,
+         "Id.One"},
         {"403 alone", Icap200("", "403 Forbidden", "no"), -2, "ICAP.Blocked"},
         {"changed body alone", Icap200("", "200 OK", "HELLO"), -2, "ICAP.Modified"},
         {"repaired", Icap200(Found(0, 1, "Fixed.One"), "200 OK", "hi"), -1, "Fixed.One", 0, true},
-        {"blocked, clean asked", Icap200(Found(0, 2, "Bad.One"), "403 Forbidden", "x"), -5, "Bad.One",
-         0, true},
+        {"blocked, clean asked", Icap200(Found(0, 2, "Bad.One"), "403 Forbidden", "x"), -5,
+         "Bad.One", 0, true},
         {"4xx", "ICAP/1.0 400 Bad Request\r\n\r\n", 13, "400 Bad Request"},
         {"5xx", "ICAP/1.0 500 Server Error\r\n\r\n", 13, "500 Server Error"},
         {"not ICAP", "HTTP/1.1 200 OK\r\n\r\n", 13, "no ICAP status line"},
@@ -129,6 +138,7 @@ TEST_F(IcapAdapter, MapsEveryReplyToAVerdictAndNeverCleanOnAnError) {
          "chunk size"},
         {"cut", ok.substr(0, ok.size() - 8), 13, "closed the connection"},
         {"slow", no, 13, "timed out", 1500},
+        // clang-format on
     };
     FakeIcap fake;
     PEL_INIT* in = nullptr;
@@ -142,7 +152,8 @@ TEST_F(IcapAdapter, MapsEveryReplyToAVerdictAndNeverCleanOnAnError) {
             << c.what;
         EXPECT_TRUE(c.rc >= 0 || c.expect == Joined(s.Infections())) << c.what;
         EXPECT_TRUE(c.rc <= 0 || s.ScanErrorHas(c.expect)) << c.what;
-        EXPECT_TRUE(c.rc != -1 || std::string(data.begin(), data.begin() + s.Info()->lBytesCleaned) == "hi");
+        EXPECT_TRUE(c.rc != -1 ||
+                    std::string(data.begin(), data.begin() + s.Info()->lBytesCleaned) == "hi");
     }
     fake.Set(no, 0);
     char old[16] = {};
@@ -164,17 +175,19 @@ TEST_F(IcapAdapter, FindsEicarByNameOnCIcapBehindADeadServer) {
     ASSERT_TRUE(clamd.Start(&error)) << error;
     TempDir dir;
     const std::string conf = dir.File("c-icap.conf"), port = std::to_string(FreePort());
-    std::ofstream(conf)
-        << "PidFile " << dir.File("pid") << "\nCommandsSocket " << dir.File("ctl")
-        << "\nPort 127.0.0.1:" << port << "\nStartServers 1\nMaxServers 1\n"
-        << "ThreadsPerChild 8\nTmpDir " << dir.Path() << "\nModulesDir " KORMO_CICAP_MODULES
-        << "\nServicesDir " KORMO_CICAP_MODULES "\nTemplateDir /usr/share/c_icap/templates/\n"
-        << "ServerLog " << dir.File("server.log") << "\nAccessLog " << dir.File("access.log")
-        << "\nModule common clamd_mod.so\nclamd_mod.ClamdSocket " << clamd.SocketPath()
-        << "\nService antivirus_module virus_scan.so\n"
-        << "ServiceAlias avscan virus_scan?allow204=on&sizelimit=off&mode=simple\n"
-        << "virus_scan.ScanFileTypes TEXT DATA EXECUTABLE ARCHIVE\n"
-        << "virus_scan.MaxObjectSize 100M\nvirus_scan.DefaultEngine clamd\n";
+    std::ofstream(conf) << "PidFile " << dir.File("pid") << "\nCommandsSocket " << dir.File("ctl")
+                        << "\nPort 127.0.0.1:" << port << "\nStartServers 1\nMaxServers 1\n"
+                        << "ThreadsPerChild 8\nTmpDir " << dir.Path()
+                        << "\nModulesDir " KORMO_CICAP_MODULES
+                        << "\nServicesDir " KORMO_CICAP_MODULES
+                           "\nTemplateDir /usr/share/c_icap/templates/\n"
+                        << "ServerLog " << dir.File("server.log") << "\nAccessLog "
+                        << dir.File("access.log")
+                        << "\nModule common clamd_mod.so\nclamd_mod.ClamdSocket "
+                        << clamd.SocketPath() << "\nService antivirus_module virus_scan.so\n"
+                        << "ServiceAlias avscan virus_scan?allow204=on&sizelimit=off&mode=simple\n"
+                        << "virus_scan.ScanFileTypes TEXT DATA EXECUTABLE ARCHIVE\n"
+                        << "virus_scan.MaxObjectSize 100M\nvirus_scan.DefaultEngine clamd\n";
     struct Child {
         pid_t pid;
         ~Child() {

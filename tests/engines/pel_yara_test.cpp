@@ -58,18 +58,20 @@ class Yara : public ::testing::Test {
 };
 
 TEST_F(Yara, RulesOfEveryFileFindTheirObjectsAndCleanDataPasses) {
-    Rules rules(Files{{"main.yar", kMain}, {"default.yar", kPlain},
-                 {"sub/more.yara", "rule Sub { strings: $s = \"SUB-MARK\" condition: $s }\n"}});
+    Rules rules(
+        Files{{"main.yar", kMain},
+              {"default.yar", kPlain},
+              {"sub/more.yara", "rule Sub { strings: $s = \"SUB-MARK\" condition: $s }\n"}});
     PEL_INIT* in = nullptr;
     ASSERT_EQ(0, Open(rules.Path(), &in)) << error_;
     Scanner s(a_, in);
     using Case = std::tuple<std::string, std::string, int, std::string>;  // data, name, rc, names
-    for (const auto& [data, name, rc, names] : std::vector<Case>{
-             {"nothing to see here\n", "clean.txt", 0, ""},
-             {"%PDF-1.4\n%\xe2\xe3\xcf\xd3\n1 0 obj\n", "doc.pdf", -2, "main:Pdf"},
-             {"anything", "dir/trigger.bin", -2, "main:Named"},
-             {"PLAIN-MARK SUB-MARK", "b", -2, "Plain,sub/more:Sub"},
-             {"x KORMO-YARA-MARK x", "a.txt", -2, "main:Marked"}}) {
+    for (const auto& [data, name, rc, names] :
+         std::vector<Case>{{"nothing to see here\n", "clean.txt", 0, ""},
+                           {"%PDF-1.4\n%\xe2\xe3\xcf\xd3\n1 0 obj\n", "doc.pdf", -2, "main:Pdf"},
+                           {"anything", "dir/trigger.bin", -2, "main:Named"},
+                           {"PLAIN-MARK SUB-MARK", "b", -2, "Plain,sub/more:Sub"},
+                           {"x KORMO-YARA-MARK x", "a.txt", -2, "main:Marked"}}) {
         EXPECT_EQ(rc, s.Bytes(ToBytes(data), name)) << name;
         EXPECT_EQ(names, Joined(s.Infections())) << name;
     }
@@ -104,11 +106,15 @@ TEST_F(Yara, StartUpFailsWithTheReasonAndLimitsAreNeverClean) {
     PEL_INIT* in = nullptr;
     ASSERT_EQ(0, Open(d.Path(), &in)) << error_;
     Scanner s(a_, in);
-    using Case = std::tuple<Set, std::string, std::string, std::string>;  // option, data, name, error
+    using Case =
+        std::tuple<Set, std::string, std::string, std::string>;  // option, data, name, error
     for (const auto& [option, data, name, text] : std::vector<Case>{
              {{VS_P_SCANLIMIT, 10}, std::string(99, 'x'), "big", "SCANLIMIT exceeded"},
              {{VS_P_SCANEXTRACT_TIME, 1}, "x", "slow", "timed out after 1 s"},
-             {{VS_P_SCANLIMIT, 0}, std::string(1100000, 'a'), "many", "too many matches of string $a"}}) {
+             {{VS_P_SCANLIMIT, 0},
+              std::string(1100000, 'a'),
+              "many",
+              "too many matches of string $a"}}) {
         EXPECT_EQ(14, s.Bytes(ToBytes(data), name, {option})) << name;
         EXPECT_EQ(0u, s.Info()->uiClean) << name;
         EXPECT_TRUE(s.ScanErrorHas(text)) << text;
@@ -127,7 +133,8 @@ TEST_F(Yara, CompiledRulesComeFromTheCacheUntilTheRulesChange) {
                                  std::regex("YARA 4\\.[0-9.]+, 1 rule, sources [0-9a-f]{32} "
                                             "\\(compiled rules from the cache\\)")))
         << old->pszEngineVersionText;
-    rules.Put("r.yar", std::string(kPlain) + "rule New { strings: $n = \"NEW-MARK\" condition: $n }\n");
+    rules.Put("r.yar",
+              std::string(kPlain) + "rule New { strings: $n = \"NEW-MARK\" condition: $n }\n");
     ASSERT_EQ(0, Open(rules.Path(), &fresh, cache.Path())) << error_;
     Scanner s(a_, fresh), o(a_, old);
     EXPECT_EQ(-2, s.Bytes(ToBytes("NEW-MARK"), "n"));
