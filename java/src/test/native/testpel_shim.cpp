@@ -41,10 +41,6 @@ TESTPEL(jboolean, open)(JNIEnv* env, jclass, jstring path) {
 
 TESTPEL(void, reset)(JNIEnv*, jclass) { CTL(tpel_reset)(); }
 
-TESTPEL(void, setNoAdapterInfo)(JNIEnv*, jclass, jboolean on) {
-    CTL(tpel_set_no_adapter_info)(on ? 1 : 0);
-}
-
 TESTPEL(void, addParam)(JNIEnv* env, jclass, jboolean init, jint code, jint type, jstring value) {
     CTL(tpel_add_param)(init ? 1 : 0, code, type, JStr(env, value).get());
 }
@@ -76,10 +72,6 @@ TESTPEL(void, scriptCleaned)(JNIEnv* env, jclass, jbyteArray bytes) {
     std::vector<jbyte> copy(static_cast<size_t>(env->GetArrayLength(bytes)) + 1);
     env->GetByteArrayRegion(bytes, 0, static_cast<jsize>(copy.size() - 1), copy.data());
     CTL(tpel_script_cleaned)(copy.data(), copy.size() - 1);
-}
-
-TESTPEL(void, setEngine)(JNIEnv*, jclass, jlong date, jlong viruses) {
-    CTL(tpel_set_engine)(5, 2, "engine five", date, static_cast<uint32_t>(viruses));
 }
 
 // The last scan request as "scan-code action job had-bytes length had-report

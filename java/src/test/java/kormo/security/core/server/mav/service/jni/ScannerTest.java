@@ -53,9 +53,8 @@ class ScannerTest {
             TestPel.scriptScanError("upload", 14, "limit reached", 3);
             TestPel.scriptRc(14);
             ScanException e = assertThrows(ScanException.class, () -> s.scan(new byte[3], "upload"));
-            assertEquals(14, e.getCode());
-            assertEquals("MAV_E_NOT_SCANNED", e.getCodeName());
-            assertEquals("limit reached", e.getAdapterText());
+            assertEquals("14 MAV_E_NOT_SCANNED limit reached",
+                    e.getCode() + " " + e.getCodeName() + " " + e.getAdapterText());
         }
         Scanner closed = scanner();
         closed.close();

@@ -22,8 +22,6 @@ final class TestPel {
 
     static native void reset();
 
-    static native void setNoAdapterInfo(boolean on);
-
     static native void addParam(boolean initList, int code, int type, String value);
 
     static native void fail(int entry, int rc, String vendorText);
@@ -40,9 +38,6 @@ final class TestPel {
     static native void scriptScanError(String object, int rc, String text, long size);
 
     static native void scriptCleaned(byte[] bytes);
-
-    /** Engine 5.2 "engine five" with the given date (seconds) and virus count. */
-    static native void setEngine(long date, long viruses);
 
     /** "scan-code action job had-bytes length had-report file-existed name", or null. */
     static native String lastScan();
