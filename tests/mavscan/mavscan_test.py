@@ -47,7 +47,7 @@ def setUpModule():
                       ("clean/b.html", b"<html><body>hello</body></html>\n"),
                       ("clean/sub/c.bin", bytes(range(256)) * 64),
                       ("mixed/readme.txt", b"a plain text\n"), ("mixed/eicar.com", EICAR),
-                      ("mixed/deep/notes.txt", b"some words, then " + marker + b" and more words\n"),
+                      ("mixed/deep/notes.txt", b"words, then " + marker + b" and more words\n"),
                       ("mixed/deep/empty.dat", b"")):
         put(rel, data)
     shutil.copy(path("db/samples/hash1.bin"), path("mixed/hash1.bin"))
@@ -152,22 +152,22 @@ def ok(rel):
 
 
 class TableTest(unittest.TestCase):
-    """Exit status (0 clean, 1 found, 2 error; an error outranks a finding),
-    the text form, refusals that report nothing clean, configuration sources,
-    options, standard input, links and usage: one row each."""
+    """Exit status (0 clean, 1 found, 2 error; an error outranks a finding), the
+    text form, configuration sources, options, standard input and links."""
 
     def test_rows(self):
-        eicar = path("mixed/eicar.com") + ": " + EICAR_NAME + " FOUND"
+        C, M, A, E, empty = (path(p) for p in ("clean", "mixed", "clean/a.txt", "mixed/eicar.com",
+                                               "empty-db"))
+        eicar = E + ": " + EICAR_NAME + " FOUND"
         notes = path("mixed/deep/notes.txt") + ": " + MARKER_NAME + " FOUND"
         found = [eicar, notes, path("mixed/hash1.bin") + ": " + HASH1_NAME + " FOUND"]
         mixed = found + [ok("mixed/deep/empty.dat"), ok("mixed/readme.txt")]
         clean = [ok("clean/a.txt"), ok("clean/b.html"), ok("clean/sub/c.bin")]
         limited = [l.replace(": OK", ": ERROR Not scanned: SCANLIMIT exceeded") for l in clean]
         put("cwd-props/mav.properties", config(path("db")))
-        cfg, empty = put("conf/scan.properties", config(path("db"))), path("empty-db")
-        empty_cfg = put("conf/empty-db.properties", config(empty))
-        files = put("conf/list.txt", ("%s\n\n%s\n" % (path("mixed/eicar.com"),
-                                                      path("clean/a.txt"))).encode())
+        cfg, empty_cfg = put("conf/scan.properties", config(path("db"))), put(
+            "conf/empty-db.properties", config(empty))
+        files = put("conf/list.txt", ("%s\n\n%s\n" % (E, A)).encode())
         log, trace = path("conf/scan.log"), path("conf/scan.trc")
         put("outside/eicar.com", EICAR)
         put("linked/plain.txt", b"plain\n")
@@ -175,70 +175,50 @@ class TableTest(unittest.TestCase):
         if not os.path.islink(link):
             os.symlink(path("outside/eicar.com"), link)
             os.symlink(path("linked"), path("linked/loop"))
-        linked = link + ": " + EICAR_NAME + " FOUND"
-        refused = dict(lacks=None)
+        linked, stdin_found = link + ": " + EICAR_NAME + " FOUND", "stdin: " + EICAR_NAME + " FOUND"
         rows = (  # arguments, exit status, checks
-            ([path("clean")], 0, dict(lines=clean, exact=True, sums=("3", "0", "0"))),
-            ([path("mixed")], 1, dict(lines=mixed, exact=True, sums=("5", "3", "0"))),
-            ([path("nothere"), path("clean/a.txt")], 2, dict(
-                lines=[ok("clean/a.txt"), path("nothere") + ": ERROR No such file or directory"],
-                exact=True, sums=("2", "0", "1"))),
-            ([path("mixed/eicar.com"), path("nothere")], 2, dict(sums=("2", "1", "1"))),
+            ([C], 0, dict(lines=clean, exact=True, sums=("3", "0", "0"))),
+            ([M], 1, dict(lines=mixed, exact=True, sums=("5", "3", "0"))),
+            ([path("nothere"), A], 2, dict(exact=True, sums=("2", "0", "1"), lines=[
+                ok("clean/a.txt"), path("nothere") + ": ERROR No such file or directory"])),
+            ([E, path("nothere")], 2, dict(sums=("2", "1", "1"))),
             # The engine cannot clean: the finding stands.
-            (["--clean", path("mixed/eicar.com")], 1, dict(
-                lines=[eicar, path("mixed/eicar.com") + ": not cleaned"], exact=True)),
-            (["-q", path("mixed")], 1, dict(lines=found, lacks=(": OK", "SUMMARY"))),
-            (["-q", path("clean")], 0, refused),
-            # No usable engine: refused before anything is reported.
-            ([path("clean")], 2, dict(refused, db=empty, err=(
-                "the default profile has no usable adapter", "freshclam", empty))),
-            (["--config", path("conf/none.properties"), path("clean")], 2,
-             dict(refused, err=("cannot read configuration",))),
-            (["--adapter", path("no-such-adapter.so"), path("clean")], 2,
-             dict(refused, err=("cannot start adapter", "MAV_E_PEL_LOAD_FAILED"))),
-            (["--profile", "LOCAL", path("clean")], 2,
-             dict(refused, err=("profile LOCAL is not usable", "MAV_E_PROFILE_NOT_FOUND"))),
-            (["--set", "NOSUCHPARAM=1", path("clean")], 2,
-             dict(refused, err=("NOSUCHPARAM is not offered",))),
-            (["--set", "SCANLIMIT=lots", path("clean")], 2,
-             dict(refused, err=("cannot set SCANLIMIT=lots (SIZE_T)",))),
-            (["--set", "INITDRIVERDIRECTORY=/x", path("clean")], 2,
-             dict(refused, err=("start parameter",))),
+            (["--clean", E], 1, dict(lines=[eicar, E + ": not cleaned"], exact=True)),
+            (["-q", M], 1, dict(lines=found, lacks=(": OK", "SUMMARY"))),
+            (["-q", C], 0, dict(lacks=None)),
             # A limit every object exceeds: each one an error, none clean.
-            (["--set", "SCANLIMIT=10", path("clean")], 2, dict(lines=limited, lacks=(": OK",))),
-            (["--adapter", CLAMAV, "--set", "SCANLIMIT=10", path("clean")], 2,
+            (["--set", "SCANLIMIT=10", C], 2, dict(lines=limited, lacks=(": OK",))),
+            (["--adapter", CLAMAV, "--set", "SCANLIMIT=10", C], 2,
              dict(lines=limited, lacks=(": OK",))),
-            (["--set", "SCANLIMIT=30", "-", path("clean")], 2, dict(stdin=b"x" * 31, lines=[
+            (["--set", "SCANLIMIT=30", "-", C], 2, dict(stdin=b"x" * 31, lines=[
                 "stdin: ERROR Not scanned: larger than SCANLIMIT (30 bytes)", ok("clean/a.txt"),
                 "Data scanned: 0.00 MB", "Engine: clamav: ClamAV"])),
             # Configuration sources: the working folder, --config, --adapter and
             # --set, -d over a configuration.
-            (["--profile", "LOCAL", path("mixed")], 1, dict(cwd=path("cwd-props"), db=empty,
-                                                            sums=("5", "3", "0"))),
-            (["--config", cfg, path("mixed")], 1, dict(db=empty, sums=("5", "3", "0"))),
-            (["--adapter", CLAMAV, "--set", "INITDRIVERDIRECTORY=" + path("db"), path("mixed")],
-             1, dict(db=empty, sums=("5", "3", "0"))),
-            (["-d", path("db"), path("mixed/eicar.com")], 1, dict(db=empty, lines=[eicar])),
-            (["--config", empty_cfg, "-d", path("db"), path("mixed/eicar.com")], 1,
-             dict(db=empty, lines=[eicar])),
+            (["--profile", "LOCAL", M], 1,
+             dict(cwd=path("cwd-props"), db=empty, sums=("5", "3", "0"))),
+            (["--config", cfg, M], 1, dict(db=empty, sums=("5", "3", "0"))),
+            (["--adapter", CLAMAV, "--set", "INITDRIVERDIRECTORY=" + path("db"), M], 1,
+             dict(db=empty, sums=("5", "3", "0"))),
+            (["-d", path("db"), E], 1, dict(db=empty, lines=[eicar])),
+            (["--config", empty_cfg, "-d", path("db"), E], 1, dict(db=empty, lines=[eicar])),
             (["--set", "SCANLIMIT=123456", "--info"], 0, dict(lines=[
                 "Adapter:     clamav", re.compile(r"SCANLIMIT +SIZE_T +123456$"),
                 re.compile(r"INITDRIVERDIRECTORY +CHAR +%s$" % re.escape(path("db")))])),
             # Options.
-            (["--exclude", "eicar", "--exclude-dir", "deep$", path("mixed")], 1,
+            (["--exclude", "eicar", "--exclude-dir", "deep$", M], 1,
              dict(lines=[ok("mixed/readme.txt")], lacks=("eicar", "deep"))),
-            (["--include", r"\.(txt|com)$", path("mixed")], 1,
-             dict(lines=[eicar, notes], lacks=("hash1", "empty.dat"))),
-            (["-i", path("mixed")], 1, dict(lines=[eicar, "Infected objects: 3"], lacks=(": OK",))),
-            (["--no-summary", path("mixed")], 1,
+            (["--include", r"\.(txt|com)$", M], 1,
+             dict(lines=[eicar, notes], lacks=("hash1", "empty"))),
+            (["-i", M], 1, dict(lines=[eicar, "Infected objects: 3"], lacks=(": OK",))),
+            (["--no-summary", M], 1,
              dict(lines=[eicar, ok("mixed/readme.txt")], lacks=("SUMMARY",))),
             (["-f", files], 1, dict(lines=[eicar, ok("clean/a.txt")])),
-            (["-l", log, path("clean/a.txt")], 0, dict(lines=[ok("clean/a.txt")])),
-            (["--trace", trace, "--trace-level", "2", path("clean/a.txt")], 0, {}),
-            (["--trace", path("no/such/dir/x.trc"), path("clean/a.txt")], 2,
-             dict(err=("cannot write the trace file",))),
+            (["-l", log, A], 0, dict(lines=[ok("clean/a.txt")])),
+            (["--trace", trace, "--trace-level", "2", A], 0, {}),
+            (["--trace", path("no/such/x.trc"), A], 2, dict(err=("cannot write the trace file",))),
             # Standard input; links followed when named or with -L (the loop once).
-            (["-"], 1, dict(stdin=EICAR, lines=["stdin: " + EICAR_NAME + " FOUND"], exact=True)),
+            (["-"], 1, dict(stdin=EICAR, lines=[stdin_found], exact=True)),
             (["-"], 0, dict(stdin=b"just words\n", lines=["stdin: OK"], exact=True)),
             (["-"], 0, dict(lines=["stdin: OK"], exact=True)),
             ([path("linked")], 0, dict(lines=[ok("linked/plain.txt")], exact=True)),
@@ -251,9 +231,20 @@ class TableTest(unittest.TestCase):
             self.assertEqual((True, True), (ok("clean/a.txt") + "\n" in f.read(),
                                             "MavScanFile" in t.read()))
         # Only bytes an engine read count: a.txt (15) scanned, b.html over the limit.
-        out = check(self, ["--json", "--set", "SCANLIMIT=20", path("clean/a.txt"),
-                           path("clean/b.html")], 2)
+        out = check(self, ["--json", "--set", "SCANLIMIT=20", A, path("clean/b.html")], 2)
         self.assertEqual(15, json_lines(out)[1][0]["bytes"])
+
+    def test_refusals_report_nothing(self):
+        C, empty = path("clean"), path("empty-db")
+        for args, texts in (
+                ([C], ("the default profile has no usable adapter", "freshclam", empty)),
+                (["--config", path("conf/none.properties"), C], ("cannot read configuration",)),
+                (["--adapter", path("no.so"), C], ("cannot start", "MAV_E_PEL_LOAD_FAILED")),
+                (["--profile", "LOCAL", C], ("LOCAL is not usable", "MAV_E_PROFILE_NOT_FOUND")),
+                (["--set", "NOSUCHPARAM=1", C], ("NOSUCHPARAM is not offered",)),
+                (["--set", "SCANLIMIT=lots", C], ("cannot set SCANLIMIT=lots (SIZE_T)",)),
+                (["--set", "INITDRIVERDIRECTORY=/x", C], ("start parameter",))):
+            check(self, args, 2, lacks=None, err=texts, db=empty if args == [C] else None)
 
     def test_usage_errors(self):
         for args, text in ((["--bogus", "x"], "unknown option --bogus"),
@@ -287,7 +278,8 @@ class JsonTest(unittest.TestCase):
         with open(path("db/marker.txt"), "rb") as f:
             both = put("two/both.com", EICAR + b"\n" + f.read())
         objs, _ = json_lines(check(self, ["--json", both], 1))
-        self.assertEqual([EICAR_NAME, MARKER_NAME], sorted(i["name"] for i in objs[0]["infections"]))
+        self.assertEqual([EICAR_NAME, MARKER_NAME],
+                         sorted(i["name"] for i in objs[0]["infections"]))
 
     def test_names_cannot_forge_results(self):
         name = put('odd/qu"ote\\back\tand\x01ctl\x1f \xe9.txt'.encode().decode(), b"fine\n")
@@ -308,8 +300,8 @@ class JsonTest(unittest.TestCase):
         self.assertEqual(4, len(lines))
         self.assertFalse(any(l.startswith(b"forged") for l in lines))
         self.assertFalse(any(c < 0x20 and c not in b"\n" or c == 0x7F for c in p.stdout))
-        self.assertIn(path("odd").encode() + b"/bad\\xffbyte.txt: " + EICAR_NAME.encode() + b" FOUND",
-                      lines)
+        self.assertIn(path("odd").encode() + b"/bad\\xffbyte.txt: " + EICAR_NAME.encode()
+                      + b" FOUND", lines)
 
 
 class ParallelTest(unittest.TestCase):
@@ -353,9 +345,11 @@ class AccessTest(unittest.TestCase):
                 os.chmod(os.path.join(libdir, f), 0o755)
             exe = os.path.join(libdir, os.path.basename(MAVSCAN))
         try:
-            check(self, [path("locked")], 2, prefix=prefix, exe=exe, exact=True, sums=("3", "0", "2"),
-                  lines=[path("locked/closed") + ": ERROR Permission denied", ok("locked/readable.txt"),
-                         path("locked/secret.com") + ": ERROR Permission denied"])
+            denied = ": ERROR Permission denied"
+            check(self, [path("locked")], 2, prefix=prefix, exe=exe, exact=True,
+                  sums=("3", "0", "2"), lines=[path("locked/closed") + denied,
+                                               ok("locked/readable.txt"),
+                                               path("locked/secret.com") + denied])
         finally:
             os.chmod(path("locked/closed"), 0o755)
 
@@ -365,8 +359,8 @@ class ExampleTest(unittest.TestCase):
     (the adapters named by file name are found beside the library)."""
 
     def test_both_engines_must_be_clean(self):
-        put("example/rules/own.yar", b'import "hash"\nrule Own_Marker { strings: $a = "OWN-RULE-MARK"\n'
-            b"  condition: $a and hash.md5(0, filesize) == md5 }\n")
+        put("example/rules/own.yar", b'import "hash"\nrule Own_Marker { strings: '
+            b'$a = "OWN-RULE-MARK"\n  condition: $a and hash.md5(0, filesize) == md5 }\n')
         for rel, data in (("clean.txt", b"hello\n"), ("eicar.com", EICAR),
                           ("own.txt", b"x OWN-RULE-MARK x\n")):
             put("example/objs/" + rel, data)
