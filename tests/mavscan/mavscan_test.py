@@ -153,7 +153,7 @@ def ok(rel):
 
 class TableTest(unittest.TestCase):
     """Exit status (0 clean, 1 found, 2 error; an error outranks a finding), the
-    text form, configuration sources, options, standard input and links."""
+    text form, workers, configuration sources, options, standard input, links."""
 
     def test_rows(self):
         C, M, A, E, empty = (path(p) for p in ("clean", "mixed", "clean/a.txt", "mixed/eicar.com",
@@ -179,6 +179,7 @@ class TableTest(unittest.TestCase):
         rows = (  # arguments, exit status, checks
             ([C], 0, dict(lines=clean, exact=True, sums=("3", "0", "0"))),
             ([M], 1, dict(lines=mixed, exact=True, sums=("5", "3", "0"))),
+            (["-j", "4", M, C], 1, dict(lines=mixed + clean, exact=True, sums=("8", "3", "0"))),
             ([path("nothere"), A], 2, dict(exact=True, sums=("2", "0", "1"), lines=[
                 ok("clean/a.txt"), path("nothere") + ": ERROR No such file or directory"])),
             ([E, path("nothere")], 2, dict(sums=("2", "1", "1"))),
@@ -302,24 +303,6 @@ class JsonTest(unittest.TestCase):
         self.assertFalse(any(c < 0x20 and c not in b"\n" or c == 0x7F for c in p.stdout))
         self.assertIn(path("odd").encode() + b"/bad\\xffbyte.txt: " + EICAR_NAME.encode()
                       + b" FOUND", lines)
-
-
-class ParallelTest(unittest.TestCase):
-    """Workers: the same verdicts whatever their number."""
-
-    def test_same_verdicts_with_1_and_4_workers(self):
-        with open(path("db/marker.txt"), "rb") as f:
-            marker = f.read()
-        for i in range(24):
-            data = (EICAR, b"x" * i + marker, ("clean %d\n" % i).encode() * (i + 1))[i % 3]
-            put("many/d%d/f%02d.bin" % (i % 5, i), data)
-        results = [json_lines(check(self, ["-j", jobs, "--json", path("many")], 1))
-                   for jobs in ("1", "4")]
-        for objs, _ in results:
-            objs.sort(key=lambda o: o["path"])
-        self.assertEqual(results[0][0], results[1][0])
-        self.assertEqual([(24, 16, 0)] * 2, [(s["scanned"], s["found"], s["errors"])
-                                             for _, (s,) in results])
 
 
 class AccessTest(unittest.TestCase):
