@@ -178,10 +178,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (MAV_INST& i : inst) Check(MavCreateInstance(hdl, &i) == MAV_OK, "MavCreateInstance");
 
     std::istringstream in(std::string(reinterpret_cast<const char*>(data), size));
-    std::string line, name, type, value;
+    std::string line;
     for (int ops = 0; ops < 64 && std::getline(in, line);) {
         if (line.size() < 2) continue;
         ++ops;
+        std::string name, type, value;  // fields a line lacks stay empty
         std::istringstream rest(line.substr(2));
         std::getline(rest, name, '|');
         std::getline(rest, type, '|');
