@@ -27,7 +27,9 @@ struct JStr {
     JStr(JNIEnv* env, jstring s) : null(s == nullptr) {
         const char* c = null ? nullptr : env->GetStringUTFChars(s, nullptr);
         null = c == nullptr;
-        if (c != nullptr) text = c, env->ReleaseStringUTFChars(s, c);
+        if (c == nullptr) return;
+        text = c;
+        env->ReleaseStringUTFChars(s, c);
     }
     const char* get() const { return null ? nullptr : text.c_str(); }
 };
