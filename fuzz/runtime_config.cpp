@@ -10,8 +10,10 @@
 // each other.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -30,22 +32,15 @@ void check(bool ok) {
 
 // The input without lines that would name an adapter file.
 std::string withoutAdapterPaths(const std::string& text) {
-    std::string out;
-    size_t start = 0;
-    while (start <= text.size()) {
-        size_t end = text.find('\n', start);
-        if (end == std::string::npos) end = text.size();
-        std::string line = text.substr(start, end - start);
-        std::string squeezed;
-        for (char c : line) {
-            if (c != ' ' && c != '\t') squeezed.push_back(c);
-        }
-        if (squeezed.find("AdapterPath") == std::string::npos) {
-            out += line;
-            if (end < text.size()) out += '\n';
-        }
-        start = end + 1;
+    std::istringstream in(text);
+    std::string out, line;
+    while (std::getline(in, line)) {
+        std::string squeezed = line;
+        squeezed.erase(std::remove(squeezed.begin(), squeezed.end(), ' '), squeezed.end());
+        squeezed.erase(std::remove(squeezed.begin(), squeezed.end(), '\t'), squeezed.end());
+        if (squeezed.find("AdapterPath") == std::string::npos) out += line + '\n';
     }
+    if (!out.empty() && text.back() != '\n') out.pop_back();
     return out;
 }
 

@@ -22,23 +22,20 @@ int main(int argc, char** argv) {
     std::vector<std::string> files;
     for (int i = 1; i < argc; ++i) {
         std::error_code ec;
-        if (argv[i][0] == '-') continue;
-        if (fs::is_regular_file(argv[i], ec)) {
+        if (argv[i][0] != '-' && fs::is_directory(argv[i], ec)) {
+            size_t first = files.size();
+            for (const auto& e : fs::directory_iterator(argv[i], ec))
+                if (e.is_regular_file(ec)) files.push_back(e.path().string());
+            std::sort(files.begin() + static_cast<long>(first), files.end());
+        } else if (argv[i][0] != '-') {
             files.push_back(argv[i]);
-            continue;
         }
-        std::vector<std::string> names;
-        for (const auto& e : fs::directory_iterator(argv[i], ec))
-            if (e.is_regular_file(ec)) names.push_back(e.path().string());
-        std::sort(names.begin(), names.end());
-        files.insert(files.end(), names.begin(), names.end());
-        if (ec) std::fprintf(stderr, "cannot read %s\n", argv[i]);
     }
     LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(""), 0);
     for (const std::string& f : files) {
         std::ifstream in(f, std::ios::binary);
-        std::vector<char> data((std::istreambuf_iterator<char>(in)),
-                               std::istreambuf_iterator<char>());
+        std::vector<char> data((std::istreambuf_iterator<char>(in)), {});
+        if (!in.is_open()) return 1;
         std::printf("running %s (%zu bytes)\n", f.c_str(), data.size());
         std::fflush(stdout);
         LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(data.data()), data.size());

@@ -6,27 +6,14 @@ package kormo.security.core.server.mav.service.jni;
  * file the tests hand to initPEL).
  */
 final class TestPel {
-    static final int STARTUP = 0;
-    static final int GETCONFIG = 1;
-    static final int INIT = 2;
-    static final int SCAN = 3;
-    static final int RELEASESCAN = 4;
-    static final int END = 5;
-    static final int CLEANUP = 6;
-
-    /** Parameter types (VS_PARAMTYPE_T). */
-    static final int BOOL = 0;
-    static final int INT = 3;
-    static final int FLOAT = 5;
-    static final int CHAR = 7;
-
+    /** Entry points (TPEL_ENTRY) and parameter types (VS_PARAMTYPE_T). */
+    static final int STARTUP = 0, INIT = 2, SCAN = 3, CLEANUP = 6;
+    static final int BOOL = 0, INT = 3, FLOAT = 5, CHAR = 7;
     static final String PATH = System.getProperty("kormo.testpel");
 
     static {
         System.load(System.getProperty("kormo.testshim"));
-        if (!open(PATH)) {
-            throw new IllegalStateException("cannot open the test adapter " + PATH);
-        }
+        if (!open(PATH)) throw new IllegalStateException("cannot open the test adapter " + PATH);
     }
 
     private TestPel() {}
@@ -34,11 +21,6 @@ final class TestPel {
     private static native boolean open(String path);
 
     static native void reset();
-
-    static native void setAdapterInfo(int id, int threadModel, int mavVersion, int major,
-            int minor, String vendor, String name);
-
-    static native void setNoAdapterInfo(boolean on);
 
     static native void addParam(boolean initList, int code, int type, String value);
 
@@ -48,8 +30,6 @@ final class TestPel {
 
     static native int liveInits();
 
-    static native void scriptClear();
-
     static native void scriptRc(int rc);
 
     static native void scriptInfection(String virus, String object, int virusId,
@@ -57,20 +37,8 @@ final class TestPel {
 
     static native void scriptScanError(String object, int rc, String text, long size);
 
-    static native void scriptContent(String object, String extension, String contentType,
-            String charSet, int objectType, long size);
-
     static native void scriptCleaned(byte[] bytes);
 
-    static native void setEngine(int major, int minor, String text, long date, long viruses);
-
-    static native void clearDrivers();
-
-    static native void addDriver(String name, int major, int minor, long date, long viruses,
-            long variants, int driverRc);
-
-    /** {scan code, action code, job ID, had bytes, length, had scan info, file existed}. */
-    static native long[] lastScan();
-
-    static native String lastObjectName();
+    /** "scan-code action job had-bytes length had-report file-existed name", or null. */
+    static native String lastScan();
 }
