@@ -216,33 +216,9 @@ void tpel_add_driver(const char* name, uint16_t major, uint16_t minor, int64_t d
     s.drivers.push_back(Driver{textOf(name), major, minor, date, viruses, variants, driverRc});
 }
 
-int tpel_last_param(int atScan, int32_t code, int32_t* type, size_t* length, int64_t* number,
-                    char* text, size_t textSize) {
-    TPEL_LOCKED;
-    for (const Param& p : s.lastParams[atScan ? 1 : 0].list) {
-        if (p.code != code) continue;
-        if (type) *type = p.type;
-        if (length) *length = p.length;
-        if (number) *number = isTextType(p.type) ? 0 : p.number;
-        if (text && textSize) {
-            std::string t = isTextType(p.type) && p.text ? *p.text : std::string();
-            size_t n = std::min(t.size(), textSize - 1);
-            std::memcpy(text, t.data(), n);
-            text[n] = '\0';
-        }
-        return 1;
-    }
-    return 0;
-}
-
 uint32_t tpel_bad_releases(void) {
     TPEL_LOCKED;
     return s.badReleases;
-}
-
-void tpel_script_delay_ms(uint32_t ms) {
-    TPEL_LOCKED;
-    s.script.delayMs = ms;
 }
 
 uint32_t tpel_max_concurrent_scans(void) {

@@ -103,7 +103,7 @@ int tpel_last_scan(TPEL_LAST_SCAN* out);
 
 /* ---- Scripted scan outcome (applies to every following scan) ----------------- */
 /* Empties the script: rc 0, no records, counters all zero (and following the
- * lists again), no events, no cleaned bytes, no_scaninfo/null_arrays/delay off. */
+ * lists again), no events, no cleaned bytes, no_scaninfo/null_arrays off. */
 void tpel_script_clear(void);
 void tpel_script_rc(int rc);
 /* Counters of the PEL_SCANINFO; by default they follow the scripted lists
@@ -156,22 +156,11 @@ void tpel_add_driver(const char* name, uint16_t major, uint16_t minor, int64_t d
  * size of the scanned object (the file's size for a file scan, else lLength). */
 #define TPEL_SIZE_OF_OBJECT ((size_t)-1)
 
-/* The parameter lists seen by the last PelInit (atScan 0: pInitParams) or the
- * last PelScan (atScan 1: pOptParams), copied during the call: looks up the first entry with tCode == code in that list; 1 when found, else
- * 0. Any out pointer may be null. CHAR/OBJECT: the text is copied into text
- * (truncated to textSize - 1, "" for a null value) and *number is 0; other
- * types: *number is the value slot and text becomes "". */
-int tpel_last_param(int atScan, int32_t code, int32_t* type, size_t* length, int64_t* number,
-                    char* text, size_t textSize);
-
 /* PelEnd / PelReleaseScan calls with a record this adapter does not hold alive
  * (double release, foreign pointer). Such calls return MAV_E_INVALID_PARAM (3)
  * and touch nothing. Reset by tpel_reset. */
 uint32_t tpel_bad_releases(void);
 
-/* Each PelScan sleeps ms milliseconds (before its events) with no lock held;
- * lets tests hold a scan in flight. Part of the script (tpel_script_clear: 0). */
-void tpel_script_delay_ms(uint32_t ms);
 /* Highest number of PelScan calls running at the same time since tpel_reset. */
 uint32_t tpel_max_concurrent_scans(void);
 

@@ -47,7 +47,7 @@ int PelInit(PEL_CALLBACK* pCallback, PEL_INITPARAMS* pInitParams, PEL_INIT** ppI
     State& s = st();
     std::lock_guard<std::mutex> g(s.mu);
     countCall(s, TPEL_INIT);
-    captureParams(pInitParams, s.lastParams[0]);
+    readParams(pInitParams);
     if (!ppInit) return kRcNullParam;
     *ppInit = nullptr;
     const Failure& f = s.fail[TPEL_INIT];
@@ -64,8 +64,7 @@ int PelScan(PEL_INIT* pInit, PEL_CALLBACK* pCallback, PEL_SCANPARAM* pScanParam,
     State& s = st();
     TPEL_LAST_SCAN req;
     recordRequest(req, pInit, pCallback, pScanParam, pOptParams, ppScanInfo != nullptr);
-    CapturedParams opt;
-    captureParams(pOptParams, opt);
+    readParams(pOptParams);
     if (ppScanInfo) *ppScanInfo = nullptr;
 
     Script sc;
@@ -75,7 +74,6 @@ int PelScan(PEL_INIT* pInit, PEL_CALLBACK* pCallback, PEL_SCANPARAM* pScanParam,
         countCall(s, TPEL_SCAN);
         s.lastScan = req;
         s.haveLastScan = true;
-        s.lastParams[1] = std::move(opt);
         failRc = s.fail[TPEL_SCAN].rc;
         sc = s.script;
         s.maxActiveScans = std::max(s.maxActiveScans, ++s.activeScans);
@@ -87,7 +85,6 @@ int PelScan(PEL_INIT* pInit, PEL_CALLBACK* pCallback, PEL_SCANPARAM* pScanParam,
     };
     if (!pScanParam) return leave(kRcNullParam);
     if (failRc) return leave(failRc);
-    if (sc.delayMs) std::this_thread::sleep_for(std::chrono::milliseconds(sc.delayMs));
 
     ScannedObject obj{textOf(pScanParam->pszObjectName),
                       req.bFileExisted ? req.lFileSize : pScanParam->lLength, pScanParam->uiJobID};

@@ -101,20 +101,13 @@ bool isTextType(int32_t type) {
     return type == VS_TYPE_CHAR || type == VS_TYPE_OBJECT;
 }
 
-void captureParams(const PEL_PARAMS* p, CapturedParams& out) {
-    out.seen = true;
-    out.list.clear();
-    if (!p || !p->pParams) return;
-    for (uint16_t i = 0; i < p->usNumParams; ++i) {
+size_t readParams(const PEL_PARAMS* p) {
+    size_t bytes = 0;
+    for (uint16_t i = 0; p && p->pParams && i < p->usNumParams; ++i) {
         const PEL_PARAM& e = p->pParams[i];
-        Param c{e.tCode, e.tType, std::nullopt, 0, e.lLength};
-        if (isTextType(e.tType)) {
-            c.text = textOf(static_cast<const char*>(e.pvValue));
-        } else {
-            c.number = static_cast<int64_t>(reinterpret_cast<intptr_t>(e.pvValue));
-        }
-        out.list.push_back(std::move(c));
+        if (isTextType(e.tType) && e.pvValue) bytes += std::strlen(static_cast<const char*>(e.pvValue));
     }
+    return bytes;
 }
 
 void freeHandedBackConfigs(State& s) {

@@ -89,17 +89,11 @@ struct Script {
     std::vector<Content> contentList;
     std::optional<std::vector<unsigned char>> cleaned;
     std::vector<Event> events;
-    uint32_t delayMs = 0;
 };
 
 struct Failure {
     int rc = 0;
     Text vendorText;
-};
-
-struct CapturedParams {
-    bool seen = false;
-    std::vector<Param> list;
 };
 
 // One PEL_CONFIG and everything it points to. The C records come first so that
@@ -173,7 +167,6 @@ struct Settings {
     uint32_t badReleases = 0;
     bool haveLastScan = false;
     TPEL_LAST_SCAN lastScan = {};
-    CapturedParams lastParams[2];  // [0] PelInit, [1] PelScan
     std::vector<int32_t> eventResults;
     Script script = DefaultScript();
 };
@@ -203,7 +196,9 @@ struct ScannedObject {
 
 bool isTextType(int32_t type);
 size_t typeSize(int32_t type);
-void captureParams(const PEL_PARAMS* p, CapturedParams& out);
+// Reads every text of the list as an engine would (a freed or moved text
+// shows under AddressSanitizer); the bytes read.
+size_t readParams(const PEL_PARAMS* p);
 ConfigBlock* buildConfig(const State& s);
 void freeHandedBackConfigs(State& s);
 InitBlock* buildInit(const State& s, const Failure& f);

@@ -36,7 +36,7 @@ inline std::string testpelPath(const char* variant = "libtestpel.so") {
     X(live_scaninfos) X(last_scan) X(script_clear) X(script_rc) X(script_counts) \
     X(script_no_scaninfo) X(script_null_arrays) X(script_infection) X(script_scan_error) \
     X(script_content) X(script_cleaned) X(script_event) X(event_results) X(set_engine) \
-    X(add_driver) X(last_param) X(bad_releases) X(script_delay_ms) \
+    X(add_driver) X(bad_releases) \
     X(max_concurrent_scans)
 
 struct TestPel {
