@@ -92,11 +92,8 @@ typedef struct TPEL_LAST_SCAN {
     size_t lFileSize;
     int bHadScanInfoPtr;          /* ppScanInfo was not null */
     PEL_CALLBACK sCallback;       /* copy of *pCallback (zero when null) */
-    int bHadCallback;
     const void* pInit;            /* the PEL_INIT passed */
     const void* pOptParams;       /* the PEL_OPTPARAMS passed */
-    uint32_t uiThreadId;          /* kernel thread id of the scanning thread */
-    size_t scanParamSize;         /* struct_size of the PEL_SCANPARAM passed */
 } TPEL_LAST_SCAN;
 /* Copies the last request into *out; 0 when no scan happened yet. */
 int tpel_last_scan(TPEL_LAST_SCAN* out);

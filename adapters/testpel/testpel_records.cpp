@@ -3,7 +3,6 @@
 // the script, and the copy of each scan request.
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,10 +24,6 @@ char* dupText(const Text& t, std::vector<char*>& owned) {
 template <typename T>
 T* allocArray(size_t n) {
     return n ? static_cast<T*>(calloc(n, sizeof(T))) : nullptr;
-}
-
-uint32_t currentThreadId() {
-    return static_cast<uint32_t>(syscall(SYS_gettid));
 }
 
 size_t sizeFor(size_t scripted, const ScannedObject& obj) {
@@ -194,13 +189,10 @@ void recordRequest(TPEL_LAST_SCAN& r, const PEL_INIT* pInit, const PEL_CALLBACK*
     r.pInit = pInit;
     r.pOptParams = pOpt;
     r.bHadScanInfoPtr = hadInfoPtr;
-    r.uiThreadId = currentThreadId();
     if (pCallback) {
-        r.bHadCallback = 1;
         std::memcpy(&r.sCallback, pCallback, sizeof r.sCallback);
     }
     if (!sp) return;
-    r.scanParamSize = sp->struct_size;
     r.uiScanCode = sp->tScanCode;
     r.uiActionCode = sp->tActionCode;
     r.uiJobID = sp->uiJobID;

@@ -21,7 +21,8 @@
 class TraceCapture {
   public:
     explicit TraceCapture(uint32_t level) {
-        Clear();
+        std::lock_guard<std::mutex> g(log().mu);
+        log().lines.clear();
         MavSetTraceHandler(&TraceCapture::Handler);
         MavSetTraceLevel(level);
     }
@@ -32,53 +33,32 @@ class TraceCapture {
     TraceCapture(const TraceCapture&) = delete;
     TraceCapture& operator=(const TraceCapture&) = delete;
 
-    static void Clear() {
-        std::lock_guard<std::mutex> g(mu());
-        lines().clear();
-        funcs().clear();
-    }
-    // Number of lines whose text is exactly text.
-    static int Count(const std::string& text) {
-        std::lock_guard<std::mutex> g(mu());
-        int n = 0;
-        for (const std::string& l : lines()) n += l == text;
-        return n;
-    }
-    static bool Has(const std::string& text) { return Count(text) > 0; }
-    // True when a line of exactly text was written under the function name func.
-    static bool HasFrom(const std::string& func, const std::string& text) {
-        std::lock_guard<std::mutex> g(mu());
-        for (size_t i = 0; i < lines().size(); ++i) {
-            if (lines()[i] == text && funcs()[i] == func) return true;
-        }
-        return false;
-    }
-    // Number of lines containing part.
+    // Number of lines containing part; whether one line is exactly text.
     static int CountContaining(const std::string& part) {
-        std::lock_guard<std::mutex> g(mu());
+        std::lock_guard<std::mutex> g(log().mu);
         int n = 0;
-        for (const std::string& l : lines()) n += l.find(part) != std::string::npos;
+        for (const std::string& l : log().lines) n += l.find(part) != std::string::npos;
         return n;
+    }
+    static bool Has(const std::string& text) {
+        std::lock_guard<std::mutex> g(log().mu);
+        for (const std::string& l : log().lines) if (l == text) return true;
+        return false;
     }
 
   private:
-    static int Handler(const char*, const char* func, int, uint32_t, const char* text) {
-        std::lock_guard<std::mutex> g(mu());
-        lines().push_back(text);
-        funcs().push_back(func != nullptr ? func : "");
-        return 0;
-    }
-    static std::mutex& mu() {
-        static std::mutex m;
-        return m;
-    }
-    static std::vector<std::string>& lines() {
-        static std::vector<std::string> l;
+    struct Log {
+        std::mutex mu;
+        std::vector<std::string> lines;
+    };
+    static Log& log() {
+        static Log l;
         return l;
     }
-    static std::vector<std::string>& funcs() {
-        static std::vector<std::string> f;
-        return f;
+    static int Handler(const char*, const char*, int, uint32_t, const char* text) {
+        std::lock_guard<std::mutex> g(log().mu);
+        log().lines.push_back(text);
+        return 0;
     }
 };
 
