@@ -120,26 +120,6 @@ TEST_F(LifecycleInstances, PoolOfTwoGivesTwoPooledAndOneListed) {
     EXPECT_EQ(0, pel.live_inits());
 }
 
-TEST_F(LifecycleInstances, SharedEngineForThreadModelsOneAndTwo) {
-    for (uint32_t model : {1u, 2u}) {
-        SCOPED_TRACE(model);
-        pel.reset();
-        pel.set_adapter_info(4711, model, 2, 1, 0, "Kormo Test", "testpel");
-        MAV_HANDLE h = Start();
-        MAV_INST a = nullptr, b = nullptr;
-        ASSERT_EQ(MAV_OK, MavCreateInstance(h, &a));
-        ASSERT_EQ(MAV_OK, MavCreateInstance(h, &b));
-        EXPECT_EQ(1u, pel.calls(TPEL_INIT));
-        EXPECT_EQ(Inst(a)->pPelInit, Inst(b)->pPelInit);
-        EXPECT_EQ(Rec(h)->pSharedInit, Inst(a)->pPelInit);
-        EXPECT_EQ(MAV_OK, MavFreeInstance(&a));
-        EXPECT_EQ(MAV_OK, MavFreeInstance(&b));
-        EXPECT_EQ(0u, pel.calls(TPEL_END));  // the shared engine outlives them
-        EXPECT_EQ(MAV_OK, MavEnd(&h));       // PelEnd with the shared engine
-        EXPECT_EQ(0, pel.live_inits());
-    }
-}
-
 using LifecyclePools = Lifecycle;
 
 TEST_F(LifecyclePools, GetInstanceHandsOutTwiceWhilePoolGrows) {

@@ -135,18 +135,4 @@ TEST_F(Results, InfectionsAndScanErrorsFollowTheBufferRule) {
     EXPECT_EQ(1234u, size);
 }
 
-// Counts without lists (the missing-content special case): tests/robust,
-// HostileAdapter.ResultCountsWithNullArraysAreNeverFollowed.
-
-TEST(FreeInfo, FreesBothLevelsAndClearsThePointer) {
-    void** outer = static_cast<void**>(MavIAlloc(sizeof(void*), true));
-    ASSERT_NE(nullptr, outer);
-    *outer = MavIAlloc(32, false);
-    void* p = outer;
-    MavPFreeInfo(&p);
-    EXPECT_EQ(nullptr, p);
-    MavPFreeInfo(&p);
-    MavPFreeInfo(nullptr);
-}
-
 }  // namespace
