@@ -8,14 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_check.h"
 #include "krncp.h"
 
 namespace {
-
-#define CHECK(cond)                    \
-    do {                               \
-        if (!(cond)) __builtin_trap(); \
-    } while (0)
 
 // Reference decoder, deliberately unlike the library's: take the length from
 // the lead byte's bit pattern, collect the value, then reject by value.
