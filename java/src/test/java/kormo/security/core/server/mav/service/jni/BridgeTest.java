@@ -19,7 +19,7 @@ import org.junit.jupiter.api.Test;
 class BridgeTest {
     static final String PEL = TestPel.PATH;
     static final int OK = 0, NULL_PARAM = 2, INVALID_PARAM = 3, INVALID_HANDLE = 4;
-    static final int DRIVER_FAILED = 9, IN_PROGRESS = 16, CLEAN_OK = -1, VIRUS_FOUND = -2;
+    static final int IN_PROGRESS = 16, CLEAN_OK = -1, VIRUS_FOUND = -2;
 
     /** Has the error fields, but a handle Java cannot hold a pointer in. */
     static final class IntHandle {
@@ -76,14 +76,11 @@ class BridgeTest {
         made.add(h);
         assertEquals("testpel|Kormo Test|1.0|1|null", info(h));
         MavHandle i = open(h);
-        assertEquals(IN_PROGRESS, Mavgate.endPEL(h));
-        assertEquals("testpel|Kormo Test|1.0|1|MAV_E_IN_PROGRESS true",
-                info(h) + " " + (h.m_Handle != 0));
-        assertEquals(OK, Mavgate.freeInstance(i));
-        assertEquals(0, i.m_Handle);
-        assertEquals(OK, Mavgate.endPEL(h));
-        assertEquals("null|null|0.0|0|null 0 1",
-                info(h) + " " + h.m_Handle + " " + TestPel.calls(TestPel.CLEANUP));
+        assertEquals("16 testpel|Kormo Test|1.0|1|MAV_E_IN_PROGRESS true",
+                Mavgate.endPEL(h) + " " + info(h) + " " + (h.m_Handle != 0));
+        assertEquals("0 0 0 null|null|0.0|0|null 0 1", Mavgate.freeInstance(i) + " " + i.m_Handle
+                + " " + Mavgate.endPEL(h) + " " + info(h) + " " + h.m_Handle + " "
+                + TestPel.calls(TestPel.CLEANUP));
     }
 
     @Test
@@ -91,47 +88,43 @@ class BridgeTest {
         // The adapter's own message stands in both fields.
         TestPel.fail(TestPel.STARTUP, 9, null);
         MavHandle h = new MavHandle();
-        assertEquals(9, Mavgate.initPEL(PEL, h));
-        assertEquals(0, h.m_Handle);
-        assertTrue(h.m_lastError.contains("PelStartup"), h.m_lastError);
-        assertEquals(h.m_lastError, h.m_lastErrorDescription);
+        assertEquals("9 0", Mavgate.initPEL(PEL, h) + " " + h.m_Handle);
+        assertTrue(h.m_lastError.contains("PelStartup") && h.m_lastError.equals(
+                h.m_lastErrorDescription), h.m_lastError + " / " + h.m_lastErrorDescription);
         // A holder that cannot take the handle: refused, and the handle ended
         // through the adapter's clean-up.
         TestPel.reset();
-        assertEquals(INVALID_PARAM, Mavgate.initPEL(PEL, "a string"));
-        assertEquals(NULL_PARAM, Mavgate.initPEL(PEL, null));
-        assertEquals("1 1", TestPel.calls(TestPel.STARTUP) + " " + TestPel.calls(TestPel.CLEANUP));
+        assertEquals("3 2 1 1", Mavgate.initPEL(PEL, "a string") + " " + Mavgate.initPEL(PEL, null)
+                + " " + TestPel.calls(TestPel.STARTUP) + " " + TestPel.calls(TestPel.CLEANUP));
         // An instance the holder cannot take is ended; a failed one reports on
         // the instance holder; a pool load carries the adapter's text.
         MavHandle cfg = open(null);
         IntHandle wrongType = new IntHandle();
-        assertEquals(INVALID_PARAM, Mavgate.createInstance(cfg, wrongType));
-        assertEquals("MAV_E_INVALID_PARAM 1", wrongType.m_lastError + " " + wrongType.m_Handle);
+        assertEquals("3 MAV_E_INVALID_PARAM 1", Mavgate.createInstance(cfg, wrongType) + " "
+                + wrongType.m_lastError + " " + wrongType.m_Handle);
         cfg.m_lastError = "keep";
         TestPel.fail(TestPel.INIT, 9, "no engine today");
         MavHandle i = new MavHandle();
-        assertEquals(DRIVER_FAILED, Mavgate.createInstance(cfg, i));
-        assertEquals("0 MAV_E_DRIVER_FAILED keep",
-                i.m_Handle + " " + i.m_lastError + " " + cfg.m_lastError);
-        assertEquals(DRIVER_FAILED, Mavgate.loadPool(cfg, 2, true));
-        assertEquals("no engine today|no engine today|0",
-                cfg.m_lastError + "|" + cfg.m_lastErrorDescription + "|" + TestPel.liveInits());
+        assertEquals("9 0 MAV_E_DRIVER_FAILED keep", Mavgate.createInstance(cfg, i) + " "
+                + i.m_Handle + " " + i.m_lastError + " " + cfg.m_lastError);
+        assertEquals("9 no engine today|no engine today|0", Mavgate.loadPool(cfg, 2, true) + " "
+                + cfg.m_lastError + "|" + cfg.m_lastErrorDescription + "|" + TestPel.liveInits());
     }
 
     @Test
     void scansFillTheReportAndCleanThroughTheArray() {
         MavHandle i = open(open(null));
         byte[] data = "hello world".getBytes();
-        assertEquals(OK, Mavgate.pelScan(i, Mavgate.SCAN_BYTES, 0, "mem/obj.bin", data, 5, 77));
-        assertEquals("2 2 77 1 5 1 0 mem/obj.bin", TestPel.lastScan());
+        assertEquals("0 2 2 77 1 5 1 0 mem/obj.bin", Mavgate.pelScan(i, Mavgate.SCAN_BYTES, 0,
+                "mem/obj.bin", data, 5, 77) + " " + TestPel.lastScan());
         String report = "len=5 job=77 scanned=1 clean=1 infections=0";
         assertEquals(report + " null", report(i));
         // A verdict writes neither length nor report.
         TestPel.scriptInfection("Test-Virus", "obj.exe", 42, true, 68, "found");
         TestPel.scriptScanError("inner.zip", -7, "encrypted", 300);
         TestPel.scriptRc(VIRUS_FOUND);
-        assertEquals(VIRUS_FOUND, Mavgate.pelScan(i, 2, 0, "obj.exe", data, data.length, 9));
-        assertEquals(report + " MAV_E_VIRUS_FOUND", report(i));
+        assertEquals("-2 " + report + " MAV_E_VIRUS_FOUND",
+                Mavgate.pelScan(i, 2, 0, "obj.exe", data, data.length, 9) + " " + report(i));
         List<Object> results = new ArrayList<>();
         allAre(OK, Mavgate.getInfections(i, results), Mavgate.getScanErrors(i, results),
                 Mavgate.getContentInfos(i, results));
@@ -142,15 +135,14 @@ class BridgeTest {
         // Cleaned bytes come back into the array; the cleaned length stays.
         TestPel.scriptCleaned("CLEAN".getBytes());
         TestPel.scriptRc(CLEAN_OK);
-        assertEquals(CLEAN_OK,
-                Mavgate.pelScan(i, 2, Mavgate.ACTION_CLEAN, "x", data, data.length, 1));
-        assertEquals("CLEAN world 5", new String(data) + " " + i.m_CleanedLength);
+        assertEquals("-1 CLEAN world 5", Mavgate.pelScan(i, 2, Mavgate.ACTION_CLEAN, "x", data,
+                data.length, 1) + " " + new String(data) + " " + i.m_CleanedLength);
         // Lengths beyond the array never reach the adapter.
         int scans = TestPel.calls(TestPel.SCAN);
-        allAre(INVALID_PARAM, Mavgate.pelScan(i, 2, 0, "x", new byte[4], 5, 0),
-                Mavgate.pelScan(i, 2, 0, "x", new byte[4], -1, 0));
-        assertEquals("MAV_E_INVALID_PARAM " + scans,
-                i.m_lastError + " " + TestPel.calls(TestPel.SCAN));
+        assertEquals("3 3 MAV_E_INVALID_PARAM " + scans,
+                Mavgate.pelScan(i, 2, 0, "x", new byte[4], 5, 0) + " "
+                + Mavgate.pelScan(i, 2, 0, "x", new byte[4], -1, 0) + " " + i.m_lastError + " "
+                + TestPel.calls(TestPel.SCAN));
     }
 
     private static String report(MavHandle i) {
@@ -169,9 +161,9 @@ class BridgeTest {
         }
         TestPel.scriptRc(VIRUS_FOUND);
         MavHandle i = open(open(null));
-        assertEquals(VIRUS_FOUND, Mavgate.pelScan(i, 2, 0, "big", new byte[1], 1, 0));
         List<Object> list = new ArrayList<>();
-        assertEquals(OK, Mavgate.getInstanceInfo(i, Mavgate.INFO_INFECTIONS, list));
+        assertEquals("-2 0", Mavgate.pelScan(i, 2, 0, "big", new byte[1], 1, 0) + " "
+                + Mavgate.getInstanceInfo(i, Mavgate.INFO_INFECTIONS, list));
         Infection last = (Infection) list.get(9999);
         assertEquals("10000 V9999 o9999 9999 t9999", list.size() + " " + last.getVirusName() + " "
                 + last.getObjectName() + " " + last.getObjectSize() + " " + last.getFreeText());
