@@ -36,8 +36,7 @@ def setUpModule():
                    check=True, stdout=subprocess.DEVNULL)
     for d in ("empty-db", "cwd"):
         os.makedirs(path(d))
-    with open(path("db/marker.txt"), "rb") as f:
-        marker = f.read()
+    marker = read("db/marker.txt")
     # clean/: three harmless files; mixed/: clean files and one of each kind of finding.
     for rel, data in (("clean/a.txt", b"nothing to see\n"),
                       ("clean/b.html", b"<html><body>hello</body></html>\n"),
@@ -55,6 +54,11 @@ def tearDownModule():
 
 def path(rel):
     return os.path.join(W, rel)
+
+
+def read(rel):
+    with open(path(rel), "rb") as f:
+        return f.read()
 
 
 def put(rel, data, mode=0o644):
@@ -153,9 +157,8 @@ class TableTest(unittest.TestCase):
         put("outside/eicar.com", EICAR)
         put("linked/plain.txt", b"plain\n")
         link = path("linked/to-eicar")
-        if not os.path.islink(link):
-            os.symlink(path("outside/eicar.com"), link)
-            os.symlink(path("linked"), path("linked/loop"))
+        os.symlink(path("outside/eicar.com"), link)
+        os.symlink(path("linked"), path("linked/loop"))
         linked, stdin_found = link + ": " + EICAR_NAME + " FOUND", "stdin: " + EICAR_NAME + " FOUND"
         rows = (  # arguments, exit status, checks
             ([C], 0, dict(lines=clean, sums=("3", "0", "0"))),
@@ -205,9 +208,8 @@ class TableTest(unittest.TestCase):
         )
         for args, status, checks in rows:
             check(self, args, status, **checks)
-        with open(log) as f, open(trace) as t:
-            self.assertEqual((True, True), (ok("clean/a.txt") + "\n" in f.read(),
-                                            "MavScanFile" in t.read()))
+        self.assertEqual((True, True), ((ok("clean/a.txt") + "\n").encode() in read(log),
+                                        b"MavScanFile" in read(trace)))
         # Only bytes an engine read count: a.txt (15) scanned, b.html over the limit.
         out = check(self, ["--json", "--set", "SCANLIMIT=20", A, path("clean/b.html")], 2)
         self.assertEqual(15, json_lines(out)[1][0]["bytes"])
@@ -238,8 +240,7 @@ class JsonTest(unittest.TestCase):
     """--json: one object per line that parses; names that cannot forge results."""
 
     def test_lines_parse(self):
-        with open(path("db/marker.txt"), "rb") as f:  # every finding of an object is listed
-            both = put("two/both.com", EICAR + b"\n" + f.read())
+        both = put("two/both.com", EICAR + b"\n" + read("db/marker.txt"))  # two findings
         objs, sums = json_lines(check(self, ["--json", path("mixed"), path("nothere"), both], 2))
         o = {o["path"]: o for o in objs}
         e, m = o[path("mixed/eicar.com")], o[path("nothere")]
@@ -270,8 +271,8 @@ class JsonTest(unittest.TestCase):
         lines = p.stdout.split(b"\n----------- SCAN SUMMARY")[0].splitlines()
         found = path("odd").encode() + b"/bad\\xffbyte.txt: " + EICAR_NAME.encode() + b" FOUND"
         controls = [c for c in p.stdout if c < 0x20 and c != 0x0A or c == 0x7F]
-        self.assertEqual((4, [], [], True), (len(lines), [l for l in lines if l.startswith(b"forged")],
-                                             controls, found in lines))
+        forged_lines = [l for l in lines if l.startswith(b"forged")]
+        self.assertEqual((4, [], [], True), (len(lines), forged_lines, controls, found in lines))
 
 
 class AccessTest(unittest.TestCase):
@@ -333,12 +334,10 @@ class SwapTest(unittest.TestCase):
                      "symbolic link"),
             "repl": (lambda f: os.rename(put("swap-new", EICAR), f), "another file"),  # new inode
         }
-        shutil.rmtree(path("swap"), ignore_errors=True)
         for name in cases:
             put("swap/" + name, b"harmless\n")
         listing = path("swap-list")
-        if not os.path.exists(listing):
-            os.mkfifo(listing)
+        os.mkfifo(listing)
         # One worker, held by standard input, while the walk of the listed
         # folder is done and mavscan waits for the next line of the list.
         p = start(["-j1", "-", "-f", listing])
@@ -366,7 +365,7 @@ class SignalTest(unittest.TestCase):
 
     def test_sigterm_during_a_run(self):
         tmp = path("sigtmp")
-        os.makedirs(tmp, exist_ok=True)
+        os.makedirs(tmp)
         p = start(["-j1", "-", path("mixed")], env=dict(base_env(), TMPDIR=tmp))
         p.stdin.write(EICAR[:20])
         p.stdin.flush()
