@@ -173,21 +173,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::getline(rest, type, '|');
         std::getline(rest, value);
         void* target = line[1] == 'i' ? inst[0] : line[1] == 'j' ? inst[1] : hdl;
-        if (line[0] == 'S' || line[0] == 'R') {
+        unsigned char bytes[8] = {'p', 'a', 'r', 'a', 'm', 's', 0, 0};
+        MAV_SCANINFO si = {sizeof(MAV_SCANINFO), 0, 0, 0, 0, 0, 0};
+        if (line[0] == 'S' || line[0] == 'R')
             Set(target, hdl, name, TypeOf(type), line[0] == 'R' ? nullptr : value.c_str());
-        } else if (line[0] == 'G') {
-            Get(target, name, SizeOf(value, 64));
-        } else if (line[0] == 'E') {
-            Enumerate(target, value, name);
-        } else if (line[0] == 'D') {
-            Known(MavSetDefaultConfig(target));
-        } else if (line[0] == 'X' && target != hdl) {
-            unsigned char bytes[8] = {'p', 'a', 'r', 'a', 'm', 's', 0, 0};
-            MAV_SCANINFO si = {sizeof(MAV_SCANINFO), 0, 0, 0, 0, 0, 0};
+        if (line[0] == 'G') Get(target, name, SizeOf(value, 64));
+        if (line[0] == 'E') Enumerate(target, value, name);
+        if (line[0] == 'D') Known(MavSetDefaultConfig(target));
+        if (line[0] == 'X' && target != hdl)
             CHECK(MavScanBytes(target, "fuzz", bytes, sizeof bytes, 0, &si) == MAV_OK);
-        } else if (line[0] == 'C') {
-            Lookups(name, TypeOf(type));
-        }
+        if (line[0] == 'C') Lookups(name, TypeOf(type));
     }
     for (MAV_INST& i : inst) CHECK(MavFreeInstance(&i) == MAV_OK);
     CHECK(MavEnd(&hdl) == MAV_OK && hdl == nullptr);
