@@ -141,8 +141,8 @@ class TableTest(unittest.TestCase):
     text form, workers, configuration sources, options, standard input, links."""
 
     def test_rows(self):
-        C, M, A, E, empty = (path(p) for p in ("clean", "mixed", "clean/a.txt", "mixed/eicar.com",
-                                               "empty-db"))
+        C, M, A, E, empty = map(path, ("clean", "mixed", "clean/a.txt", "mixed/eicar.com",
+                                       "empty-db"))
         eicar = E + ": " + EICAR_NAME + " FOUND"
         notes = path("mixed/deep/notes.txt") + ": " + MARKER_NAME + " FOUND"
         found = [eicar, notes, path("mixed/hash1.bin") + ": " + HASH1_NAME + " FOUND"]
@@ -201,7 +201,6 @@ class TableTest(unittest.TestCase):
             (["--trace", path("no/such/x.trc"), A], 2, dict(err=("cannot write the trace file",))),
             # Standard input; links followed when named or with -L (the loop once).
             (["-"], 1, dict(stdin=EICAR, lines=[stdin_found])),
-            (["-"], 0, dict(lines=["stdin: OK"])),
             ([path("linked")], 0, dict(lines=[ok("linked/plain.txt")])),
             (["-L", path("linked")], 1, dict(lines=[ok("linked/plain.txt"), linked])),
             ([link], 1, dict(lines=[linked])),
@@ -297,11 +296,11 @@ class ExampleTest(unittest.TestCase):
     (the adapters named by file name are found beside the library)."""
 
     def test_both_engines_must_be_clean(self):
-        put("example/rules/own.yar", b'import "hash"\nrule Own_Marker { strings: '
-            b'$a = "OWN-RULE-MARK"\n  condition: $a and hash.md5(0, filesize) == md5 }\n')
-        for rel, data in (("clean.txt", b"hello\n"), ("eicar.com", EICAR),
-                          ("own.txt", b"x OWN-RULE-MARK x\n")):
-            put("example/objs/" + rel, data)
+        for rel, data in (("rules/own.yar", b'import "hash"\nrule Own_Marker { strings: $a = "OWN-'
+                           b'RULE-MARK"\n  condition: $a and hash.md5(0, filesize) == md5 }\n'),
+                          ("objs/clean.txt", b"hello\n"), ("objs/eicar.com", EICAR),
+                          ("objs/own.txt", b"x OWN-RULE-MARK x\n")):
+            put("example/" + rel, data)
         os.environ["KORMO_YARA_RULES"] = path("example/rules")
         check(self, ["--config", SOURCE + "/examples/mav.properties", path("example/objs")], 1,
               lines=[ok("example/objs/clean.txt"),
@@ -310,11 +309,10 @@ class ExampleTest(unittest.TestCase):
 
 
 def wait_for(cond, what):
-    for _ in range(600):
-        if cond():
-            return
+    deadline = time.monotonic() + 30
+    while not cond():
+        assert time.monotonic() < deadline, "timed out waiting for " + what
         time.sleep(0.05)
-    raise AssertionError("timed out waiting for " + what)
 
 
 def start(args, env=None):

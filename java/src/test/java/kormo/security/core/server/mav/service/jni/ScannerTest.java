@@ -52,9 +52,8 @@ class ScannerTest {
         closed.close();
         closed.close();
         assertEquals(4, assertThrows(ScanException.class, () -> closed.scan(new byte[1])).getCode());
-        ScanException load = assertThrows(ScanException.class,
-                () -> Scanner.open(dir.resolve("missing.so")));
-        assertEquals("MAV_E_PEL_LOAD_FAILED", load.getCodeName());
+        assertEquals("MAV_E_PEL_LOAD_FAILED", assertThrows(ScanException.class,
+                () -> Scanner.open(dir.resolve("missing.so"))).getCodeName());
     }
 
     @Test
