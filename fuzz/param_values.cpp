@@ -29,19 +29,13 @@
 #include <sstream>
 #include <string>
 
+#include "fuzz_check.h"
 #include "kormomav.h"
 
 namespace {
 
-void Check(bool ok, const char* what) {
-    if (ok) return;
-    std::fprintf(stderr, "param_values: invariant broken: %s\n", what);
-    std::abort();
-}
-
-void Known(MAV_RC rc, const char* call) {
-    Check(rc >= MAV_E_BLOCKED_BY_POLICY && rc <= MAV_E_NO_DEFAULT_PROFILE, call);
-}
+// Every call answers with a documented code.
+void Known(MAV_RC rc) { CHECK(rc >= MAV_E_BLOCKED_BY_POLICY && rc <= MAV_E_NO_DEFAULT_PROFILE); }
 
 std::string pelPath;
 int (*liveInits)(void);
@@ -93,9 +87,9 @@ Value Get(void* h, const std::string& name, size_t size = 65536) {
     size_t len = size;
     Value v{MAV_OK, -1, ""};
     v.rc = MavGetParameter(h, name.c_str(), &v.type, buf.get(), &len);
-    Known(v.rc, "MavGetParameter");
+    Known(v.rc);
     if (v.rc != MAV_OK || !buf) return v;
-    Check(len == 0 || (len < size && buf[len] == '\0'), "value beyond the buffer or unterminated");
+    CHECK(len == 0 || (len < size && buf[len] == '\0'));
     v.text.assign(buf.get(), len);
     return v;
 }
@@ -103,28 +97,21 @@ Value Get(void* h, const std::string& name, size_t size = 65536) {
 void Set(void* h, void* handle, const std::string& name, int32_t type, const char* value) {
     Value before = Get(h, name), handleBefore = Get(handle, name);
     MAV_RC rc = MavSetParameter(h, name.c_str(), type, value);
-    Known(rc, "MavSetParameter");
+    Known(rc);
     Value after = Get(h, name);
-    Check(h == handle || Get(handle, name) == handleBefore, "a change reached the handle");
+    CHECK(h == handle || Get(handle, name) == handleBefore);
     // INITTEMP_PATH keeps a new value that names no usable directory.
     if (rc == MAV_E_INVALID_PARAM && MavParamCode(name.c_str()) == VS_P_INITTEMP_PATH) return;
-    Check(rc == MAV_OK || after == before, "a failed change altered the value");
+    CHECK(rc == MAV_OK || after == before);
     if (rc != MAV_OK || value == nullptr || after.rc != MAV_OK) return;
     const char* got = after.text.c_str();
-    switch (after.type) {
-        case VS_TYPE_SHORT: case VS_TYPE_INT: case VS_TYPE_LONG: case VS_TYPE_TIME_T:
-            Check(std::strtoll(got, nullptr, 10) == std::strtoll(value, nullptr, 10), "integer");
-            break;
-        case VS_TYPE_SIZE_T:
-            Check(std::strtoull(got, nullptr, 10) == std::strtoull(value, nullptr, 10), "size");
-            break;
-        case VS_TYPE_BOOL:
-            Check(after.text == "0" || after.text == "1", "boolean reads back as 0 or 1");
-            break;
-        case VS_TYPE_CHAR:
-            Check(after.text == value, "text did not read back");
-            break;
-    }
+    const int32_t t = after.type;
+    if (t == VS_TYPE_SHORT || t == VS_TYPE_INT || t == VS_TYPE_LONG || t == VS_TYPE_TIME_T)
+        CHECK(std::strtoll(got, nullptr, 10) == std::strtoll(value, nullptr, 10));
+    if (t == VS_TYPE_SIZE_T)
+        CHECK(std::strtoull(got, nullptr, 10) == std::strtoull(value, nullptr, 10));
+    if (t == VS_TYPE_BOOL) CHECK(after.text == "0" || after.text == "1");
+    if (t == VS_TYPE_CHAR) CHECK(after.text == value);
 }
 
 void Enumerate(void* h, const std::string& sizes, const std::string& value) {
@@ -134,10 +121,9 @@ void Enumerate(void* h, const std::string& sizes, const std::string& value) {
     std::unique_ptr<char[]> name = Buffer(nameSize), text = Buffer(valueSize);
     int32_t type = -1;
     Known(MavEnumParameters(h, static_cast<uint32_t>(std::strtoul(sizes.c_str(), nullptr, 10)),
-                            name.get(), &nameLen, &type, text.get(), &valueLen),
-          "MavEnumParameters");
+                            name.get(), &nameLen, &type, text.get(), &valueLen));
     // A null name buffer asks for the size needed instead.
-    Check((!name || nameLen <= nameSize) && valueLen <= valueSize, "length beyond the buffer");
+    CHECK((!name || nameLen <= nameSize) && valueLen <= valueSize);
 }
 
 // Name and code lookups agree (an unknown "CUST..." name gives the code of
@@ -145,11 +131,10 @@ void Enumerate(void* h, const std::string& sizes, const std::string& value) {
 void Lookups(const std::string& name, int32_t type) {
     int32_t code = MavParamCode(name.c_str());
     const char* back = MavParamCodeName(code);
-    Check(back != nullptr && (code == -1 || strcasecmp(back, name.c_str()) == 0 ||
-                              (code == -100 && strncasecmp(name.c_str(), "CUST", 4) == 0)),
-          "name and code lookups disagree");
+    CHECK(back != nullptr && (code == -1 || strcasecmp(back, name.c_str()) == 0 ||
+                              (code == -100 && strncasecmp(name.c_str(), "CUST", 4) == 0)));
     const char* typeName = MavParamTypeName(type);
-    Check(typeName == nullptr || MavParamType(typeName) == type, "type lookups disagree");
+    CHECK(typeName == nullptr || MavParamType(typeName) == type);
 }
 
 }  // namespace
@@ -158,7 +143,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     const char* dir = std::getenv("TESTPEL_DIR");
     pelPath = std::string(dir != nullptr && *dir != '\0' ? dir : TESTPEL_DIR) + "/libtestpel.so";
     void* dl = dlopen(pelPath.c_str(), RTLD_NOW | RTLD_LOCAL);
-    Check(dl != nullptr, "test adapter not found (TESTPEL_DIR)");
+    CHECK(dl != nullptr);
     reinterpret_cast<void (*)(void)>(dlsym(dl, "tpel_reset"))();
     auto add = reinterpret_cast<void (*)(int, int32_t, int32_t, const char*)>(
         dlsym(dl, "tpel_add_param"));
@@ -173,9 +158,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size > 4096) return 0;
     if (liveInits == nullptr) LLVMFuzzerInitialize(nullptr, nullptr);
     MAV_HANDLE hdl = nullptr;
-    Check(MavInit(pelPath.c_str(), &hdl) == MAV_OK, "MavInit");
+    CHECK(MavInit(pelPath.c_str(), &hdl) == MAV_OK);
     MAV_INST inst[2] = {nullptr, nullptr};
-    for (MAV_INST& i : inst) Check(MavCreateInstance(hdl, &i) == MAV_OK, "MavCreateInstance");
+    for (MAV_INST& i : inst) CHECK(MavCreateInstance(hdl, &i) == MAV_OK);
 
     std::istringstream in(std::string(reinterpret_cast<const char*>(data), size));
     std::string line;
@@ -188,24 +173,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::getline(rest, type, '|');
         std::getline(rest, value);
         void* target = line[1] == 'i' ? inst[0] : line[1] == 'j' ? inst[1] : hdl;
-        if (line[0] == 'S' || line[0] == 'R') {
+        unsigned char bytes[8] = {'p', 'a', 'r', 'a', 'm', 's', 0, 0};
+        MAV_SCANINFO si = {sizeof(MAV_SCANINFO), 0, 0, 0, 0, 0, 0};
+        if (line[0] == 'S' || line[0] == 'R')
             Set(target, hdl, name, TypeOf(type), line[0] == 'R' ? nullptr : value.c_str());
-        } else if (line[0] == 'G') {
-            Get(target, name, SizeOf(value, 64));
-        } else if (line[0] == 'E') {
-            Enumerate(target, value, name);
-        } else if (line[0] == 'D') {
-            Known(MavSetDefaultConfig(target), "MavSetDefaultConfig");
-        } else if (line[0] == 'X' && target != hdl) {
-            unsigned char bytes[8] = {'p', 'a', 'r', 'a', 'm', 's', 0, 0};
-            MAV_SCANINFO si = {sizeof(MAV_SCANINFO), 0, 0, 0, 0, 0, 0};
-            Check(MavScanBytes(target, "fuzz", bytes, sizeof bytes, 0, &si) == MAV_OK, "scan");
-        } else if (line[0] == 'C') {
-            Lookups(name, TypeOf(type));
-        }
+        if (line[0] == 'G') Get(target, name, SizeOf(value, 64));
+        if (line[0] == 'E') Enumerate(target, value, name);
+        if (line[0] == 'D') Known(MavSetDefaultConfig(target));
+        if (line[0] == 'X' && target != hdl)
+            CHECK(MavScanBytes(target, "fuzz", bytes, sizeof bytes, 0, &si) == MAV_OK);
+        if (line[0] == 'C') Lookups(name, TypeOf(type));
     }
-    for (MAV_INST& i : inst) Check(MavFreeInstance(&i) == MAV_OK, "MavFreeInstance");
-    Check(MavEnd(&hdl) == MAV_OK && hdl == nullptr, "MavEnd");
-    Check(liveInits() == 0 && liveScanInfos() == 0, "adapter records left");
+    for (MAV_INST& i : inst) CHECK(MavFreeInstance(&i) == MAV_OK);
+    CHECK(MavEnd(&hdl) == MAV_OK && hdl == nullptr);
+    CHECK(liveInits() == 0 && liveScanInfos() == 0);
     return 0;
 }

@@ -14,13 +14,10 @@
 #include <cstring>
 #include <string>
 
+#include "fuzz_check.h"
 #include "mavprofile_i.h"
 
 namespace {
-
-void check(bool ok) {
-    if (!ok) std::abort();
-}
 
 // Text that encoding and decoding return unchanged: no backslash-u pair and no
 // escaped byte followed by a hex digit.
@@ -36,24 +33,21 @@ void readProperties(const uint8_t* data, size_t size) {
     mav::PropertyReader reader;
     bool any = reader.readbuffer(data, size);
     std::map<std::string, std::string> map = reader.getMap();
-    check(any || map.empty());
+    CHECK(any || map.empty());
     for (const auto& kv : map) {
-        check(!kv.second.empty() && kv.first.find_first_of(" \t\n=") == std::string::npos &&
+        CHECK(!kv.second.empty() && kv.first.find_first_of(" \t\n=") == std::string::npos &&
               kv.second.find_first_of(" \t\n") == std::string::npos);
-        check(!kv.first.empty() && std::string("[];#").find(kv.first[0]) == std::string::npos &&
-              kv.first.compare(0, 2, "//") != 0);
-        check(reader.get_string(kv.first, "") == kv.second);
+        CHECK(!kv.first.empty() && std::string("[];#").find(kv.first[0]) == std::string::npos &&
+              kv.first.compare(0, 2, "//") != 0 && reader.get_string(kv.first, "") == kv.second);
     }
-    check(reader.get_string("never stored", "d") == "d");  // blanks are never kept
-    for (const char* prefix : {"mav.profile", "mav.group", "mav.provider.Pelmark.Adapters", ""}) {
-        for (const std::string& name : reader.getKeys(prefix)) {
-            check(map.count(std::string(prefix) + "." + name) == 1);
-        }
-    }
+    CHECK(reader.get_string("never stored", "d") == "d");  // blanks are never kept
+    for (const char* prefix : {"mav.profile", "mav.group", "mav.provider.Pelmark.Adapters", ""})
+        for (const std::string& name : reader.getKeys(prefix))
+            CHECK(map.count(std::string(prefix) + "." + name) == 1);
     // A second read of other text adds keys but keeps every earlier value.
     static const char kOther[] = "fuzz.extra=1\n";
     reader.readbuffer(kOther, sizeof kOther - 1);
-    for (const auto& kv : map) check(reader.get_string(kv.first, "") == kv.second);
+    for (const auto& kv : map) CHECK(reader.get_string(kv.first, "") == kv.second);
 }
 
 void hexCodec(const uint8_t* data, size_t size) {
@@ -62,28 +56,22 @@ void hexCodec(const uint8_t* data, size_t size) {
     char* plain = convertFromHexString(text);
     char* path = convertFromHexPath(text);
     std::string decoded = mav::FromHex(text);
-    check(!text.empty() || plain == nullptr);
-    check(decoded.size() <= text.size());
-    if (plain != nullptr) {
-        size_t n = std::strlen(plain);
-        check(n <= text.size());
-        check(decoded.compare(0, n, plain, n) == 0);
-        check(n == decoded.size() || decoded[n] == '\0');
-    }
-    if (path != nullptr) check(std::strlen(path) <= text.size());
+    CHECK((!text.empty() || plain == nullptr) && decoded.size() <= text.size());
+    const size_t n = plain != nullptr ? std::strlen(plain) : 0;
+    CHECK(n <= text.size() && decoded.compare(0, n, plain != nullptr ? plain : "", n) == 0 &&
+          (plain == nullptr || n == decoded.size() || decoded[n] == '\0'));
+    CHECK(path == nullptr || std::strlen(path) <= text.size());
     MavIFree(plain);
     MavIFree(path);
 
     std::string encoded = mav::ToHex(text);
-    check(encoded.size() >= text.size());
-    if (roundTrips(text)) {
-        check(mav::FromHex(encoded) == text);
-        if (text.find('\0') == std::string::npos) {
-            check(convertToHexString(text.c_str()) == encoded);
-            char* back = convertFromHexString(encoded);
-            check(text.empty() ? back == nullptr : back != nullptr && text == back);
-            MavIFree(back);
-        }
+    CHECK(encoded.size() >= text.size());
+    if (roundTrips(text)) CHECK(mav::FromHex(encoded) == text);
+    if (roundTrips(text) && text.find('\0') == std::string::npos) {
+        CHECK(convertToHexString(text.c_str()) == encoded);
+        char* back = convertFromHexString(encoded);
+        CHECK(text.empty() ? back == nullptr : back != nullptr && text == back);
+        MavIFree(back);
     }
 }
 

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz_check.h"
 #include "mavprofile_i.h"
 
 namespace {
@@ -26,18 +27,15 @@ const size_t kMaxInput = 4096;
 // sub-profile steps; only small step counts are built.
 const size_t kMaxEntries = 16;
 
-void check(bool ok) {
-    if (!ok) std::abort();
-}
-
 // The input without lines that would name an adapter file.
 std::string withoutAdapterPaths(const std::string& text) {
     std::istringstream in(text);
     std::string out, line;
     while (std::getline(in, line)) {
-        std::string squeezed = line;
-        squeezed.erase(std::remove(squeezed.begin(), squeezed.end(), ' '), squeezed.end());
-        squeezed.erase(std::remove(squeezed.begin(), squeezed.end(), '\t'), squeezed.end());
+        std::string squeezed = line;  // the reader drops blanks inside a key
+        squeezed.erase(std::remove_if(squeezed.begin(), squeezed.end(),
+                                      [](char c) { return c == ' ' || c == '\t'; }),
+                       squeezed.end());
         if (squeezed.find("AdapterPath") == std::string::npos) out += line + '\n';
     }
     if (!out.empty() && text.back() != '\n') out.pop_back();
@@ -47,12 +45,12 @@ std::string withoutAdapterPaths(const std::string& text) {
 void useProfile(const char* name) {
     MAV_INST inst = nullptr;
     MAV_RC rc = MavGetProfileInstance(name, &inst);
-    check(rc == MAV_OK || (rc >= MAV_E_NO_PROFILE_DEFINED && rc <= MAV_E_NO_DEFAULT_PROFILE));
+    CHECK(rc == MAV_OK || (rc >= MAV_E_NO_PROFILE_DEFINED && rc <= MAV_E_NO_DEFAULT_PROFILE));
     if (inst == nullptr) return;
     unsigned char bytes[4] = {'f', 'u', 'z', 'z'};
     size_t length = sizeof bytes;
     MavScanClean(inst, VS_SC_BYTES, 0, "fuzz", nullptr, bytes, &length, 0, nullptr);
-    check(MavFreeInstance(&inst) == MAV_OK);
+    CHECK(MavFreeInstance(&inst) == MAV_OK);
 }
 
 }  // namespace
@@ -69,7 +67,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (!text.empty() && stat(text.c_str(), &st) == 0) return 0;
 
     MAV_RC rc = MavStartRuntime(text.empty() ? nullptr : text.data(), text.size());
-    check(rc == MAV_OK || rc == MAV_E_NOT_INITIALISED);
+    CHECK(rc == MAV_OK || rc == MAV_E_NOT_INITIALISED);
     if (rc == MAV_OK) {
         size_t entries = 0;
         std::vector<std::string> names;
@@ -82,8 +80,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             for (size_t i = 0; i < names.size() && i < 8; ++i) useProfile(names[i].c_str());
         }
     }
-    check(MavStopRuntime() == MAV_OK);
-    check(mav::mav_profiles.empty() && mav::mav_groups.empty() && mav::mav_providers.empty());
+    CHECK(MavStopRuntime() == MAV_OK);
+    CHECK(mav::mav_profiles.empty() && mav::mav_groups.empty() && mav::mav_providers.empty());
     mav::mav_properties = mav::PropertyReader();
     return 0;
 }

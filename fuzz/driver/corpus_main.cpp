@@ -1,9 +1,9 @@
 // corpus_main.cpp - runs a fuzz target over files when libFuzzer is not used.
 //
-// Arguments are files or directories (their regular files, in name order);
-// arguments starting with '-' are libFuzzer options and are ignored. The empty
-// input runs first, as libFuzzer does. Fails when no file was found, so a
-// missing corpus does not pass unnoticed.
+// Arguments are files or directories (their regular files); arguments starting
+// with '-' are libFuzzer options and are ignored. The empty input runs first,
+// as libFuzzer does, then the files in name order. Fails when no file was
+// found or one cannot be read, so a missing corpus does not pass unnoticed.
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
@@ -22,15 +22,12 @@ int main(int argc, char** argv) {
     std::vector<std::string> files;
     for (int i = 1; i < argc; ++i) {
         std::error_code ec;
-        if (argv[i][0] != '-' && fs::is_directory(argv[i], ec)) {
-            size_t first = files.size();
-            for (const auto& e : fs::directory_iterator(argv[i], ec))
-                if (e.is_regular_file(ec)) files.push_back(e.path().string());
-            std::sort(files.begin() + static_cast<long>(first), files.end());
-        } else if (argv[i][0] != '-') {
-            files.push_back(argv[i]);
-        }
+        if (argv[i][0] == '-') continue;
+        if (!fs::is_directory(argv[i], ec)) files.push_back(argv[i]);
+        for (const auto& e : fs::directory_iterator(argv[i], ec))  // none for a file
+            if (e.is_regular_file(ec)) files.push_back(e.path().string());
     }
+    std::sort(files.begin(), files.end());
     LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(""), 0);
     for (const std::string& f : files) {
         std::ifstream in(f, std::ios::binary);

@@ -22,12 +22,12 @@ void* adapter = nullptr;
 
 // A Java string as std::string; null stays null.
 struct JStr {
-    bool null;
+    bool null = true;
     std::string text;
-    JStr(JNIEnv* env, jstring s) : null(s == nullptr) {
-        const char* c = null ? nullptr : env->GetStringUTFChars(s, nullptr);
-        null = c == nullptr;
+    JStr(JNIEnv* env, jstring s) {
+        const char* c = s != nullptr ? env->GetStringUTFChars(s, nullptr) : nullptr;
         if (c == nullptr) return;
+        null = false;
         text = c;
         env->ReleaseStringUTFChars(s, c);
     }
