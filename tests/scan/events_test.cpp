@@ -14,44 +14,22 @@ namespace {
 // converted texts afterwards).
 struct Seen {
     std::string via;  // "single" or the table slot's name
-    MAV_INST inst;
-    uint32_t message;
     uintptr_t number;
     std::string text;  // virus name, scan error text, or the text of the data
-    std::string object, freeText;
-    uint32_t id = 0, jobId = 0;
-    int repairable = 0, errorRc = 0;
-    uint64_t size = 0;
-    size_t recordSize = 0;
 };
 std::vector<Seen> seen;
 VS_CALLRC nextResult = 0;
 
-void Record(const char* via, MAV_INST inst, uint32_t message, void* data) {
-    Seen s{via, inst, message, reinterpret_cast<uintptr_t>(data), "", "", ""};
-    auto str = [](const char* p) { return std::string(p != nullptr ? p : "(null)"); };
+void Record(const char* via, MAV_INST, uint32_t message, void* data) {
+    const char* text = nullptr;
     if (message == VS_M_VIRUS || message == VS_M_REPAIRED) {
-        auto* v = static_cast<MAV_VIRUSINFO*>(data);
-        s.text = str(v->pszVirusName);
-        s.object = str(v->pszObjectName);
-        s.freeText = str(v->pszFreeTextInfo);
-        s.id = v->uiVirusID;
-        s.repairable = v->bRepairable;
-        s.jobId = v->uiJobID;
-        s.size = v->lObjectSize;
-        s.recordSize = v->struct_size;
+        text = static_cast<MAV_VIRUSINFO*>(data)->pszVirusName;
     } else if (message == VS_M_NOTSCANNED || message == VS_M_NOTREPAIRED) {
-        auto* e = static_cast<MAV_SCANERROR*>(data);
-        s.text = str(e->pszErrorText);
-        s.object = str(e->pszObjectName);
-        s.errorRc = e->iErrorRC;
-        s.jobId = e->uiJobID;
-        s.size = e->lObjectSize;
-        s.recordSize = e->struct_size;
+        text = static_cast<MAV_SCANERROR*>(data)->pszErrorText;
     } else if (message == VS_M_OBJECTFOUND || message == VS_M_ERROR) {
-        s.text = str(static_cast<const char*>(data));
+        text = static_cast<const char*>(data);
     }
-    seen.push_back(s);
+    seen.push_back({via, reinterpret_cast<uintptr_t>(data), text != nullptr ? text : "(null)"});
 }
 
 VS_CALLRC Single(MAV_INST inst, uint32_t message, void* data, void* userData) {
