@@ -65,17 +65,15 @@ inline Bytes ToBytes(const std::string& s) {
     return Bytes(s.begin(), s.end());
 }
 
-// True when one of v contains part; v joined with commas.
-inline bool Contains(const std::vector<std::string>& v, const std::string& part) {
-    for (const std::string& s : v)
-        if (s.find(part) != std::string::npos) return true;
-    return false;
-}
-
+// v joined with commas; Contains: true when one of v contains part.
 inline std::string Joined(const std::vector<std::string>& v) {
     std::string s;
     for (const std::string& x : v) s += (s.empty() ? "" : ",") + x;
     return s;
+}
+
+inline bool Contains(const std::vector<std::string>& v, const std::string& part) {
+    return Joined(v).find(part) != std::string::npos;
 }
 
 // Little-endian fields of a ZIP header: (value, byte count) pairs.
@@ -142,22 +140,17 @@ inline Bytes NestedZip(const Bytes& content, int levels) {
 // A fresh directory, removed with its contents.
 class TempDir {
   public:
-    TempDir() {
-        std::string tmpl =
-            (std::filesystem::temp_directory_path() / "kormo-engines-XXXXXX").string();
-        if (mkdtemp(&tmpl[0]) != nullptr) path_ = tmpl;
-    }
+    TempDir() { mkdtemp(&path_[0]); }
     ~TempDir() {
         std::error_code ec;
-        if (!path_.empty()) std::filesystem::remove_all(path_, ec);
+        std::filesystem::remove_all(path_, ec);
     }
     TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
     const std::string& Path() const { return path_; }
     std::string File(const std::string& name) const { return path_ + "/" + name; }
 
   private:
-    std::string path_;
+    std::string path_ = (std::filesystem::temp_directory_path() / "kormo-engines-XXXXXX").string();
 };
 
 // A server for fake engines on 127.0.0.1 (its port kept over a restart) or a
@@ -243,40 +236,48 @@ inline int FreePort() {
     return probe.Start() ? probe.Port() : 0;
 }
 
-// True when clamd answers PING on its local socket within a second.
-inline bool Pong(const std::string& socketPath) {
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    std::snprintf(sa.sun_path, sizeof sa.sun_path, "%s", socketPath.c_str());
-    char reply[8] = {};
-    pollfd p{fd, POLLIN, 0};
-    bool up = connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 &&
-              send(fd, "zPING", 6, MSG_NOSIGNAL) == 6 && poll(&p, 1, 1000) == 1 &&
-              recv(fd, reply, sizeof reply - 1, 0) == 5 && std::string(reply) == "PONG";
-    close(fd);
-    return up;
-}
-
 // A clamd of its own: a local socket, a TCP socket on a free loopback port, the
 // test database, archive depth 3, streams up to 1 MiB and alerts for limits
 // reached.
 class Clamd {
   public:
-    Clamd() : socket_(dir_.File("clamd.sock")) {}
     ~Clamd() { Stop(); }
     std::string UnixAddress() const { return "unix:" + socket_; }
     std::string TcpAddress() const { return "127.0.0.1:" + std::to_string(port_); }
     const std::string& SocketPath() const { return socket_; }
-    // Starts it and waits until it answers PING; false with a reason.
+    // Starts it and waits until it answers PING; false with a reason. The TCP
+    // port is free when picked; another process may take it before clamd binds
+    // it: then another one is tried.
     bool Start(std::string* error) {
-        // The TCP port is free when picked; another test process may take it
-        // before clamd binds it: then try another one.
-        for (int attempt = 0; attempt < 3; ++attempt) {
-            if (StartOnce(error)) return true;
-            port_ = 0;
+        for (int attempt = 0; attempt < 3 && pid_ <= 0; ++attempt) {
+            port_ = FreePort();
+            const std::string conf = dir_.File("clamd.conf"), log = dir_.File("clamd.log");
+            std::ofstream(conf, std::ios::trunc)
+                << "Foreground yes\nLocalSocket " << socket_ << "\nTCPSocket " << port_
+                << "\nTCPAddr 127.0.0.1\nDatabaseDirectory " << TestDb()
+                << "\nTemporaryDirectory " << dir_.Path() << "\nLogFile " << log
+                << "\nStreamMaxLength 1M\nMaxRecursion 3\nAlertExceedsMax yes\nMaxThreads 4\n"
+                << "IdleTimeout 30\nSelfCheck 0\nLogTime yes\n";
+            if ((pid_ = fork()) == 0) {
+                int devnull = open("/dev/null", O_RDWR);
+                for (int fd = 0; fd < 3; ++fd) dup2(devnull, fd);
+                execl(KORMO_CLAMD_PATH, "clamd", "-c", conf.c_str(), static_cast<char*>(nullptr));
+                _exit(127);
+            }
+            *error = "fork failed";
+            auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+            while (pid_ > 0 && !Pong()) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
+                    pid_ = -1;
+                    *error = "clamd exited during start-up: " + ReadText(log);
+                } else if (std::chrono::steady_clock::now() > deadline) {
+                    *error = "clamd did not answer PING within 60 s";
+                    Stop();
+                }
+            }
         }
-        return false;
+        return pid_ > 0;
     }
     void Stop() {
         if (pid_ <= 0) return;
@@ -287,40 +288,21 @@ class Clamd {
     }
 
   private:
-    bool StartOnce(std::string* error) {
-        if (pid_ > 0) return true;
-        if (port_ == 0) port_ = FreePort();
-        std::string conf = dir_.File("clamd.conf");
-        std::ofstream(conf, std::ios::trunc)
-            << "Foreground yes\nLocalSocket " << socket_ << "\nTCPSocket " << port_
-            << "\nTCPAddr 127.0.0.1\nDatabaseDirectory " << TestDb() << "\nTemporaryDirectory "
-            << dir_.Path() << "\nLogFile " << dir_.File("clamd.log") << "\nStreamMaxLength 1M"
-            << "\nMaxRecursion 3\nAlertExceedsMax yes\nMaxThreads 4\n"
-            << "IdleTimeout 30\nSelfCheck 0\nLogTime yes\n";
-        pid_t pid = fork();
-        if (pid == 0) {
-            int devnull = open("/dev/null", O_RDWR);
-            for (int fd = 0; fd < 3; ++fd) dup2(devnull, fd);
-            execl(KORMO_CLAMD_PATH, "clamd", "-c", conf.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        if ((pid_ = pid) < 0) *error = "fork failed";
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        while (pid_ > 0 && std::chrono::steady_clock::now() < deadline) {
-            if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
-                pid_ = -1;
-                *error = "clamd exited during start-up: " + ReadText(dir_.File("clamd.log"));
-                return false;
-            }
-            if (Pong(socket_)) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        if (pid_ > 0) *error = "clamd did not answer PING within 60 s";
-        Stop();
-        return false;
+    // True when it answers PING on its local socket within a second.
+    bool Pong() const {
+        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un sa{AF_UNIX, {}};
+        std::snprintf(sa.sun_path, sizeof sa.sun_path, "%s", socket_.c_str());
+        char reply[8] = {};
+        pollfd p{fd, POLLIN, 0};
+        bool up = connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 &&
+                  send(fd, "zPING", 6, MSG_NOSIGNAL) == 6 && poll(&p, 1, 1000) == 1 &&
+                  recv(fd, reply, sizeof reply - 1, 0) == 5 && std::string(reply) == "PONG";
+        close(fd);
+        return up;
     }
     TempDir dir_;
-    std::string socket_;
+    std::string socket_ = dir_.File("clamd.sock");
     int port_ = 0;
     pid_t pid_ = -1;
 };

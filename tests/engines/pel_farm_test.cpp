@@ -29,34 +29,24 @@ struct Peer {
     ~Peer() {
         for (int f : fds) close(f);
     }
-    bool Fill() {
-        char data[65536];
-        alignas(cmsghdr) char ctl[CMSG_SPACE(sizeof(int))];
-        iovec iov{data, sizeof data};
-        msghdr m{nullptr, 0, &iov, 1, ctl, sizeof ctl, 0};
-        ssize_t n = recvmsg(fd, &m, MSG_CMSG_CLOEXEC);
-        if (n <= 0) return false;
-        cmsghdr* c = CMSG_FIRSTHDR(&m);  // the adapter passes one descriptor at a time
-        if (c != nullptr && c->cmsg_type == SCM_RIGHTS) {
-            int f;
-            std::memcpy(&f, CMSG_DATA(c), sizeof f);
-            fds.push_back(f);
-        }
-        buf.append(data, static_cast<size_t>(n));
-        return true;
-    }
+    // The next n bytes, or (n 0) the next command up to its NUL, left out.
     bool Take(size_t n, std::string* out) {
-        while (buf.size() < n)
-            if (!Fill()) return false;
-        *out = buf.substr(0, n);
-        buf.erase(0, n);
+        while (n == 0 ? buf.find('\0') == std::string::npos : buf.size() < n) {
+            char data[65536];
+            alignas(cmsghdr) char ctl[CMSG_SPACE(sizeof(int))];
+            iovec iov{data, sizeof data};
+            msghdr m{nullptr, 0, &iov, 1, ctl, sizeof ctl, 0};
+            ssize_t got = recvmsg(fd, &m, MSG_CMSG_CLOEXEC);
+            if (got <= 0) return false;
+            cmsghdr* c = CMSG_FIRSTHDR(&m);  // the adapter passes one descriptor at a time
+            if (c != nullptr && c->cmsg_type == SCM_RIGHTS)
+                fds.push_back(*reinterpret_cast<int*>(CMSG_DATA(c)));
+            buf.append(data, static_cast<size_t>(got));
+        }
+        const size_t cut = n == 0 ? buf.find('\0') : n;
+        *out = buf.substr(0, cut);
+        buf.erase(0, n == 0 ? cut + 1 : n);
         return true;
-    }
-    bool Command(std::string* out) {
-        size_t nul;
-        while ((nul = buf.find('\0')) == std::string::npos)
-            if (!Fill()) return false;
-        return Take(nul + 1, out) && (out->pop_back(), true);
     }
     void Reply(const std::string& s) { (void)!send(fd, s.c_str(), s.size() + 1, MSG_NOSIGNAL); }
 };
@@ -83,7 +73,7 @@ class FakeClamd : public FakeServer {
 void FakeClamd::Serve(int fd) {
     Peer p{fd, {}, {}};
     std::string cmd, data, head;
-    for (int id = 1; p.Command(&cmd); ++id) {
+    for (int id = 1; p.Take(0, &cmd); ++id) {
         std::string n = std::to_string(id) + ": ", prefix = "stream: ";
         if (cmd == "zEND") return;
         if (cmd == "zIDSESSION") id = 0;
