@@ -254,8 +254,8 @@ class Clamd {
             const std::string conf = dir_.File("clamd.conf"), log = dir_.File("clamd.log");
             std::ofstream(conf, std::ios::trunc)
                 << "Foreground yes\nLocalSocket " << socket_ << "\nTCPSocket " << port_
-                << "\nTCPAddr 127.0.0.1\nDatabaseDirectory " << TestDb()
-                << "\nTemporaryDirectory " << dir_.Path() << "\nLogFile " << log
+                << "\nTCPAddr 127.0.0.1\nDatabaseDirectory " << TestDb() << "\nTemporaryDirectory "
+                << dir_.Path() << "\nLogFile " << log
                 << "\nStreamMaxLength 1M\nMaxRecursion 3\nAlertExceedsMax yes\nMaxThreads 4\n"
                 << "IdleTimeout 30\nSelfCheck 0\nLogTime yes\n";
             if ((pid_ = fork()) == 0) {
@@ -439,9 +439,8 @@ class Scanner {
     int Bytes(const engines::Bytes& data, const std::string& name,
               const std::vector<Set>& options = {}, PEL_CALLBACK* callback = nullptr,
               uint32_t action = VS_A_SCAN) {
-        PEL_SCANPARAM p{
-            0,           VS_SC_BYTES, action, name.c_str(), const_cast<unsigned char*>(data.data()),
-            data.size(), 7,           0};
+        auto* bytes = const_cast<unsigned char*>(data.data());
+        PEL_SCANPARAM p{0, VS_SC_BYTES, action, name.c_str(), bytes, data.size(), 7, 0};
         return Scan(p, options, callback);
     }
     int File(const std::string& path, const std::vector<Set>& options = {},

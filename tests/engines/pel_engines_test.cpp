@@ -326,8 +326,6 @@ TEST_F(ClamdPel, ServerLimitsAreNotScannedAndDescriptorsPassThem) {
     Scanner s(*a_, tcp), local(*a_, in_);
     EXPECT_EQ(14, s.Bytes(ToBytes(big), "big"));
     EXPECT_TRUE(s.ScanErrorHas("StreamMaxLength"));
-    EXPECT_EQ(0u, s.Info()->uiClean + s.Info()->uiInfections);
-    EXPECT_EQ(1u, s.Info()->uiNotScanned);
     EXPECT_EQ(14, s.File(file));
     EXPECT_EQ(-2, s.Bytes(NestedZip(ToBytes(Eicar()), 2), "two.zip"));
     EXPECT_EQ(14, s.Bytes(NestedZip(ToBytes(Eicar()), 5), "five.zip"));

@@ -67,54 +67,53 @@ class FakeClamd : public FakeServer {
     std::function<void()> beforeReply;  // runs before each scan's reply
 
   private:
-    void Serve(int fd);
-};
-
-void FakeClamd::Serve(int fd) {
-    Peer p{fd, {}, {}};
-    std::string cmd, data, head;
-    for (int id = 1; p.Take(0, &cmd); ++id) {
-        std::string n = std::to_string(id) + ": ", prefix = "stream: ";
-        if (cmd == "zEND") return;
-        if (cmd == "zIDSESSION") id = 0;
-        if (cmd == "zVERSION") p.Reply(n + "ClamAV 1.4.9/27000/Thu Nov 20 08:37:01 2025");
-        if (cmd == "zIDSESSION" || cmd == "zVERSION") continue;
-        data.clear();
-        if (cmd == "zINSTREAM") {
-            for (uint32_t len;
-                 p.Take(4, &head) && (std::memcpy(&len, head.data(), 4), len = ntohl(len)) != 0;) {
-                std::string chunk;
-                if (!p.Take(len, &chunk)) return;
-                data += chunk;
+    void Serve(int fd) {
+        Peer p{fd, {}, {}};
+        std::string cmd, data, head;
+        for (int id = 1; p.Take(0, &cmd); ++id) {
+            std::string n = std::to_string(id) + ": ", prefix = "stream: ";
+            if (cmd == "zEND") return;
+            if (cmd == "zIDSESSION") id = 0;
+            if (cmd == "zVERSION") p.Reply(n + "ClamAV 1.4.9/27000/Thu Nov 20 08:37:01 2025");
+            if (cmd == "zIDSESSION" || cmd == "zVERSION") continue;
+            data.clear();
+            if (cmd == "zINSTREAM") {
+                for (uint32_t len; p.Take(4, &head) &&
+                                   (std::memcpy(&len, head.data(), 4), len = ntohl(len)) != 0;) {
+                    std::string chunk;
+                    if (!p.Take(len, &chunk)) return;
+                    data += chunk;
+                }
+            } else if (cmd == "zFILDES" && mode != kRefuseFd) {
+                if (!p.Take(1, &head) || p.fds.empty()) return;
+                int f = p.fds.front();
+                p.fds.erase(p.fds.begin());
+                char b[65536];
+                for (ssize_t got;
+                     (got = pread(f, b, sizeof b, static_cast<off_t>(data.size()))) > 0;)
+                    data.append(b, static_cast<size_t>(got));
+                prefix = "fd[" + std::to_string(f) + "]: ";
+                close(f);
+                ++byFd;
+            } else {
+                // A refused FILDES is answered once its descriptor is in: the
+                // adapter reads a refusal that comes before it has sent one as a
+                // failed server (a race of its own, not what this fake checks).
+                if (cmd == "zFILDES") p.Take(1, &head);
+                p.Reply(n + "UNKNOWN COMMAND");
+                return;
             }
-        } else if (cmd == "zFILDES" && mode != kRefuseFd) {
-            if (!p.Take(1, &head) || p.fds.empty()) return;
-            int f = p.fds.front();
-            p.fds.erase(p.fds.begin());
-            char b[65536];
-            for (ssize_t got; (got = pread(f, b, sizeof b, static_cast<off_t>(data.size()))) > 0;)
-                data.append(b, static_cast<size_t>(got));
-            prefix = "fd[" + std::to_string(f) + "]: ";
-            close(f);
-            ++byFd;
-        } else {
-            // A refused FILDES is answered once its descriptor is in: the
-            // adapter reads a refusal that comes before it has sent one as a
-            // failed server (a race of its own, not what this fake checks).
-            if (cmd == "zFILDES") p.Take(1, &head);
-            p.Reply(n + "UNKNOWN COMMAND");
-            return;
+            ++scans;
+            if (beforeReply) beforeReply();
+            std::this_thread::sleep_for(std::chrono::milliseconds(delayMs.load()));
+            if (mode == kDrop) return;
+            const bool found = data.find(needle) != std::string::npos;
+            p.Reply(n + (mode == kMalformed ? "what?"
+                         : mode == kError   ? "Can't allocate memory ERROR"
+                                            : prefix + (found ? "Fake.Needle FOUND" : "OK")));
         }
-        ++scans;
-        if (beforeReply) beforeReply();
-        std::this_thread::sleep_for(std::chrono::milliseconds(delayMs.load()));
-        if (mode == kDrop) return;
-        const bool found = data.find(needle) != std::string::npos;
-        p.Reply(n + (mode == kMalformed ? "what?"
-                     : mode == kError   ? "Can't allocate memory ERROR"
-                                        : prefix + (found ? "Fake.Needle FOUND" : "OK")));
     }
-}
+};
 
 class ClamdFarm : public ::testing::Test {
   protected:

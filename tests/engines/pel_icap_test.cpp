@@ -42,13 +42,14 @@ struct FakeIcap {
         return last;
     }
     void Serve(int c) {
-        std::string in, out = "ICAP/1.0 200 OK\r\nMethods: RESPMOD\r\nISTag: \"fake-1\"\r\n"
-                              "Encapsulated: null-body=0\r\n\r\n";
+        std::string in, out =
+                            "ICAP/1.0 200 OK\r\nMethods: RESPMOD\r\nISTag: \"fake-1\"\r\n"
+                            "Encapsulated: null-body=0\r\n\r\n";
         auto ends = [&in](const std::string& t) {
             return in.size() >= t.size() && in.compare(in.size() - t.size(), t.size(), t) == 0;
         };
-        for (char buf[4096]; !(in.compare(0, 7, "OPTIONS") == 0 && ends("\r\n\r\n")) &&
-                             !ends("0\r\n\r\n");) {
+        for (char buf[4096];
+             !(in.compare(0, 7, "OPTIONS") == 0 && ends("\r\n\r\n")) && !ends("0\r\n\r\n");) {
             pollfd q{c, POLLIN, 0};
             ssize_t n = poll(&q, 1, 5000) == 1 ? recv(c, buf, sizeof buf, 0) : 0;
             if (n <= 0) return;
@@ -171,8 +172,9 @@ TEST_F(IcapAdapter, FindsEicarByNameOnCIcapBehindADeadServer) {
     TempDir dir;
     const std::string conf = dir.File("c-icap.conf"), port = std::to_string(FreePort());
     const std::string d = dir.Path() + "/";
-    std::ofstream(conf) << "PidFile " << d << "pid\nCommandsSocket " << d << "ctl\nPort 127.0.0.1:"
-                        << port << "\nStartServers 1\nMaxServers 1\nThreadsPerChild 8\nTmpDir " << d
+    std::ofstream(conf) << "PidFile " << d << "pid\nCommandsSocket " << d
+                        << "ctl\nPort 127.0.0.1:" << port
+                        << "\nStartServers 1\nMaxServers 1\nThreadsPerChild 8\nTmpDir " << d
                         << "\nModulesDir " KORMO_CICAP_MODULES "\nServicesDir " KORMO_CICAP_MODULES
                            "\nTemplateDir /usr/share/c_icap/templates/\nServerLog "
                         << d << "server.log\nAccessLog " << d << "access.log\nModule common "
