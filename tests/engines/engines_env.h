@@ -77,7 +77,7 @@ inline bool Contains(const std::vector<std::string>& v, const std::string& part)
 }
 
 // Little-endian fields of a ZIP header: (value, byte count) pairs.
-inline void Put(Bytes& o, std::initializer_list<std::pair<uint32_t, int>> fields) {
+inline void Put(Bytes& o, std::initializer_list<std::pair<uint64_t, int>> fields) {
     for (const auto& f : fields)
         for (int i = 0; i < f.second; ++i)
             o.push_back(static_cast<unsigned char>(f.first >> 8 * i));
@@ -95,35 +95,42 @@ inline Bytes Deflate(const Bytes& in) {
 // content in `levels` deflated archives, so nothing of it shows outside.
 inline Bytes Zip(const std::vector<std::pair<std::string, Bytes>>& members, bool deflated = false) {
     Bytes out, central;
-    for (const auto& m : members) {
-        uint32_t offset = static_cast<uint32_t>(out.size());
-        uint32_t crc = static_cast<uint32_t>(crc32(0, m.second.data(), m.second.size()));
-        Bytes data = deflated ? Deflate(m.second) : m.second;
-        auto header = [&](Bytes& o, bool isCentral) {
-            Put(o, {{isCentral ? 0x02014b50u : 0x04034b50u, 4}});
-            if (isCentral) Put(o, {{20, 2}});  // made by
-            // needed, flags, method, time, date, crc, sizes, name length, extra
-            // clang-format off
-            Put(o, {{10, 2}, {0, 2}, {deflated ? 8u : 0u, 2}, {0, 2}, {0x21, 2}, {crc, 4},
-                    {static_cast<uint32_t>(data.size()), 4},
-                    {static_cast<uint32_t>(m.second.size()), 4},
-                    {static_cast<uint32_t>(m.first.size()), 2}, {0, 2}});
-            // clang-format on
-            // comment, disk, attributes, offset
-            if (isCentral) Put(o, {{0, 2}, {0, 2}, {0, 2}, {0, 4}, {offset, 4}});
-            o.insert(o.end(), m.first.begin(), m.first.end());
-        };
-        header(out, false);
-        out.insert(out.end(), data.begin(), data.end());
-        header(central, true);
+    for (const auto& [name, content] : members) {
+        const uint64_t offset = out.size(), crc = crc32(0, content.data(), content.size());
+        const Bytes data = deflated ? Deflate(content) : content;
+        for (Bytes* o : {&out, &central}) {
+            const bool c = o == &central;
+            // signature, made by (central), needed, flags, method, time, date, crc,
+            // sizes, name and extra length; central: comment length, disk, and
+            // internal and external attributes, offset
+            Put(*o, {{c ? 0x02014b50u : 0x04034b50u, 4},
+                     {20, c ? 2 : 0},
+                     {10, 2},
+                     {0, 2},
+                     {deflated ? 8u : 0u, 2},
+                     {0, 2},
+                     {0x21, 2},
+                     {crc, 4},
+                     {data.size(), 4},
+                     {content.size(), 4},
+                     {name.size(), 2},
+                     {0, 2},
+                     {0, c ? 6 : 0},
+                     {0, c ? 4 : 0},
+                     {offset, c ? 4 : 0}});
+            o->insert(o->end(), name.begin(), name.end());
+            if (!c) o->insert(o->end(), data.begin(), data.end());
+        }
     }
-    uint32_t centralOffset = static_cast<uint32_t>(out.size());
-    uint32_t n = static_cast<uint32_t>(members.size());
+    const uint64_t centralOffset = out.size(), n = members.size();
     out.insert(out.end(), central.begin(), central.end());
-    // clang-format off
-    Put(out, {{0x06054b50u, 4}, {0, 2}, {0, 2}, {n, 2}, {n, 2},
-              {static_cast<uint32_t>(central.size()), 4}, {centralOffset, 4}, {0, 2}});
-    // clang-format on
+    Put(out, {{0x06054b50u, 4},
+              {0, 4},
+              {n, 2},
+              {n, 2},
+              {central.size(), 4},
+              {centralOffset, 4},
+              {0, 2}});
     return out;
 }
 

@@ -147,7 +147,7 @@ using ClamdPel = OneEngine<true>;
 
 std::string Le32(size_t n) {
     Bytes b;
-    Put(b, {{static_cast<uint32_t>(n), 4}});
+    Put(b, {{n, 4}});
     return std::string(b.begin(), b.end());
 }
 
