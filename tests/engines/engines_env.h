@@ -103,34 +103,22 @@ inline Bytes Zip(const std::vector<std::pair<std::string, Bytes>>& members, bool
             // signature, made by (central), needed, flags, method, time, date, crc,
             // sizes, name and extra length; central: comment length, disk, and
             // internal and external attributes, offset
-            Put(*o, {{c ? 0x02014b50u : 0x04034b50u, 4},
-                     {20, c ? 2 : 0},
-                     {10, 2},
-                     {0, 2},
-                     {deflated ? 8u : 0u, 2},
-                     {0, 2},
-                     {0x21, 2},
-                     {crc, 4},
-                     {data.size(), 4},
-                     {content.size(), 4},
-                     {name.size(), 2},
-                     {0, 2},
-                     {0, c ? 6 : 0},
-                     {0, c ? 4 : 0},
-                     {offset, c ? 4 : 0}});
+            // clang-format off
+            Put(*o, {{c ? 0x02014b50u : 0x04034b50u, 4}, {20, c ? 2 : 0}, {10, 2}, {0, 2},
+                     {deflated ? 8u : 0u, 2}, {0, 2}, {0x21, 2}, {crc, 4}, {data.size(), 4},
+                     {content.size(), 4}, {name.size(), 2}, {0, 2}, {0, c ? 6 : 0},
+                     {0, c ? 4 : 0}, {offset, c ? 4 : 0}});
+            // clang-format on
             o->insert(o->end(), name.begin(), name.end());
             if (!c) o->insert(o->end(), data.begin(), data.end());
         }
     }
     const uint64_t centralOffset = out.size(), n = members.size();
     out.insert(out.end(), central.begin(), central.end());
-    Put(out, {{0x06054b50u, 4},
-              {0, 4},
-              {n, 2},
-              {n, 2},
-              {central.size(), 4},
-              {centralOffset, 4},
+    // clang-format off
+    Put(out, {{0x06054b50u, 4}, {0, 4}, {n, 2}, {n, 2}, {central.size(), 4}, {centralOffset, 4},
               {0, 2}});
+    // clang-format on
     return out;
 }
 
