@@ -313,26 +313,22 @@ struct Set {
 };
 
 // Parameter lists as the library hands them to an adapter: a copy of the
-// adapter's defaults with some values replaced.
+// adapter's defaults with some values replaced (texts point into values).
 struct ParamList {
     ParamList(const PEL_PARAMS* defaults, const std::vector<Set>& values)
-        : params(defaults->pParams, defaults->pParams + defaults->usNumParams),
-          texts(values.size()) {
-        for (size_t i = 0; i < values.size(); ++i) {
+        : params(defaults->pParams, defaults->pParams + defaults->usNumParams) {
+        for (const Set& v : values) {
             auto p = std::find_if(params.begin(), params.end(),
-                                  [&](const PEL_PARAM& q) { return q.tCode == values[i].code; });
+                                  [&](const PEL_PARAM& q) { return q.tCode == v.code; });
             if (p == params.end()) std::abort();  // the adapter does not offer it: a broken test
-            texts[i] = values[i].text;
-            p->pvValue = values[i].isText
-                             ? static_cast<void*>(&texts[i][0])
-                             : reinterpret_cast<void*>(static_cast<uintptr_t>(values[i].number));
-            if (values[i].isText) p->lLength = texts[i].size();
+            p->pvValue = v.isText ? const_cast<char*>(v.text.c_str())
+                                  : reinterpret_cast<void*>(static_cast<uintptr_t>(v.number));
+            if (v.isText) p->lLength = v.text.size();
         }
         list.usNumParams = static_cast<uint16_t>(params.size());
         list.pParams = params.data();
     }
     std::vector<PEL_PARAM> params;
-    std::vector<std::string> texts;
     PEL_PARAMS list{};
 };
 
@@ -400,29 +396,25 @@ class Adapter {
 
 // What the event callback cb saw during a scan: virus names (VS_M_VIRUS),
 // "not scanned" and error texts, clean objects; it answers stop at the
-// stopAfterViruses-th virus.
+// stopAfter-th virus.
 struct Events {
-    explicit Events(int stopAfterViruses = -1)
-        : stopAfter(stopAfterViruses),
-          cb{sizeof(PEL_CALLBACK), Record, VS_M_ALL, 0, this, nullptr, nullptr, nullptr} {}
+    explicit Events(int stopAfterViruses = -1) : stopAfter(stopAfterViruses) {}
     Events(const Events&) = delete;
     static VS_CALLRC Record(void* /*adapterData*/, uint32_t message, void* data, void* context) {
         auto* e = static_cast<Events*>(context);
-        if (message == VS_M_VIRUS) {
+        if (message == VS_M_VIRUS)
             e->viruses.push_back(static_cast<PEL_VIRUSINFO*>(data)->pszVirusName);
-            if (static_cast<int>(e->viruses.size()) == e->stopAfter) return VS_CALLRC_STOP;
-        } else if (message == VS_M_NOTSCANNED) {
+        if (message == VS_M_NOTSCANNED)
             e->notScanned.push_back(static_cast<PEL_SCANERROR*>(data)->pszErrorText);
-        } else if (message == VS_M_ERROR) {
-            e->errors.push_back(static_cast<const char*>(data));
-        } else if (message == VS_M_CLEAN) {
-            ++e->clean;
-        }
-        return VS_CALLRC_CONTINUE;
+        if (message == VS_M_ERROR) e->errors.push_back(static_cast<const char*>(data));
+        e->clean += message == VS_M_CLEAN ? 1 : 0;
+        const bool stop =
+            message == VS_M_VIRUS && static_cast<int>(e->viruses.size()) == e->stopAfter;
+        return stop ? VS_CALLRC_STOP : VS_CALLRC_CONTINUE;
     }
     std::vector<std::string> viruses, notScanned, errors;
     int clean = 0, stopAfter;
-    PEL_CALLBACK cb;
+    PEL_CALLBACK cb{sizeof(PEL_CALLBACK), Record, VS_M_ALL, 0, this, nullptr, nullptr, nullptr};
 };
 
 // PelScan of a memory object or a file, results kept until the next scan;
