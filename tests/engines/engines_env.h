@@ -339,8 +339,7 @@ class Adapter {
     explicit Adapter(const std::string& path)
         : handle_(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) {
         if (handle_ == nullptr) {
-            const char* e = dlerror();
-            error_ = e != nullptr ? e : "dlopen failed";
+            error_ = dlerror();  // set after a failed dlopen
             return;
         }
         auto get = [&](auto& fn, const char* name) {

@@ -272,19 +272,19 @@ TEST_F(Clamav, ObjectsWithoutATrueSizeAreReadToTheirEndOrRefused) {
     const std::string fifo = dir.File("fifo"), sparse = dir.File("sparse.bin");
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
     int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);  // keeps what is written
-    int writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
-    ASSERT_GE(writer, 0);
-    ASSERT_EQ(static_cast<ssize_t>(Marker().size()),
-              write(writer, Marker().data(), Marker().size()));
-    close(writer);
+    auto writer = [&](const std::string& text) {
+        int w = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+        EXPECT_EQ(static_cast<ssize_t>(text.size()), write(w, text.data(), text.size()));
+        return w;
+    };
+    close(writer(Marker()));
     Scanner s(*a_, in_);
     EXPECT_EQ(-2, s.File(fifo));  // every byte read although the size said 0
     EXPECT_TRUE(Contains(s.Infections(), "Kormo.Test.Marker"));
-    writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
-    ASSERT_EQ(static_cast<ssize_t>(Eicar().size()), write(writer, Eicar().data(), Eicar().size()));
+    const int stuck = writer(Eicar());  // a writer that never finishes
     EXPECT_EQ(14, s.File(fifo, {{VS_P_SCANEXTRACT_TIME, 200}}));
     EXPECT_TRUE(s.ScanErrorHas("SCANEXTRACT_TIME"));
-    close(writer);
+    close(stuck);
     close(reader);
     { std::ofstream(sparse) << Eicar(); }
     ASSERT_EQ(0, truncate(sparse.c_str(), 8LL << 30));
