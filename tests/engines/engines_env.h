@@ -162,31 +162,22 @@ class FakeServer {
         return path_.empty() ? "127.0.0.1:" + std::to_string(port_) : "unix:" + path_;
     }
     bool Start() {
-        sockaddr_storage ss{};
-        socklen_t len;
-        if (path_.empty()) {
-            auto* in = reinterpret_cast<sockaddr_in*>(&ss);
-            in->sin_family = AF_INET;
-            in->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            in->sin_port = htons(static_cast<uint16_t>(port_));
-            len = sizeof *in;
-        } else {
-            auto* un = reinterpret_cast<sockaddr_un*>(&ss);
-            un->sun_family = AF_UNIX;
-            std::snprintf(un->sun_path, sizeof un->sun_path, "%s", path_.c_str());
-            unlink(path_.c_str());
-            len = sizeof *un;
-        }
-        listen_ = socket(ss.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in in{AF_INET, htons(static_cast<uint16_t>(port_)), {htonl(INADDR_LOOPBACK)}, {}};
+        sockaddr_un un{AF_UNIX, {}};
+        std::snprintf(un.sun_path, sizeof un.sun_path, "%s", path_.c_str());
+        const bool tcp = path_.empty();
+        auto* sa = tcp ? reinterpret_cast<sockaddr*>(&in) : reinterpret_cast<sockaddr*>(&un);
+        socklen_t len = tcp ? sizeof in : sizeof un;
+        if (!tcp) unlink(path_.c_str());
+        listen_ = socket(sa->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
         int one = 1;
         setsockopt(listen_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-        if (bind(listen_, reinterpret_cast<sockaddr*>(&ss), len) != 0 || listen(listen_, 64) != 0) {
+        if (bind(listen_, sa, len) != 0 || listen(listen_, 64) != 0) {
             close(listen_);
             listen_ = -1;
             return false;
         }
-        if (path_.empty() && getsockname(listen_, reinterpret_cast<sockaddr*>(&ss), &len) == 0)
-            port_ = ntohs(reinterpret_cast<sockaddr_in*>(&ss)->sin_port);
+        if (tcp && getsockname(listen_, sa, &len) == 0) port_ = ntohs(in.sin_port);
         acceptor_ = std::thread([this] {
             for (int c; (c = accept4(listen_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
                 std::lock_guard<std::mutex> g(lock_);
