@@ -121,12 +121,11 @@ class ClamdFarm : public ::testing::Test {
     PEL_INIT* Open(const std::string& servers, const char* mode = "spread",
                    uint32_t reconnect = 10) {
         PEL_INIT* in = nullptr;
-        EXPECT_EQ(0, a_.Init({{VS_P_INITSERVERS, servers},
-                              {VS_P_INITENGINES, mode},
-                              {VS_P_INITTIMEOUT, 5},
-                              {VS_P_INITRECONNECTTIME, reconnect}},
-                             &in))
-            << (in ? in->pszErrorText : "");
+        // clang-format off
+        const std::vector<Set> values = {{VS_P_INITSERVERS, servers}, {VS_P_INITENGINES, mode},
+                                         {VS_P_INITTIMEOUT, 5}, {VS_P_INITRECONNECTTIME, reconnect}};
+        // clang-format on
+        EXPECT_EQ(0, a_.Init(values, &in)) << (in ? in->pszErrorText : "");
         return in;
     }
     std::string Sock(const std::string& name) { return dir_.File(name + ".sock"); }

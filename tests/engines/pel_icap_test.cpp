@@ -84,10 +84,10 @@ class IcapAdapter : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_TRUE(a_.Loaded()) << a_.Error(); }
     int Open(const std::string& servers, PEL_INIT** out, uint64_t reconnect = 1) {
-        return a_.Init({{VS_P_INITSERVERS, servers},
-                        {VS_P_INITTIMEOUT, 20},
-                        {VS_P_INITRECONNECTTIME, reconnect}},
-                       out);
+        // clang-format off
+        return a_.Init({{VS_P_INITSERVERS, servers}, {VS_P_INITTIMEOUT, 20},
+                        {VS_P_INITRECONNECTTIME, reconnect}}, out);
+        // clang-format on
     }
     Adapter a_{KORMO_ICAP_ADAPTER};
 };
