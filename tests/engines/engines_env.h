@@ -91,9 +91,12 @@ inline Bytes Deflate(const Bytes& in) {
     return Bytes(out.begin() + 2, out.begin() + static_cast<long>(n) - 4);
 }
 
-// A ZIP archive of (name, content) members, stored or deflated; NestedZip wraps
-// content in `levels` deflated archives, so nothing of it shows outside.
-inline Bytes Zip(const std::vector<std::pair<std::string, Bytes>>& members, bool deflated = false) {
+// A ZIP archive of (name, content) members, stored or deflated, with the given
+// general purpose flags (1: encrypted, the contents left as they are);
+// NestedZip wraps content in `levels` deflated archives, so nothing of it
+// shows outside.
+inline Bytes Zip(const std::vector<std::pair<std::string, Bytes>>& members, bool deflated = false,
+                 uint16_t flags = 0) {
     Bytes out, central;
     for (const auto& [name, content] : members) {
         const uint64_t offset = out.size(), crc = crc32(0, content.data(), content.size());
@@ -104,7 +107,7 @@ inline Bytes Zip(const std::vector<std::pair<std::string, Bytes>>& members, bool
             // sizes, name and extra length; central: comment length, disk, and
             // internal and external attributes, offset
             // clang-format off
-            Put(*o, {{c ? 0x02014b50u : 0x04034b50u, 4}, {20, c ? 2 : 0}, {10, 2}, {0, 2},
+            Put(*o, {{c ? 0x02014b50u : 0x04034b50u, 4}, {20, c ? 2 : 0}, {10, 2}, {flags, 2},
                      {deflated ? 8u : 0u, 2}, {0, 2}, {0x21, 2}, {crc, 4}, {data.size(), 4},
                      {content.size(), 4}, {name.size(), 2}, {0, 2}, {0, c ? 6 : 0},
                      {0, c ? 4 : 0}, {offset, c ? 4 : 0}});
