@@ -123,7 +123,7 @@ class ClamdFarm : public ::testing::Test {
         PEL_INIT* in = nullptr;
         // clang-format off
         const std::vector<Set> values = {{VS_P_INITSERVERS, servers}, {VS_P_INITENGINES, mode},
-                                         {VS_P_INITTIMEOUT, 5}, {VS_P_INITRECONNECTTIME, reconnect}};
+            {VS_P_INITTIMEOUT, 5}, {VS_P_INITRECONNECTTIME, reconnect}};
         // clang-format on
         EXPECT_EQ(0, a_.Init(values, &in)) << (in ? in->pszErrorText : "");
         return in;
