@@ -87,9 +87,8 @@ TEST_P(PelEngine, FindsReportsAndStopsWhereTheHandlerSays) {
 // that cannot start: it says why and its instance never scans clean.
 TEST_P(PelEngine, RefusesBadRequestsAndNeverClaimsCleanOrCleaning) {
     std::string eicar = Eicar();
-    PEL_SCANPARAM p{
-        sizeof p,     VS_SC_BYTES, VS_A_SCAN, "o", reinterpret_cast<unsigned char*>(&eicar[0]),
-        eicar.size(), 0,           0};
+    auto* bytes = reinterpret_cast<unsigned char*>(&eicar[0]);
+    PEL_SCANPARAM p{sizeof p, VS_SC_BYTES, VS_A_SCAN, "o", bytes, eicar.size(), 0, 0};
     EXPECT_EQ(-2, a_->Scan(in_, nullptr, &p, nullptr, nullptr));  // no result record
     PEL_SCANINFO* info = nullptr;
     p.tScanCode = 3;
@@ -99,7 +98,7 @@ TEST_P(PelEngine, RefusesBadRequestsAndNeverClaimsCleanOrCleaning) {
     p.pbByte = nullptr;
     EXPECT_NE(0, a_->Scan(in_, nullptr, &p, nullptr, &info));
     EXPECT_EQ(0, a_->ReleaseScan(&info));  // a null record too
-    p.pbByte = reinterpret_cast<unsigned char*>(&eicar[0]);
+    p.pbByte = bytes;
     p.tActionCode = VS_A_SCAN | VS_A_CLEAN;  // neither engine cleans
     EXPECT_EQ(-5, a_->Scan(in_, nullptr, &p, nullptr, &info));
     ASSERT_NE(nullptr, info);
@@ -145,14 +144,11 @@ using ClamdPel = OneEngine<true>;
 
 // ---- ClamAV: limits, policy, hostile objects ------------------------------------
 
-std::string Le32(size_t n) {
-    Bytes b;
-    Put(b, {{n, 4}});
-    return std::string(b.begin(), b.end());
-}
-
 // An RTF document with one embedded OLE package object holding content.
 Bytes RtfWithObject(const std::string& content) {
+    auto Le32 = [](size_t n) {
+        return std::string{char(n), char(n >> 8), char(n >> 16), char(n >> 24)};
+    };
     const std::string path = std::string("C:\\e.com") + '\0';
     std::string pkg = std::string("\x02\x00", 2) + std::string("e.com") + '\0' + path +
                       std::string("\0\0\3\0\15\0\0\0", 8) + path + Le32(content.size()) + content;
