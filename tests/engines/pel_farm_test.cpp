@@ -161,14 +161,14 @@ TEST_F(ClamdFarm, ServerKilledMidRunLosesNoObjectAndNoneIsCleanByMistake) {
     a.delayMs = b.delayMs = 2;
     ASSERT_TRUE(a.Start() && b.Start());
     const int kThreads = 4, kObjects = 60;
-    std::atomic<int> errors{0}, wrong{0};
+    std::atomic<int> failed{0};  // an error or a wrong verdict
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, in = Open(a.Address() + "," + b.Address(), "spread", 60)] {
             Scanner s(a_, in);
             for (int k = 0; k < kObjects; ++k) {
                 int rc = s.Bytes(ToBytes(k % 2 ? "fine" : "xINFECTEDx"), "o");
-                if (rc != (k % 2 ? 0 : -2)) (rc == 13 ? errors : wrong)++;
+                if (rc != (k % 2 ? 0 : -2)) ++failed;
             }
         });
     }
@@ -176,8 +176,7 @@ TEST_F(ClamdFarm, ServerKilledMidRunLosesNoObjectAndNoneIsCleanByMistake) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     a.Stop();
     for (std::thread& t : threads) t.join();
-    EXPECT_EQ(0, wrong);
-    EXPECT_EQ(0, errors);
+    EXPECT_EQ(0, failed);
     Scanner s(a_, Open(a.Address() + "," + b.Address(), "spread", 60));
     b.Stop();
     EXPECT_EQ(13, s.Bytes(ToBytes("fine"), "o"));
