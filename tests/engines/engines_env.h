@@ -65,21 +65,19 @@ inline Bytes ToBytes(const std::string& s) {
     return Bytes(s.begin(), s.end());
 }
 
-// True when one of v contains part; v joined with commas.
-inline bool Contains(const std::vector<std::string>& v, const std::string& part) {
-    for (const std::string& s : v)
-        if (s.find(part) != std::string::npos) return true;
-    return false;
-}
-
+// v joined with commas; Contains: true when one of v contains part.
 inline std::string Joined(const std::vector<std::string>& v) {
     std::string s;
     for (const std::string& x : v) s += (s.empty() ? "" : ",") + x;
     return s;
 }
 
+inline bool Contains(const std::vector<std::string>& v, const std::string& part) {
+    return Joined(v).find(part) != std::string::npos;
+}
+
 // Little-endian fields of a ZIP header: (value, byte count) pairs.
-inline void Put(Bytes& o, std::initializer_list<std::pair<uint32_t, int>> fields) {
+inline void Put(Bytes& o, std::initializer_list<std::pair<uint64_t, int>> fields) {
     for (const auto& f : fields)
         for (int i = 0; i < f.second; ++i)
             o.push_back(static_cast<unsigned char>(f.first >> 8 * i));
@@ -93,38 +91,36 @@ inline Bytes Deflate(const Bytes& in) {
     return Bytes(out.begin() + 2, out.begin() + static_cast<long>(n) - 4);
 }
 
-// A ZIP archive of (name, content) members, stored or deflated; NestedZip wraps
-// content in `levels` deflated archives, so nothing of it shows outside.
-inline Bytes Zip(const std::vector<std::pair<std::string, Bytes>>& members, bool deflated = false) {
+// A ZIP archive of (name, content) members, stored or deflated, with the given
+// general purpose flags (1: encrypted, the contents left as they are);
+// NestedZip wraps content in `levels` deflated archives, so nothing of it
+// shows outside.
+inline Bytes Zip(const std::vector<std::pair<std::string, Bytes>>& members, bool deflated = false,
+                 uint16_t flags = 0) {
     Bytes out, central;
-    for (const auto& m : members) {
-        uint32_t offset = static_cast<uint32_t>(out.size());
-        uint32_t crc = static_cast<uint32_t>(crc32(0, m.second.data(), m.second.size()));
-        Bytes data = deflated ? Deflate(m.second) : m.second;
-        auto header = [&](Bytes& o, bool isCentral) {
-            Put(o, {{isCentral ? 0x02014b50u : 0x04034b50u, 4}});
-            if (isCentral) Put(o, {{20, 2}});  // made by
-            // needed, flags, method, time, date, crc, sizes, name length, extra
+    for (const auto& [name, content] : members) {
+        const uint64_t offset = out.size(), crc = crc32(0, content.data(), content.size());
+        const Bytes data = deflated ? Deflate(content) : content;
+        for (Bytes* o : {&out, &central}) {
+            const bool c = o == &central;
+            // signature, made by (central), needed, flags, method, time, date, crc,
+            // sizes, name and extra length; central: comment length, disk, and
+            // internal and external attributes, offset
             // clang-format off
-            Put(o, {{10, 2}, {0, 2}, {deflated ? 8u : 0u, 2}, {0, 2}, {0x21, 2}, {crc, 4},
-                    {static_cast<uint32_t>(data.size()), 4},
-                    {static_cast<uint32_t>(m.second.size()), 4},
-                    {static_cast<uint32_t>(m.first.size()), 2}, {0, 2}});
+            Put(*o, {{c ? 0x02014b50u : 0x04034b50u, 4}, {20, c ? 2 : 0}, {10, 2}, {flags, 2},
+                     {deflated ? 8u : 0u, 2}, {0, 2}, {0x21, 2}, {crc, 4}, {data.size(), 4},
+                     {content.size(), 4}, {name.size(), 2}, {0, 2}, {0, c ? 6 : 0},
+                     {0, c ? 4 : 0}, {offset, c ? 4 : 0}});
             // clang-format on
-            // comment, disk, attributes, offset
-            if (isCentral) Put(o, {{0, 2}, {0, 2}, {0, 2}, {0, 4}, {offset, 4}});
-            o.insert(o.end(), m.first.begin(), m.first.end());
-        };
-        header(out, false);
-        out.insert(out.end(), data.begin(), data.end());
-        header(central, true);
+            o->insert(o->end(), name.begin(), name.end());
+            if (!c) o->insert(o->end(), data.begin(), data.end());
+        }
     }
-    uint32_t centralOffset = static_cast<uint32_t>(out.size());
-    uint32_t n = static_cast<uint32_t>(members.size());
+    const uint64_t centralOffset = out.size(), n = members.size();
     out.insert(out.end(), central.begin(), central.end());
     // clang-format off
-    Put(out, {{0x06054b50u, 4}, {0, 2}, {0, 2}, {n, 2}, {n, 2},
-              {static_cast<uint32_t>(central.size()), 4}, {centralOffset, 4}, {0, 2}});
+    Put(out, {{0x06054b50u, 4}, {0, 4}, {n, 2}, {n, 2}, {central.size(), 4}, {centralOffset, 4},
+              {0, 2}});
     // clang-format on
     return out;
 }
@@ -142,22 +138,17 @@ inline Bytes NestedZip(const Bytes& content, int levels) {
 // A fresh directory, removed with its contents.
 class TempDir {
   public:
-    TempDir() {
-        std::string tmpl =
-            (std::filesystem::temp_directory_path() / "kormo-engines-XXXXXX").string();
-        if (mkdtemp(&tmpl[0]) != nullptr) path_ = tmpl;
-    }
+    TempDir() { mkdtemp(&path_[0]); }
     ~TempDir() {
         std::error_code ec;
-        if (!path_.empty()) std::filesystem::remove_all(path_, ec);
+        std::filesystem::remove_all(path_, ec);
     }
     TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
     const std::string& Path() const { return path_; }
     std::string File(const std::string& name) const { return path_ + "/" + name; }
 
   private:
-    std::string path_;
+    std::string path_ = (std::filesystem::temp_directory_path() / "kormo-engines-XXXXXX").string();
 };
 
 // A server for fake engines on 127.0.0.1 (its port kept over a restart) or a
@@ -174,31 +165,22 @@ class FakeServer {
         return path_.empty() ? "127.0.0.1:" + std::to_string(port_) : "unix:" + path_;
     }
     bool Start() {
-        sockaddr_storage ss{};
-        socklen_t len;
-        if (path_.empty()) {
-            auto* in = reinterpret_cast<sockaddr_in*>(&ss);
-            in->sin_family = AF_INET;
-            in->sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-            in->sin_port = htons(static_cast<uint16_t>(port_));
-            len = sizeof *in;
-        } else {
-            auto* un = reinterpret_cast<sockaddr_un*>(&ss);
-            un->sun_family = AF_UNIX;
-            std::snprintf(un->sun_path, sizeof un->sun_path, "%s", path_.c_str());
-            unlink(path_.c_str());
-            len = sizeof *un;
-        }
-        listen_ = socket(ss.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in in{AF_INET, htons(static_cast<uint16_t>(port_)), {htonl(INADDR_LOOPBACK)}, {}};
+        sockaddr_un un{AF_UNIX, {}};
+        std::snprintf(un.sun_path, sizeof un.sun_path, "%s", path_.c_str());
+        const bool tcp = path_.empty();
+        auto* sa = tcp ? reinterpret_cast<sockaddr*>(&in) : reinterpret_cast<sockaddr*>(&un);
+        socklen_t len = tcp ? sizeof in : sizeof un;
+        if (!tcp) unlink(path_.c_str());
+        listen_ = socket(sa->sa_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
         int one = 1;
         setsockopt(listen_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-        if (bind(listen_, reinterpret_cast<sockaddr*>(&ss), len) != 0 || listen(listen_, 64) != 0) {
+        if (bind(listen_, sa, len) != 0 || listen(listen_, 64) != 0) {
             close(listen_);
             listen_ = -1;
             return false;
         }
-        if (path_.empty() && getsockname(listen_, reinterpret_cast<sockaddr*>(&ss), &len) == 0)
-            port_ = ntohs(reinterpret_cast<sockaddr_in*>(&ss)->sin_port);
+        if (tcp && getsockname(listen_, sa, &len) == 0) port_ = ntohs(in.sin_port);
         acceptor_ = std::thread([this] {
             for (int c; (c = accept4(listen_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
                 std::lock_guard<std::mutex> g(lock_);
@@ -243,40 +225,48 @@ inline int FreePort() {
     return probe.Start() ? probe.Port() : 0;
 }
 
-// True when clamd answers PING on its local socket within a second.
-inline bool Pong(const std::string& socketPath) {
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un sa{};
-    sa.sun_family = AF_UNIX;
-    std::snprintf(sa.sun_path, sizeof sa.sun_path, "%s", socketPath.c_str());
-    char reply[8] = {};
-    pollfd p{fd, POLLIN, 0};
-    bool up = connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 &&
-              send(fd, "zPING", 6, MSG_NOSIGNAL) == 6 && poll(&p, 1, 1000) == 1 &&
-              recv(fd, reply, sizeof reply - 1, 0) == 5 && std::string(reply) == "PONG";
-    close(fd);
-    return up;
-}
-
 // A clamd of its own: a local socket, a TCP socket on a free loopback port, the
 // test database, archive depth 3, streams up to 1 MiB and alerts for limits
 // reached.
 class Clamd {
   public:
-    Clamd() : socket_(dir_.File("clamd.sock")) {}
     ~Clamd() { Stop(); }
     std::string UnixAddress() const { return "unix:" + socket_; }
     std::string TcpAddress() const { return "127.0.0.1:" + std::to_string(port_); }
     const std::string& SocketPath() const { return socket_; }
-    // Starts it and waits until it answers PING; false with a reason.
+    // Starts it and waits until it answers PING; false with a reason. The TCP
+    // port is free when picked; another process may take it before clamd binds
+    // it: then another one is tried.
     bool Start(std::string* error) {
-        // The TCP port is free when picked; another test process may take it
-        // before clamd binds it: then try another one.
-        for (int attempt = 0; attempt < 3; ++attempt) {
-            if (StartOnce(error)) return true;
-            port_ = 0;
+        for (int attempt = 0; attempt < 3 && pid_ <= 0; ++attempt) {
+            port_ = FreePort();
+            const std::string conf = dir_.File("clamd.conf"), log = dir_.File("clamd.log");
+            std::ofstream(conf, std::ios::trunc)
+                << "Foreground yes\nLocalSocket " << socket_ << "\nTCPSocket " << port_
+                << "\nTCPAddr 127.0.0.1\nDatabaseDirectory " << TestDb() << "\nTemporaryDirectory "
+                << dir_.Path() << "\nLogFile " << log
+                << "\nStreamMaxLength 1M\nMaxRecursion 3\nAlertExceedsMax yes\nMaxThreads 4\n"
+                << "IdleTimeout 30\nSelfCheck 0\nLogTime yes\n";
+            if ((pid_ = fork()) == 0) {
+                int devnull = open("/dev/null", O_RDWR);
+                for (int fd = 0; fd < 3; ++fd) dup2(devnull, fd);
+                execl(KORMO_CLAMD_PATH, "clamd", "-c", conf.c_str(), static_cast<char*>(nullptr));
+                _exit(127);
+            }
+            *error = "fork failed";
+            auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+            while (pid_ > 0 && !Pong()) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
+                    pid_ = -1;
+                    *error = "clamd exited during start-up: " + ReadText(log);
+                } else if (std::chrono::steady_clock::now() > deadline) {
+                    *error = "clamd did not answer PING within 60 s";
+                    Stop();
+                }
+            }
         }
-        return false;
+        return pid_ > 0;
     }
     void Stop() {
         if (pid_ <= 0) return;
@@ -287,40 +277,21 @@ class Clamd {
     }
 
   private:
-    bool StartOnce(std::string* error) {
-        if (pid_ > 0) return true;
-        if (port_ == 0) port_ = FreePort();
-        std::string conf = dir_.File("clamd.conf");
-        std::ofstream(conf, std::ios::trunc)
-            << "Foreground yes\nLocalSocket " << socket_ << "\nTCPSocket " << port_
-            << "\nTCPAddr 127.0.0.1\nDatabaseDirectory " << TestDb() << "\nTemporaryDirectory "
-            << dir_.Path() << "\nLogFile " << dir_.File("clamd.log") << "\nStreamMaxLength 1M"
-            << "\nMaxRecursion 3\nAlertExceedsMax yes\nMaxThreads 4\n"
-            << "IdleTimeout 30\nSelfCheck 0\nLogTime yes\n";
-        pid_t pid = fork();
-        if (pid == 0) {
-            int devnull = open("/dev/null", O_RDWR);
-            for (int fd = 0; fd < 3; ++fd) dup2(devnull, fd);
-            execl(KORMO_CLAMD_PATH, "clamd", "-c", conf.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        if ((pid_ = pid) < 0) *error = "fork failed";
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-        while (pid_ > 0 && std::chrono::steady_clock::now() < deadline) {
-            if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
-                pid_ = -1;
-                *error = "clamd exited during start-up: " + ReadText(dir_.File("clamd.log"));
-                return false;
-            }
-            if (Pong(socket_)) return true;
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        if (pid_ > 0) *error = "clamd did not answer PING within 60 s";
-        Stop();
-        return false;
+    // True when it answers PING on its local socket within a second.
+    bool Pong() const {
+        int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un sa{AF_UNIX, {}};
+        std::snprintf(sa.sun_path, sizeof sa.sun_path, "%s", socket_.c_str());
+        char reply[8] = {};
+        pollfd p{fd, POLLIN, 0};
+        bool up = connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) == 0 &&
+                  send(fd, "zPING", 6, MSG_NOSIGNAL) == 6 && poll(&p, 1, 1000) == 1 &&
+                  recv(fd, reply, sizeof reply - 1, 0) == 5 && std::string(reply) == "PONG";
+        close(fd);
+        return up;
     }
     TempDir dir_;
-    std::string socket_;
+    std::string socket_ = dir_.File("clamd.sock");
     int port_ = 0;
     pid_t pid_ = -1;
 };
@@ -336,26 +307,22 @@ struct Set {
 };
 
 // Parameter lists as the library hands them to an adapter: a copy of the
-// adapter's defaults with some values replaced.
+// adapter's defaults with some values replaced (texts point into values).
 struct ParamList {
     ParamList(const PEL_PARAMS* defaults, const std::vector<Set>& values)
-        : params(defaults->pParams, defaults->pParams + defaults->usNumParams),
-          texts(values.size()) {
-        for (size_t i = 0; i < values.size(); ++i) {
+        : params(defaults->pParams, defaults->pParams + defaults->usNumParams) {
+        for (const Set& v : values) {
             auto p = std::find_if(params.begin(), params.end(),
-                                  [&](const PEL_PARAM& q) { return q.tCode == values[i].code; });
+                                  [&](const PEL_PARAM& q) { return q.tCode == v.code; });
             if (p == params.end()) std::abort();  // the adapter does not offer it: a broken test
-            texts[i] = values[i].text;
-            p->pvValue = values[i].isText
-                             ? static_cast<void*>(&texts[i][0])
-                             : reinterpret_cast<void*>(static_cast<uintptr_t>(values[i].number));
-            if (values[i].isText) p->lLength = texts[i].size();
+            p->pvValue = v.isText ? const_cast<char*>(v.text.c_str())
+                                  : reinterpret_cast<void*>(static_cast<uintptr_t>(v.number));
+            if (v.isText) p->lLength = v.text.size();
         }
         list.usNumParams = static_cast<uint16_t>(params.size());
         list.pParams = params.data();
     }
     std::vector<PEL_PARAM> params;
-    std::vector<std::string> texts;
     PEL_PARAMS list{};
 };
 
@@ -366,8 +333,7 @@ class Adapter {
     explicit Adapter(const std::string& path)
         : handle_(dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) {
         if (handle_ == nullptr) {
-            const char* e = dlerror();
-            error_ = e != nullptr ? e : "dlopen failed";
+            error_ = dlerror();  // set after a failed dlopen
             return;
         }
         auto get = [&](auto& fn, const char* name) {
@@ -423,29 +389,25 @@ class Adapter {
 
 // What the event callback cb saw during a scan: virus names (VS_M_VIRUS),
 // "not scanned" and error texts, clean objects; it answers stop at the
-// stopAfterViruses-th virus.
+// stopAfter-th virus.
 struct Events {
-    explicit Events(int stopAfterViruses = -1)
-        : stopAfter(stopAfterViruses),
-          cb{sizeof(PEL_CALLBACK), Record, VS_M_ALL, 0, this, nullptr, nullptr, nullptr} {}
+    explicit Events(int stopAfterViruses = -1) : stopAfter(stopAfterViruses) {}
     Events(const Events&) = delete;
     static VS_CALLRC Record(void* /*adapterData*/, uint32_t message, void* data, void* context) {
         auto* e = static_cast<Events*>(context);
-        if (message == VS_M_VIRUS) {
+        if (message == VS_M_VIRUS)
             e->viruses.push_back(static_cast<PEL_VIRUSINFO*>(data)->pszVirusName);
-            if (static_cast<int>(e->viruses.size()) == e->stopAfter) return VS_CALLRC_STOP;
-        } else if (message == VS_M_NOTSCANNED) {
+        if (message == VS_M_NOTSCANNED)
             e->notScanned.push_back(static_cast<PEL_SCANERROR*>(data)->pszErrorText);
-        } else if (message == VS_M_ERROR) {
-            e->errors.push_back(static_cast<const char*>(data));
-        } else if (message == VS_M_CLEAN) {
-            ++e->clean;
-        }
-        return VS_CALLRC_CONTINUE;
+        if (message == VS_M_ERROR) e->errors.push_back(static_cast<const char*>(data));
+        e->clean += message == VS_M_CLEAN ? 1 : 0;
+        const bool stop =
+            message == VS_M_VIRUS && static_cast<int>(e->viruses.size()) == e->stopAfter;
+        return stop ? VS_CALLRC_STOP : VS_CALLRC_CONTINUE;
     }
     std::vector<std::string> viruses, notScanned, errors;
     int clean = 0, stopAfter;
-    PEL_CALLBACK cb;
+    PEL_CALLBACK cb{sizeof(PEL_CALLBACK), Record, VS_M_ALL, 0, this, nullptr, nullptr, nullptr};
 };
 
 // PelScan of a memory object or a file, results kept until the next scan;
@@ -457,9 +419,8 @@ class Scanner {
     int Bytes(const engines::Bytes& data, const std::string& name,
               const std::vector<Set>& options = {}, PEL_CALLBACK* callback = nullptr,
               uint32_t action = VS_A_SCAN) {
-        PEL_SCANPARAM p{
-            0,           VS_SC_BYTES, action, name.c_str(), const_cast<unsigned char*>(data.data()),
-            data.size(), 7,           0};
+        auto* bytes = const_cast<unsigned char*>(data.data());
+        PEL_SCANPARAM p{0, VS_SC_BYTES, action, name.c_str(), bytes, data.size(), 7, 0};
         return Scan(p, options, callback);
     }
     int File(const std::string& path, const std::vector<Set>& options = {},

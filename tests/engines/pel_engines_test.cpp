@@ -87,9 +87,8 @@ TEST_P(PelEngine, FindsReportsAndStopsWhereTheHandlerSays) {
 // that cannot start: it says why and its instance never scans clean.
 TEST_P(PelEngine, RefusesBadRequestsAndNeverClaimsCleanOrCleaning) {
     std::string eicar = Eicar();
-    PEL_SCANPARAM p{
-        sizeof p,     VS_SC_BYTES, VS_A_SCAN, "o", reinterpret_cast<unsigned char*>(&eicar[0]),
-        eicar.size(), 0,           0};
+    auto* bytes = reinterpret_cast<unsigned char*>(&eicar[0]);
+    PEL_SCANPARAM p{sizeof p, VS_SC_BYTES, VS_A_SCAN, "o", bytes, eicar.size(), 0, 0};
     EXPECT_EQ(-2, a_->Scan(in_, nullptr, &p, nullptr, nullptr));  // no result record
     PEL_SCANINFO* info = nullptr;
     p.tScanCode = 3;
@@ -99,7 +98,7 @@ TEST_P(PelEngine, RefusesBadRequestsAndNeverClaimsCleanOrCleaning) {
     p.pbByte = nullptr;
     EXPECT_NE(0, a_->Scan(in_, nullptr, &p, nullptr, &info));
     EXPECT_EQ(0, a_->ReleaseScan(&info));  // a null record too
-    p.pbByte = reinterpret_cast<unsigned char*>(&eicar[0]);
+    p.pbByte = bytes;
     p.tActionCode = VS_A_SCAN | VS_A_CLEAN;  // neither engine cleans
     EXPECT_EQ(-5, a_->Scan(in_, nullptr, &p, nullptr, &info));
     ASSERT_NE(nullptr, info);
@@ -135,26 +134,21 @@ INSTANTIATE_TEST_SUITE_P(, PelEngine, ::testing::Bool(),
                              return i.param ? "clamd" : "clamav";
                          });
 
-class Clamav : public EngineTest {
+template <bool kClamd>
+class OneEngine : public EngineTest {
   protected:
-    Clamav() : EngineTest(false) {}
+    OneEngine() : EngineTest(kClamd) {}
 };
-
-class ClamdPel : public EngineTest {
-  protected:
-    ClamdPel() : EngineTest(true) {}
-};
+using Clamav = OneEngine<false>;
+using ClamdPel = OneEngine<true>;
 
 // ---- ClamAV: limits, policy, hostile objects ------------------------------------
 
-std::string Le32(size_t n) {
-    std::string s(4, '\0');
-    for (int i = 0; i < 4; ++i) s[i] = static_cast<char>((n >> (8 * i)) & 0xff);
-    return s;
-}
-
 // An RTF document with one embedded OLE package object holding content.
 Bytes RtfWithObject(const std::string& content) {
+    auto Le32 = [](size_t n) {
+        return std::string{char(n), char(n >> 8), char(n >> 16), char(n >> 24)};
+    };
     const std::string path = std::string("C:\\e.com") + '\0';
     std::string pkg = std::string("\x02\x00", 2) + std::string("e.com") + '\0' + path +
                       std::string("\0\0\3\0\15\0\0\0", 8) + path + Le32(content.size()) + content;
@@ -165,19 +159,10 @@ Bytes RtfWithObject(const std::string& content) {
     return ToBytes("{\\rtf1\\ansi{\\object\\objemb{\\*\\objdata " + hex + "}}}\n");
 }
 
-// The archive with its central directory cut off (cut), or every member
-// marked encrypted with the contents left as they are.
-Bytes Damaged(Bytes zip, bool cut) {
-    auto find = [&zip](const char* sig, size_t from) {
-        auto at = std::search(zip.begin() + static_cast<long>(from), zip.end(), sig, sig + 4);
-        return static_cast<size_t>(at - zip.begin());
-    };
-    if (cut) {
-        zip.resize(find("PK\1\2", 0));
-        return zip;
-    }
-    for (size_t i = find("PK\3\4", 0); i < zip.size(); i = find("PK\3\4", i + 4)) zip[i + 6] |= 1;
-    for (size_t i = find("PK\1\2", 0); i < zip.size(); i = find("PK\1\2", i + 4)) zip[i + 8] |= 1;
+// The archive with its central directory cut off.
+Bytes Cut(Bytes zip) {
+    const char sig[] = "PK\1\2";
+    zip.erase(std::search(zip.begin(), zip.end(), sig, sig + 4), zip.end());
     return zip;
 }
 
@@ -190,7 +175,8 @@ Bytes Damaged(Bytes zip, bool cut) {
 TEST_F(Clamav, LimitsPolicyAndHostileObjectsAreNeverClean) {
     const Bytes eicar = ToBytes(Eicar()), marker = ToBytes(Marker()),
                 text = ToBytes("some words\n");
-    const Bytes zip = Zip({{"eicar.com", eicar}}), nested = NestedZip(ToBytes("x " + Marker()), 4);
+    const Bytes zip = Zip({{"eicar.com", eicar}}), nested = NestedZip(ToBytes("x " + Marker()), 4),
+                locked = Zip({{"eicar.com", eicar}}, false, 1);  // marked encrypted
     Bytes tail(2 * 1024 * 1024, 'B'),
         binary = ToBytes(std::string("\x7f\x01\x02\x03 binary\x00\xff", 14));
     tail.insert(tail.end(), marker.begin(), marker.end());
@@ -227,10 +213,9 @@ TEST_F(Clamav, LimitsPolicyAndHostileObjectsAreNeverClean) {
         {"mime exact", text, {{VS_P_BLOCKMIMETYPES, "text/plain"}}, -6, "", "notes"},
         {"mime prefix", text, {{VS_P_BLOCKMIMETYPES, "tex/*"}}, 0, "", "notes"},
         {"mime cut", text, {{VS_P_BLOCKMIMETYPES, "text/plai"}}, 0, "", "notes"},
-        {"extension", text, {{VS_P_BLOCKEXTENSIONS, ".EXE,scr"}}, -6, "", "invoice.exe"},
         {"extension in a path", text, {{VS_P_BLOCKEXTENSIONS, ".EXE,scr"}}, -6, "",
-         "dir.x/screen.SCR"},
-        {"extension other", text, {{VS_P_BLOCKEXTENSIONS, ".EXE,scr"}}, 0, "", "invoice.txt"},
+         "dir.x/screen.exe"},
+        {"extension other", text, {{VS_P_BLOCKEXTENSIONS, ".EXE,scr"}}, 0, "", "dir.scr/a.txt"},
         {"extension by content", zip, {{VS_P_BLOCKEXTENSIONS, "zip"}}, -6, "", "harmless.txt"},
         {"zip, embedded off", zip, embeddedOff, 14, ""},
         {"text, embedded off", text, embeddedOff, 0, ""},
@@ -239,14 +224,12 @@ TEST_F(Clamav, LimitsPolicyAndHostileObjectsAreNeverClean) {
         {"rtf, embedded on", RtfWithObject(Eicar()), {}, -2, ""},
         {"rtf without object", ToBytes("{\\rtf1 plain}"), embeddedOff, 14, "CL_TYPE_RTF"},
         {"zip in binary data", binary, embeddedOff, 14, "SCANALLEMBEDDED"},
-        {"zip, cut directory", Damaged(zip, true), {}, 14, "could be opened"},
+        {"zip, cut directory", Cut(zip), {}, 14, "could be opened"},
         {"deflated zip, cut directory",
-         Damaged(Zip({{"e.com", ToBytes(Eicar() + std::string(200, '\n'))}}, true), true), {}, 14,
+         Cut(Zip({{"e.com", ToBytes(Eicar() + std::string(200, '\n'))}}, true)), {}, 14,
          "could be opened"},
-        {"encrypted, level 0", Damaged(zip, false), {{VS_P_SCANHEURISTICLEVEL, 0}}, 14,
-         "encrypted"},
-        {"encrypted, level 3", Damaged(zip, false), {{VS_P_SCANHEURISTICLEVEL, 3}}, 14,
-         "encrypted"},
+        {"encrypted, level 0", locked, {{VS_P_SCANHEURISTICLEVEL, 0}}, 14, "encrypted"},
+        {"encrypted, level 3", locked, {{VS_P_SCANHEURISTICLEVEL, 3}}, 14, "encrypted"},
         // clang-format on
     };
     auto pass = [&](bool reverse) {
@@ -275,19 +258,19 @@ TEST_F(Clamav, ObjectsWithoutATrueSizeAreReadToTheirEndOrRefused) {
     const std::string fifo = dir.File("fifo"), sparse = dir.File("sparse.bin");
     ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
     int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);  // keeps what is written
-    int writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
-    ASSERT_GE(writer, 0);
-    ASSERT_EQ(static_cast<ssize_t>(Marker().size()),
-              write(writer, Marker().data(), Marker().size()));
-    close(writer);
+    auto writer = [&](const std::string& text) {
+        int w = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+        EXPECT_EQ(static_cast<ssize_t>(text.size()), write(w, text.data(), text.size()));
+        return w;
+    };
+    close(writer(Marker()));
     Scanner s(*a_, in_);
     EXPECT_EQ(-2, s.File(fifo));  // every byte read although the size said 0
     EXPECT_TRUE(Contains(s.Infections(), "Kormo.Test.Marker"));
-    writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
-    ASSERT_EQ(static_cast<ssize_t>(Eicar().size()), write(writer, Eicar().data(), Eicar().size()));
+    const int stuck = writer(Eicar());  // a writer that never finishes
     EXPECT_EQ(14, s.File(fifo, {{VS_P_SCANEXTRACT_TIME, 200}}));
     EXPECT_TRUE(s.ScanErrorHas("SCANEXTRACT_TIME"));
-    close(writer);
+    close(stuck);
     close(reader);
     { std::ofstream(sparse) << Eicar(); }
     ASSERT_EQ(0, truncate(sparse.c_str(), 8LL << 30));
@@ -329,8 +312,6 @@ TEST_F(ClamdPel, ServerLimitsAreNotScannedAndDescriptorsPassThem) {
     Scanner s(*a_, tcp), local(*a_, in_);
     EXPECT_EQ(14, s.Bytes(ToBytes(big), "big"));
     EXPECT_TRUE(s.ScanErrorHas("StreamMaxLength"));
-    EXPECT_EQ(0u, s.Info()->uiClean + s.Info()->uiInfections);
-    EXPECT_EQ(1u, s.Info()->uiNotScanned);
     EXPECT_EQ(14, s.File(file));
     EXPECT_EQ(-2, s.Bytes(NestedZip(ToBytes(Eicar()), 2), "two.zip"));
     EXPECT_EQ(14, s.Bytes(NestedZip(ToBytes(Eicar()), 5), "five.zip"));

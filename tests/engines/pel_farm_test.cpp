@@ -29,34 +29,24 @@ struct Peer {
     ~Peer() {
         for (int f : fds) close(f);
     }
-    bool Fill() {
-        char data[65536];
-        alignas(cmsghdr) char ctl[CMSG_SPACE(sizeof(int))];
-        iovec iov{data, sizeof data};
-        msghdr m{nullptr, 0, &iov, 1, ctl, sizeof ctl, 0};
-        ssize_t n = recvmsg(fd, &m, MSG_CMSG_CLOEXEC);
-        if (n <= 0) return false;
-        cmsghdr* c = CMSG_FIRSTHDR(&m);  // the adapter passes one descriptor at a time
-        if (c != nullptr && c->cmsg_type == SCM_RIGHTS) {
-            int f;
-            std::memcpy(&f, CMSG_DATA(c), sizeof f);
-            fds.push_back(f);
-        }
-        buf.append(data, static_cast<size_t>(n));
-        return true;
-    }
+    // The next n bytes, or (n 0) the next command up to its NUL, left out.
     bool Take(size_t n, std::string* out) {
-        while (buf.size() < n)
-            if (!Fill()) return false;
-        *out = buf.substr(0, n);
-        buf.erase(0, n);
+        while (n == 0 ? buf.find('\0') == std::string::npos : buf.size() < n) {
+            char data[65536];
+            alignas(cmsghdr) char ctl[CMSG_SPACE(sizeof(int))];
+            iovec iov{data, sizeof data};
+            msghdr m{nullptr, 0, &iov, 1, ctl, sizeof ctl, 0};
+            ssize_t got = recvmsg(fd, &m, MSG_CMSG_CLOEXEC);
+            if (got <= 0) return false;
+            cmsghdr* c = CMSG_FIRSTHDR(&m);  // the adapter passes one descriptor at a time
+            if (c != nullptr && c->cmsg_type == SCM_RIGHTS)
+                fds.push_back(*reinterpret_cast<int*>(CMSG_DATA(c)));
+            buf.append(data, static_cast<size_t>(got));
+        }
+        const size_t cut = n == 0 ? buf.find('\0') : n;
+        *out = buf.substr(0, cut);
+        buf.erase(0, n == 0 ? cut + 1 : n);
         return true;
-    }
-    bool Command(std::string* out) {
-        size_t nul;
-        while ((nul = buf.find('\0')) == std::string::npos)
-            if (!Fill()) return false;
-        return Take(nul + 1, out) && (out->pop_back(), true);
     }
     void Reply(const std::string& s) { (void)!send(fd, s.c_str(), s.size() + 1, MSG_NOSIGNAL); }
 };
@@ -77,54 +67,53 @@ class FakeClamd : public FakeServer {
     std::function<void()> beforeReply;  // runs before each scan's reply
 
   private:
-    void Serve(int fd);
-};
-
-void FakeClamd::Serve(int fd) {
-    Peer p{fd, {}, {}};
-    std::string cmd, data, head;
-    for (int id = 1; p.Command(&cmd); ++id) {
-        std::string n = std::to_string(id) + ": ", prefix = "stream: ";
-        if (cmd == "zEND") return;
-        if (cmd == "zIDSESSION") id = 0;
-        if (cmd == "zVERSION") p.Reply(n + "ClamAV 1.4.9/27000/Thu Nov 20 08:37:01 2025");
-        if (cmd == "zIDSESSION" || cmd == "zVERSION") continue;
-        data.clear();
-        if (cmd == "zINSTREAM") {
-            for (uint32_t len;
-                 p.Take(4, &head) && (std::memcpy(&len, head.data(), 4), len = ntohl(len)) != 0;) {
-                std::string chunk;
-                if (!p.Take(len, &chunk)) return;
-                data += chunk;
+    void Serve(int fd) {
+        Peer p{fd, {}, {}};
+        std::string cmd, data, head;
+        for (int id = 1; p.Take(0, &cmd); ++id) {
+            std::string n = std::to_string(id) + ": ", prefix = "stream: ";
+            if (cmd == "zEND") return;
+            if (cmd == "zIDSESSION") id = 0;
+            if (cmd == "zVERSION") p.Reply(n + "ClamAV 1.4.9/27000/Thu Nov 20 08:37:01 2025");
+            if (cmd == "zIDSESSION" || cmd == "zVERSION") continue;
+            data.clear();
+            if (cmd == "zINSTREAM") {
+                for (uint32_t len; p.Take(4, &head) &&
+                                   (std::memcpy(&len, head.data(), 4), len = ntohl(len)) != 0;) {
+                    std::string chunk;
+                    if (!p.Take(len, &chunk)) return;
+                    data += chunk;
+                }
+            } else if (cmd == "zFILDES" && mode != kRefuseFd) {
+                if (!p.Take(1, &head) || p.fds.empty()) return;
+                int f = p.fds.front();
+                p.fds.erase(p.fds.begin());
+                char b[65536];
+                for (ssize_t got;
+                     (got = pread(f, b, sizeof b, static_cast<off_t>(data.size()))) > 0;)
+                    data.append(b, static_cast<size_t>(got));
+                prefix = "fd[" + std::to_string(f) + "]: ";
+                close(f);
+                ++byFd;
+            } else {
+                // A refused FILDES is answered once its descriptor is in: the
+                // adapter reads a refusal that comes before it has sent one as a
+                // failed server (a race of its own, not what this fake checks).
+                if (cmd == "zFILDES") p.Take(1, &head);
+                p.Reply(n + "UNKNOWN COMMAND");
+                return;
             }
-        } else if (cmd == "zFILDES" && mode != kRefuseFd) {
-            if (!p.Take(1, &head) || p.fds.empty()) return;
-            int f = p.fds.front();
-            p.fds.erase(p.fds.begin());
-            char b[65536];
-            for (ssize_t got; (got = pread(f, b, sizeof b, static_cast<off_t>(data.size()))) > 0;)
-                data.append(b, static_cast<size_t>(got));
-            prefix = "fd[" + std::to_string(f) + "]: ";
-            close(f);
-            ++byFd;
-        } else {
-            // A refused FILDES is answered once its descriptor is in: the
-            // adapter reads a refusal that comes before it has sent one as a
-            // failed server (a race of its own, not what this fake checks).
-            if (cmd == "zFILDES") p.Take(1, &head);
-            p.Reply(n + "UNKNOWN COMMAND");
-            return;
+            ++scans;
+            if (beforeReply) beforeReply();
+            std::this_thread::sleep_for(std::chrono::milliseconds(delayMs.load()));
+            if (mode == kDrop) return;
+            const bool found = data.find(needle) != std::string::npos;
+            p.Reply(n + (mode == kMalformed ? "what?"
+                         : mode == kError   ? "Can't allocate memory ERROR"
+                                            : prefix + (found ? "Fake.Needle FOUND" : "OK")));
         }
-        ++scans;
-        if (beforeReply) beforeReply();
-        std::this_thread::sleep_for(std::chrono::milliseconds(delayMs.load()));
-        if (mode == kDrop) return;
-        const bool found = data.find(needle) != std::string::npos;
-        p.Reply(n + (mode == kMalformed ? "what?"
-                     : mode == kError   ? "Can't allocate memory ERROR"
-                                        : prefix + (found ? "Fake.Needle FOUND" : "OK")));
     }
-}
+};
 
 class ClamdFarm : public ::testing::Test {
   protected:
@@ -132,12 +121,11 @@ class ClamdFarm : public ::testing::Test {
     PEL_INIT* Open(const std::string& servers, const char* mode = "spread",
                    uint32_t reconnect = 10) {
         PEL_INIT* in = nullptr;
-        EXPECT_EQ(0, a_.Init({{VS_P_INITSERVERS, servers},
-                              {VS_P_INITENGINES, mode},
-                              {VS_P_INITTIMEOUT, 5},
-                              {VS_P_INITRECONNECTTIME, reconnect}},
-                             &in))
-            << (in ? in->pszErrorText : "");
+        // clang-format off
+        const std::vector<Set> values = {{VS_P_INITSERVERS, servers}, {VS_P_INITENGINES, mode},
+            {VS_P_INITTIMEOUT, 5}, {VS_P_INITRECONNECTTIME, reconnect}};
+        // clang-format on
+        EXPECT_EQ(0, a_.Init(values, &in)) << (in ? in->pszErrorText : "");
         return in;
     }
     std::string Sock(const std::string& name) { return dir_.File(name + ".sock"); }
@@ -173,14 +161,14 @@ TEST_F(ClamdFarm, ServerKilledMidRunLosesNoObjectAndNoneIsCleanByMistake) {
     a.delayMs = b.delayMs = 2;
     ASSERT_TRUE(a.Start() && b.Start());
     const int kThreads = 4, kObjects = 60;
-    std::atomic<int> errors{0}, wrong{0};
+    std::atomic<int> failed{0};  // an error or a wrong verdict
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, in = Open(a.Address() + "," + b.Address(), "spread", 60)] {
             Scanner s(a_, in);
             for (int k = 0; k < kObjects; ++k) {
                 int rc = s.Bytes(ToBytes(k % 2 ? "fine" : "xINFECTEDx"), "o");
-                if (rc != (k % 2 ? 0 : -2)) (rc == 13 ? errors : wrong)++;
+                if (rc != (k % 2 ? 0 : -2)) ++failed;
             }
         });
     }
@@ -188,8 +176,7 @@ TEST_F(ClamdFarm, ServerKilledMidRunLosesNoObjectAndNoneIsCleanByMistake) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     a.Stop();
     for (std::thread& t : threads) t.join();
-    EXPECT_EQ(0, wrong);
-    EXPECT_EQ(0, errors);
+    EXPECT_EQ(0, failed);
     Scanner s(a_, Open(a.Address() + "," + b.Address(), "spread", 60));
     b.Stop();
     EXPECT_EQ(13, s.Bytes(ToBytes("fine"), "o"));

@@ -25,49 +25,44 @@ namespace {
 
 // A fake ICAP server on a loopback port: one request per connection, OPTIONS
 // answered with RESPMOD and no preview, every RESPMOD with reply after delayMs.
-class FakeIcap : public FakeServer {
-  public:
-    FakeIcap() : FakeServer([this](int c) { Serve(c); }) { Start(); }
-    ~FakeIcap() { Stop(); }  // before the members its connections use go
-    std::string Url() const { return "icap://127.0.0.1:" + std::to_string(Port()) + "/scan"; }
-    void Set(const std::string& reply, int delayMs) {
-        std::lock_guard<std::mutex> l(lock_);
-        reply_ = reply;
-        delayMs_ = delayMs;
-    }
-    std::string Last() {
-        std::lock_guard<std::mutex> l(lock_);
-        return last_;
-    }
+struct FakeIcap {
+    std::mutex lock;
+    std::string reply, last;  // last: the last RESPMOD request
+    int delayMs = 0;
+    FakeServer server{[this](int c) { Serve(c); }};  // stopped before the fields go
 
-  private:
+    std::string Url() const {
+        return "icap://127.0.0.1:" + std::to_string(server.Port()) + "/scan";
+    }
+    // Sets the reply; returns the last request.
+    std::string Set(const std::string& r, int ms) {
+        std::lock_guard<std::mutex> l(lock);
+        reply = r;
+        delayMs = ms;
+        return last;
+    }
     void Serve(int c) {
-        std::string in;
-        char buf[4096];
+        std::string in, out =
+                            "ICAP/1.0 200 OK\r\nMethods: RESPMOD\r\nISTag: \"fake-1\"\r\n"
+                            "Encapsulated: null-body=0\r\n\r\n";
         auto ends = [&in](const std::string& t) {
             return in.size() >= t.size() && in.compare(in.size() - t.size(), t.size(), t) == 0;
         };
-        for (int n;
+        for (char buf[4096];
              !(in.compare(0, 7, "OPTIONS") == 0 && ends("\r\n\r\n")) && !ends("0\r\n\r\n");) {
             pollfd q{c, POLLIN, 0};
-            if (poll(&q, 1, 5000) != 1 || (n = static_cast<int>(recv(c, buf, sizeof buf, 0))) <= 0)
-                return;
+            ssize_t n = poll(&q, 1, 5000) == 1 ? recv(c, buf, sizeof buf, 0) : 0;
+            if (n <= 0) return;
             in.append(buf, static_cast<size_t>(n));
         }
-        std::string out =
-            "ICAP/1.0 200 OK\r\nMethods: RESPMOD\r\nISTag: \"fake-1\"\r\n"
-            "Encapsulated: null-body=0\r\n\r\n";
         if (in.compare(0, 7, "RESPMOD") == 0) {
-            std::lock_guard<std::mutex> l(lock_);
-            last_ = in;
-            std::this_thread::sleep_for(std::chrono::milliseconds(delayMs_));
-            out = reply_;
+            std::lock_guard<std::mutex> l(lock);
+            last = in;
+            std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
+            out = reply;
         }
         send(c, out.data(), out.size(), MSG_NOSIGNAL);
     }
-    std::mutex lock_;
-    std::string reply_, last_;
-    int delayMs_ = 0;
 };
 
 // A 200 with the given ICAP headers and encapsulated HTTP status and body.
@@ -89,10 +84,10 @@ class IcapAdapter : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_TRUE(a_.Loaded()) << a_.Error(); }
     int Open(const std::string& servers, PEL_INIT** out, uint64_t reconnect = 1) {
-        return a_.Init({{VS_P_INITSERVERS, servers},
-                        {VS_P_INITTIMEOUT, 20},
-                        {VS_P_INITRECONNECTTIME, reconnect}},
-                       out);
+        // clang-format off
+        return a_.Init({{VS_P_INITSERVERS, servers}, {VS_P_INITTIMEOUT, 20},
+                        {VS_P_INITRECONNECTTIME, reconnect}}, out);
+        // clang-format on
     }
     Adapter a_{KORMO_ICAP_ADAPTER};
 };
@@ -141,6 +136,7 @@ TEST_F(IcapAdapter, MapsEveryReplyToAVerdictAndNeverCleanOnAnError) {
         // clang-format on
     };
     FakeIcap fake;
+    ASSERT_TRUE(fake.server.Start());
     PEL_INIT* in = nullptr;
     ASSERT_EQ(0, Open(fake.Url() + ", io=0.5", &in, 0)) << in->pszErrorText;
     EXPECT_NE(nullptr, std::strstr(in->pszEngineVersionText, "fake-1"));
@@ -161,7 +157,7 @@ TEST_F(IcapAdapter, MapsEveryReplyToAVerdictAndNeverCleanOnAnError) {
     pthread_setname_np(pthread_self(), "SIZE0-PROBE");
     EXPECT_EQ(0, Scanner(a_, in).File("/proc/thread-self/comm"));
     pthread_setname_np(pthread_self(), old);
-    EXPECT_NE(std::string::npos, fake.Last().find("SIZE0-PROBE\n"));
+    EXPECT_NE(std::string::npos, fake.Set(no, 0).find("SIZE0-PROBE\n"));
     EXPECT_EQ(7, Open(fake.Url() + ", selftest=on", &in));
     EXPECT_NE(nullptr, std::strstr(in->pszErrorText, "self-test failed")) << in->pszErrorText;
 }
@@ -175,19 +171,18 @@ TEST_F(IcapAdapter, FindsEicarByNameOnCIcapBehindADeadServer) {
     ASSERT_TRUE(clamd.Start(&error)) << error;
     TempDir dir;
     const std::string conf = dir.File("c-icap.conf"), port = std::to_string(FreePort());
-    std::ofstream(conf) << "PidFile " << dir.File("pid") << "\nCommandsSocket " << dir.File("ctl")
-                        << "\nPort 127.0.0.1:" << port << "\nStartServers 1\nMaxServers 1\n"
-                        << "ThreadsPerChild 8\nTmpDir " << dir.Path()
-                        << "\nModulesDir " KORMO_CICAP_MODULES
-                        << "\nServicesDir " KORMO_CICAP_MODULES
-                           "\nTemplateDir /usr/share/c_icap/templates/\n"
-                        << "ServerLog " << dir.File("server.log") << "\nAccessLog "
-                        << dir.File("access.log")
-                        << "\nModule common clamd_mod.so\nclamd_mod.ClamdSocket "
-                        << clamd.SocketPath() << "\nService antivirus_module virus_scan.so\n"
-                        << "ServiceAlias avscan virus_scan?allow204=on&sizelimit=off&mode=simple\n"
-                        << "virus_scan.ScanFileTypes TEXT DATA EXECUTABLE ARCHIVE\n"
-                        << "virus_scan.MaxObjectSize 100M\nvirus_scan.DefaultEngine clamd\n";
+    const std::string d = dir.Path() + "/";
+    std::ofstream(conf) << "PidFile " << d << "pid\nCommandsSocket " << d
+                        << "ctl\nPort 127.0.0.1:" << port
+                        << "\nStartServers 1\nMaxServers 1\nThreadsPerChild 8\nTmpDir " << d
+                        << "\nModulesDir " KORMO_CICAP_MODULES "\nServicesDir " KORMO_CICAP_MODULES
+                           "\nTemplateDir /usr/share/c_icap/templates/\nServerLog "
+                        << d << "server.log\nAccessLog " << d << "access.log\nModule common "
+                        << "clamd_mod.so\nclamd_mod.ClamdSocket " << clamd.SocketPath()
+                        << "\nService antivirus_module virus_scan.so\nServiceAlias avscan "
+                           "virus_scan?allow204=on&sizelimit=off&mode=simple\nvirus_scan.ScanFile"
+                           "Types TEXT DATA EXECUTABLE ARCHIVE\nvirus_scan.MaxObjectSize 100M\n"
+                           "virus_scan.DefaultEngine clamd\n";
     struct Child {
         pid_t pid;
         ~Child() {
