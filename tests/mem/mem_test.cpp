@@ -1,55 +1,19 @@
-// Memory hooks, the text conversions and the caller-buffer rule.
+// The text conversions and the caller-buffer rule (refused allocations:
+// tests/robust's sweep).
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <string>
-#include <vector>
 
 #include "krncp.h"
 #include "mavxxi.h"
 
 namespace {
 
-struct HookLog {
-    int allocs = 0, reallocs = 0, frees = 0, cleanAllocs = 0;
-    std::vector<std::string> tags;
-    bool failAlloc = false;
-};
-HookLog hookLog;
-
-void* CountAlloc(size_t size, int clean, const char* tag) {
-    hookLog.allocs++;
-    hookLog.cleanAllocs += clean != 0;
-    hookLog.tags.push_back(tag != nullptr ? tag : "(null)");
-    if (hookLog.failAlloc) return nullptr;
-    return clean ? calloc(1, size) : malloc(size);
-}
-void* CountRealloc(void* p, size_t size, const char* tag) {
-    hookLog.reallocs++;
-    hookLog.tags.push_back(tag != nullptr ? tag : "(null)");
-    return realloc(p, size);
-}
-void CountFree(void* p) {
-    hookLog.frees++;
-    free(p);
-}
-
 class Mem : public ::testing::Test {
   protected:
-    void SetUp() override {
-        hookLog = HookLog();
-        ASSERT_EQ(0, SetProcessCodePageFromEnv("1208"));
-    }
-    void TearDown() override {
-        MavSetTraceHandler(nullptr);
-        MavSetTraceLevel(0);
-        MavRegisterMmCallbacks(MavPXAlloc, MavPXRealloc, MavPXFree);
-        SetProcessCodePageFromEnv("1208");
-    }
-    void UseCountingHooks() {
-        ASSERT_EQ(MAV_OK, MavRegisterMmCallbacks(CountAlloc, CountRealloc, CountFree));
-    }
+    void SetUp() override { ASSERT_EQ(0, SetProcessCodePageFromEnv("1208")); }
+    void TearDown() override { SetProcessCodePageFromEnv("1208"); }
 };
 
 // The codec's own cases are in tests/krn; here the library's wrappers: codes
@@ -76,39 +40,6 @@ TEST_F(Mem, ConversionsValidateAndMapCodes) {
     EXPECT_STREQ(utf8, u);
     MavIFree(k);
     MavIFree(u);
-}
-
-TEST_F(Mem, AllocatingConversionsGrowAndFreeOnFailure) {
-    UseCountingHooks();
-    char* k = nullptr;
-    EXPECT_EQ(3u, MavICharToKORMO(&k, "abc"));
-    EXPECT_STREQ("abc", k);
-    EXPECT_EQ(11u, MavICharToKORMO(&k, "longer text"));  // grown, not leaked
-    EXPECT_STREQ("longer text", k);
-    EXPECT_EQ(1, hookLog.allocs);
-    EXPECT_EQ(1, hookLog.reallocs);
-    EXPECT_EQ(0u, MavICharToKORMO(&k, "bad \xFF"));
-    EXPECT_EQ(nullptr, k);
-    EXPECT_EQ(1, hookLog.frees);
-    EXPECT_EQ(0u, MavICharToKORMO(nullptr, "abc"));
-    EXPECT_EQ(0u, MavIKORMOToChar(&k, nullptr));
-    hookLog.failAlloc = true;
-    EXPECT_EQ(0u, MavICharToKORMO(&k, "abc"));
-    EXPECT_EQ(nullptr, k);
-
-    // The raw copy allocates length + 1.
-    hookLog.failAlloc = false;
-    char* raw = nullptr;
-    EXPECT_EQ(MAV_OK, MavIKORMO_CHAR2RAW(&raw, "file.txt and more", 8));
-    EXPECT_STREQ("file.txt", raw);
-    EXPECT_EQ(MAV_OK, MavIKORMO_CHAR2RAW(&raw, "ab", 2));
-    EXPECT_STREQ("ab", raw);
-    MavIFree(raw);
-    EXPECT_EQ(MAV_E_NULL_PARAM, MavIKORMO_CHAR2RAW(nullptr, "ab", 2));
-    raw = nullptr;
-    EXPECT_EQ(MAV_E_NULL_PARAM, MavIKORMO_CHAR2RAW(&raw, nullptr, 2));
-    hookLog.failAlloc = true;
-    EXPECT_EQ(MAV_E_NO_SPACE, MavIKORMO_CHAR2RAW(&raw, "ab", 2));
 }
 
 TEST_F(Mem, CallerBufferRule) {

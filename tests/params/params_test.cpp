@@ -99,29 +99,4 @@ TEST_F(Params, TempPathFollowsInitTempPath) {
     EXPECT_TRUE(trace.Has("Error in getting the temp path \n"));
 }
 
-// A directory this process cannot write: permissions for an ordinary user, a
-// read-only mount for root (which ignores permissions).
-TEST_F(Params, TempPathRefusesAnUnwritableDirectory) {
-    TempDir own;
-    std::string dir;
-    if (geteuid() != 0) {
-        chmod(own.path.c_str(), 0500);
-        dir = own.path;
-    }
-    std::ifstream mounts("/proc/mounts");
-    for (std::string line; dir.empty() && std::getline(mounts, line);) {
-        std::istringstream f(line);
-        std::string dev, mnt, fs, opts;
-        f >> dev >> mnt >> fs >> opts;
-        struct stat st;
-        if ((opts == "ro" || opts.rfind("ro,", 0) == 0) && stat(mnt.c_str(), &st) == 0 &&
-            S_ISDIR(st.st_mode) && access(mnt.c_str(), R_OK) == 0 && access(mnt.c_str(), W_OK) != 0)
-            dir = mnt;
-    }
-    if (dir.empty()) GTEST_SKIP() << "no unwritable directory available to root";
-    EXPECT_EQ(MAV_E_INVALID_PARAM, Set(hdl, "INITTEMP_PATH", VS_TYPE_CHAR, dir.c_str()));
-    EXPECT_EQ(nullptr, static_cast<MAV_HDL_REC*>(hdl)->pszTmpPath);
-}
-
-
 }  // namespace
