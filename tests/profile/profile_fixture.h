@@ -12,6 +12,7 @@
 
 #include "mavprofile_i.h"
 #include "mavxxi.h"
+#include "runtime_text.h"
 #include "temp_dir.h"
 #include "testpel_client.h"
 
@@ -19,48 +20,7 @@ namespace profiletest {
 
 using ::TempDir;
 
-// Builds a properties text line by line.
-struct Config {
-    std::string text;
-
-    Config& line(const std::string& l) {
-        text += l + "\n";
-        return *this;
-    }
-    Config& profile(const std::string& name, bool active = true, const std::string& linkage = "0") {
-        const std::string p = "mav.profile." + name;
-        line(p + "=" + name);
-        line(p + ".Active=" + (active ? "true" : "false"));
-        return line(p + ".ProfileLinkage=" + linkage);
-    }
-    // Step k of profile: type 0 names a group, 1 a profile.
-    Config& step(const std::string& profile, const std::string& k, const std::string& type,
-                 const std::string& value) {
-        const std::string s = "mav.profile." + profile + ".ProfileSteps." + k;
-        line(s + "=" + k);
-        line(s + ".ProfileEntryType=" + type);
-        return line(s + ".ProfileEntryValue=" + value);
-    }
-    Config& group(const std::string& name) { return line("mav.group." + name + "=" + name); }
-    Config& provider(const std::string& name, const std::string& group, const std::string& path,
-                     const std::string& pool = "1", const std::string& active = "true") {
-        const std::string p = "mav.provider.Pelmark.Adapters." + name;
-        line(p + "=" + name);
-        line(p + ".Group=" + group);
-        line(p + ".Active=" + active);
-        line(p + ".PoolMaxInstances=" + pool);
-        return line(p + ".AdapterPath=" + path);
-    }
-    // NAME.Parameters.PARAM with type and value under the prefix of a provider,
-    // group or profile.
-    Config& param(const std::string& prefix, const std::string& name, const std::string& type,
-                  const std::string& value) {
-        const std::string p = prefix + ".Parameters." + name;
-        line(p + "=" + name);
-        line(p + ".Type=" + type);
-        return line(p + ".Value=" + value);
-    }
-};
+using Config = ::RuntimeText;
 
 // Every test starts and ends with the runtime stopped and an empty key map
 // (the map otherwise keeps the first value of every key for the process).

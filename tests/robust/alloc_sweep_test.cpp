@@ -24,6 +24,7 @@
 #include "mavprofile.h"
 #include "mavxxi.h"
 #include "robust_env.h"
+#include "runtime_text.h"
 
 namespace {
 
@@ -94,25 +95,16 @@ VS_CALLRC OnVirus(MAV_INST i, void* user, void* data) {
 // Profile T: the sub-profile S (group A), then group B; a provider for each
 // group, parameters on the profile and on the providers.
 std::string RuntimeConfig() {
-    std::string t;
-    auto put = [&t](const std::string& prefix, std::initializer_list<std::string> lines) {
-        for (const std::string& line : lines) t += prefix + line + "\n";
-    };
-    put("mav.", {"defaults.profile=T", "defaults.group=A", "group.A=A", "group.B=B"});
-    put("mav.profile.T", {"=T", ".Active=true", ".ProfileSteps.0=0", ".ProfileSteps.1=1"});
-    put("mav.profile.T.ProfileSteps.", {"0.ProfileEntryType=1", "0.ProfileEntryValue=S",
-                                        "1.ProfileEntryType=0", "1.ProfileEntryValue=B"});
-    put("mav.profile.T.Parameters.SCANLIMIT", {"=SCANLIMIT", ".Type=LONG", ".Value=5"});
-    put("mav.profile.S",
-        {"=S", ".Active=true", ".ProfileSteps.0=0", ".ProfileSteps.0.ProfileEntryType=0",
-         ".ProfileSteps.0.ProfileEntryValue=A"});
+    RuntimeText c;
+    c.line("mav.defaults.profile=T").line("mav.defaults.group=A");
+    c.profile("T").step("T", "0", "1", "S").step("T", "1", "0", "B");
+    c.param("mav.profile.T", "SCANLIMIT", "LONG", "5");
+    c.profile("S").step("S", "0", "0", "A");
     for (std::string g : {"A", "B"}) {
-        put("mav.provider.Pelmark.Adapters.P" + g,
-            {"=P" + g, ".Active=true", ".Group=" + g, ".PoolMaxInstances=2",
-             ".AdapterPath=" + testpelPath(), ".Parameters.SCANEXTENSIONS=SCANEXTENSIONS",
-             ".Parameters.SCANEXTENSIONS.Type=CHAR", ".Parameters.SCANEXTENSIONS.Value=pdf"});
+        c.group(g).provider("P" + g, g, testpelPath(), "2");
+        c.param("mav.provider.Pelmark.Adapters.P" + g, "SCANEXTENSIONS", "CHAR", "pdf");
     }
-    return t;
+    return c.text;
 }
 
 // One run, armed from start to end except in the test's own bookkeeping.

@@ -132,19 +132,6 @@ TEST_F(Events, TableRoutesBySlotAndBothNotScannedMessagesGoToSlot7) {
     EXPECT_EQ(5u, seen[6].number);  // a table handler gets the low 32 bits
     EXPECT_EQ("bad header", seen[5].text);
 
-    // OnNotScanned alone is never called: the message still gets 0.
-    pel.script_clear();
-    pel.script_scan_error("b", 1, "t", 1);
-    pel.script_event(VS_M_NOTSCANNED, 0, nullptr, 0, 0);
-    MAV_EVENTS onlyNotScanned = {};
-    onlyNotScanned.OnNotScanned = OnNotScanned;
-    ASSERT_EQ(MAV_OK, MavRegisterEvents(inst, &onlyNotScanned, &seen));
-    seen.clear();
-    ASSERT_EQ(MAV_OK, ScanFile(inst));
-    EXPECT_TRUE(seen.empty());
-    int32_t results[4] = {-1};
-    ASSERT_EQ(1, pel.event_results(results, 4));
-    EXPECT_EQ(0, results[0]);
 }
 
 }  // namespace

@@ -25,6 +25,7 @@
 
 #include "kormomav.h"
 #include "mavxxi.h"
+#include "runtime_text.h"
 #include "temp_dir.h"
 #include "testpel_client.h"
 
@@ -32,7 +33,7 @@ namespace {
 
 enum Op {
     kOwnScan, kFallbackScan, kPooledScan, kProfileScan, kOwnHandle, kPool, kReload,
-    kHandleParams, kHandleEvents, kTraceLevel, kReaders, kOpCount
+    kHandleEvents, kTraceLevel, kReaders, kOpCount
 };
 std::atomic<uint64_t> opsDone[kOpCount];
 std::atomic<uint64_t> traceLines{0};
@@ -203,18 +204,6 @@ void Step(Op op, const Shared& s, std::mt19937& rng, int id, uint64_t round) {
             Expect(OkOr(rc, MAV_E_IN_PROGRESS), "MavReload", rc);
             break;
         }
-        case kHandleParams: {
-            rc = MavSetParameter(s.memory, "SCANEXTENSIONS", VS_TYPE_CHAR,
-                                 ("h" + std::to_string(rng() % 1000)).c_str());
-            Expect(rc == MAV_OK, "MavSetParameter (handle)", rc);
-            char value[32];
-            size_t len = sizeof value;
-            rc = MavGetParameter(s.memory, "SCANEXTENSIONS", nullptr, value, &len);
-            Expect(rc == MAV_OK && len >= 2 && value[0] == 'h', "MavGetParameter (handle)", rc);
-            rc = MavSetParameter(s.memory, "INITTIMEOUT", VS_TYPE_INT, std::to_string(rng() % 600).c_str());
-            Expect(rc == MAV_OK, "MavSetParameter INT (handle)", rc);
-            break;
-        }
         case kHandleEvents: {
             MAV_HANDLE h = rng() % 2 ? s.memory : s.fallback;
             rc = rng() % 2 ? MavRegisterSingleEventHandler(h, OnHandleEvent, VS_M_VIRUS, nullptr)
@@ -264,12 +253,10 @@ void Worker(int id, const Shared& s, uint64_t rounds, std::chrono::steady_clock:
 }
 
 std::string RuntimeConfig(const std::string& adapter) {
-    const std::string p = "mav.provider.Pelmark.Adapters.STRESSP";
-    return "mav.defaults.profile=STRESS\nmav.profile.STRESS=STRESS\nmav.profile.STRESS.Active=true\n"
-           "mav.profile.STRESS.ProfileSteps.0=0\nmav.profile.STRESS.ProfileSteps.0.ProfileEntryType=0\n"
-           "mav.profile.STRESS.ProfileSteps.0.ProfileEntryValue=STRESSG\nmav.group.STRESSG=STRESSG\n" +
-           p + "=STRESSP\n" + p + ".Active=true\n" + p + ".Group=STRESSG\n" + p +
-           ".PoolMaxInstances=4\n" + p + ".AdapterPath=" + adapter + "\n";
+    RuntimeText c;
+    c.line("mav.defaults.profile=STRESS").profile("STRESS").step("STRESS", "0", "0", "G");
+    c.group("G").provider("STRESSP", "G", adapter, "4");
+    return c.text;
 }
 
 TEST(Stress, EveryKindOfCallOnEightThreads) {
