@@ -74,18 +74,12 @@ TEST_F(LifecycleInstances, PoolOfTwoGivesTwoPooledAndOneListed) {
     MAV_INST a = nullptr, b = nullptr, c = nullptr;
     for (MAV_INST* i : {&a, &b, &c}) ASSERT_EQ(MAV_OK, MavCreateInstance(h, i));
     EXPECT_TRUE(Inst(a)->bPooled && Inst(b)->bPooled && !Inst(c)->bPooled);
-    EXPECT_TRUE(Inst(a)->bInUse && Inst(c)->bInUse);
-    EXPECT_EQ(h, Inst(a)->pHdl);
     EXPECT_EQ(0u, reinterpret_cast<uintptr_t>(a) % 64);  // cache-line aligned blocks
-    ASSERT_NE(nullptr, Rec(h)->pInstList);
-    EXPECT_EQ(c, Rec(h)->pInstList->pInst);
     EXPECT_EQ(MavGetHandle(c), h);
-    EXPECT_EQ(MavGetHandle(h), h);
 
     MAV_INST c2 = c;
     EXPECT_EQ(MAV_OK, MavFreeInstance(&c));  // listed: ended, pointer cleared
     EXPECT_EQ(nullptr, c);
-    EXPECT_EQ(nullptr, Rec(h)->pInstList);
     EXPECT_EQ(MAV_E_INVALID_HANDLE, MavFreeInstancePointer(c2));
     MAV_INST a2 = a;
     EXPECT_EQ(MAV_OK, MavFreeInstance(&a));  // pooled: back to the pool
