@@ -16,7 +16,7 @@ class Mem : public ::testing::Test {
     void TearDown() override { SetProcessCodePageFromEnv("1208"); }
 };
 
-// The codec's own cases are in tests/krn; here the library's wrappers: codes
+// The codec's own cases are fuzz_utf8_codec's corpus; here the library's wrappers: codes
 // mapped, null arguments refused, the allocating forms in both directions.
 TEST_F(Mem, ConversionsValidateAndMapCodes) {
     EXPECT_EQ(0, MavSetProcessCodePage("120"));  // code page names have four characters
