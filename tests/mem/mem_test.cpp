@@ -2,6 +2,7 @@
 // tests/robust's sweep).
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -40,6 +41,23 @@ TEST_F(Mem, ConversionsValidateAndMapCodes) {
     EXPECT_STREQ(utf8, u);
     MavIFree(k);
     MavIFree(u);
+}
+
+// The raw copy takes length + 1 bytes and stops at a NUL; a refused
+// allocation is MAV_E_NO_SPACE, not a write through a null pointer.
+TEST_F(Mem, RawCopy) {
+    char* raw = nullptr;
+    EXPECT_EQ(MAV_OK, MavIKORMO_CHAR2RAW(&raw, "file.txt and more", 8));
+    EXPECT_STREQ("file.txt", raw);
+    EXPECT_EQ(MAV_OK, MavIKORMO_CHAR2RAW(&raw, "a\0b", 3));
+    EXPECT_STREQ("a", raw);
+    MavIFree(raw);
+    raw = nullptr;
+    MavRegisterMmCallbacks([](size_t, int, const char*) -> void* { return nullptr; },
+                           [](void*, size_t, const char*) -> void* { return nullptr; }, free);
+    EXPECT_EQ(MAV_E_NO_SPACE, MavIKORMO_CHAR2RAW(&raw, "ab", 2));
+    MavRegisterMmCallbacks(MavPXAlloc, MavPXRealloc, MavPXFree);
+    EXPECT_EQ(nullptr, raw);
 }
 
 TEST_F(Mem, CallerBufferRule) {
