@@ -135,4 +135,15 @@ TEST_F(Results, InfectionsAndScanErrorsFollowTheBufferRule) {
     EXPECT_EQ(1234u, size);
 }
 
+// The two-level free of the legacy information call.
+TEST(FreeInfo, FreesBothLevelsAndClearsThePointer) {
+    void** outer = static_cast<void**>(MavIAlloc(sizeof(void*), true));
+    ASSERT_NE(nullptr, outer);
+    *outer = MavIAlloc(32, false);
+    void* p = outer;
+    MavPFreeInfo(&p);
+    EXPECT_EQ(nullptr, p);
+    MavPFreeInfo(&p);
+}
+
 }  // namespace

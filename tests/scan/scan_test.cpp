@@ -248,6 +248,21 @@ TEST_F(Scan, ThousandFallbackScansWithFailuresLeaveNoFileBehind) {
     EXPECT_GT(writeFailed, 50);
 }
 
+// Every verdict and every failure of a scan is traced once, as one "***" line.
+TEST_F(Scan, EveryVerdictAndFailureIsTracedOnce) {
+    Start();
+    TraceCapture trace(MAV_TRC_VIRUS | MAV_TRC_PEL | MAV_TRC_WARNING);
+    for (MAV_RC rc : {MAV_E_VIRUS_FOUND, MAV_E_CLEAN_OK, MAV_E_MACRO_FOUND, MAV_E_PATTERN_FOUND,
+                      MAV_E_CLEAN_FAILED, MAV_E_NOT_INITIALISED, MAV_E_EXPIRED, MAV_E_LOAD_FAILED,
+                      MAV_E_NOT_SUPPORTED, MAV_E_INVALID_SCANOBJECT, MAV_E_NOT_SCANNED,
+                      MAV_E_SCAN_FAILED}) {
+        pel.script_rc(rc);
+        int before = trace.CountContaining("*** ");
+        EXPECT_EQ(rc, MavScanFile(inst, "/dev/null", 1, nullptr));
+        EXPECT_EQ(before + 1, trace.CountContaining("*** ")) << rc;
+    }
+}
+
 TEST_F(Scan, SummaryMustBe32BytesAndIsCheckedBeforeAnyAdapterCall) {
     StartFallback();
     MAV_SCANINFO si = Summary();

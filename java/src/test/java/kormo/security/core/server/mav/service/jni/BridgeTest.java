@@ -251,4 +251,23 @@ class BridgeTest {
                 String.valueOf(Mavgate.getEngine(i)));
         assertEquals("null 4", Mavgate.getEngine(h) + " " + h.m_rc);
     }
+
+    /** Reloads, driver lists and the trace file: one old generation kept, 0 only asks. */
+    @Test
+    void reloadDriversAndTrace() throws java.io.IOException {
+        MavHandle h = open(null);
+        assertEquals(0, Mavgate.reloadPEL(null));  // nothing out: at once
+        MavHandle i = open(h);
+        List<Object> drivers = new ArrayList<>();
+        assertEquals("0 1", Mavgate.getDrivers(i, drivers) + " " + drivers.size());
+        java.nio.file.Path log = java.nio.file.Files.createTempFile("jni", ".log");
+        int level = 2 | Mavgate.TRACE_JNI;
+        assertEquals("0 " + level + " " + level, Mavgate.setTrace(log.toString(), level) + " "
+                + Mavgate.getTraceLevel() + " " + Mavgate.setTraceLevel(0));
+        Mavgate.getErrorInfo(h, 3);
+        assertEquals(0, Mavgate.setTrace(log.toString(), 0));
+        String old = new String(java.nio.file.Files.readAllBytes(java.nio.file.Paths.get("dev_MAV.old")));
+        assertTrue(old.contains(">> start >> getErrorInfo("), old);
+        java.nio.file.Files.delete(log);
+    }
 }
