@@ -60,21 +60,13 @@ void WriteLine(const char* prefix, const char* format, va_list args) {
     }
     bool hasEnd = n > 0 && text[n - 1] == '\n';
 
-    time_t seconds = 0;
-    int millis = 0;
-    timeOfDayU(&seconds, &millis);
-    struct tm tmv;
-    memset(&tmv, 0, sizeof tmv);
-    localtimeU(&seconds, &tmv);
-    char tid[16];
-    ThrId2Str(ThrGetCurrentId(), tid, sizeof tid);
+    char stamp[96];
+    CTrcStamp(stamp, sizeof stamp);
 
     DpLock();
     FILE* fp = trcStream.load(std::memory_order_acquire);
     if (fp != nullptr) {
-        fprintf(fp, "%04d-%02d-%02dT%02d:%02d:%02d.%03d p%06ld t%4s [%-10.10s:%4d]: %s%s%s",
-                tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min,
-                tmv.tm_sec, millis, static_cast<long>(getpid()), tid, file, line, prefix, text,
+        fprintf(fp, "%s [%-10.10s:%4d]: %s%s%s", stamp, file, line, prefix, text,
                 hasEnd ? "" : "\n");
         fflush(fp);
     }
@@ -101,6 +93,20 @@ void CTrcSetTraceLevelFct(int level) {
 
 int CTrcGetTraceLevel(void) {
     return trcLevel.load(std::memory_order_relaxed);
+}
+
+void CTrcStamp(char* out, size_t size) {
+    time_t seconds = 0;
+    int millis = 0;
+    timeOfDayU(&seconds, &millis);
+    struct tm tmv;
+    memset(&tmv, 0, sizeof tmv);
+    localtimeU(&seconds, &tmv);
+    char tid[24];
+    ThrId2Str(ThrGetCurrentId(), tid, sizeof tid);
+    snprintf(out, size, "%04d-%02d-%02dT%02d:%02d:%02d.%03d p%06ld t%4s", tmv.tm_year + 1900,
+             tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min, tmv.tm_sec, millis,
+             static_cast<long>(getpid()), tid);
 }
 
 void DpLock(void) {

@@ -20,6 +20,10 @@ KRN_API FILE* CTrcGetFpTf(void);
 KRN_API void CTrcSetTraceLevelFct(int level);
 KRN_API int CTrcGetTraceLevel(void);
 /* Process-wide trace lock around multi-part writes (recursive). */
+// The start of a trace line: local date and time with milliseconds, process
+// and thread ("YYYY-MM-DDTHH:MM:SS.mmm pNNNNNN tTTTT"), always terminated.
+KRN_API void CTrcStamp(char* out, size_t size);
+
 KRN_API void DpLock(void);
 KRN_API void DpUnlock(void);
 /* Remembers the source location for the next DpTrc* line of this thread. */

@@ -109,21 +109,12 @@ void MavIWriteFile(uint32_t level, const char* file, const char* func, int line,
     FILE* fp = trcStream.load();
     if (fp == nullptr) fp = CTrcGetFpTf();
     if (fp != nullptr) {
-        time_t seconds = 0;
-        int millis = 0;
-        timeOfDayU(&seconds, &millis);
-        struct tm tmv;
-        memset(&tmv, 0, sizeof tmv);
-        localtimeU(&seconds, &tmv);
-        char tid[24];
-        ThrId2Str(ThrGetCurrentId(), tid, sizeof tid);
+        char stamp[96];
+        CTrcStamp(stamp, sizeof stamp);
         const char* src = file != nullptr ? MavIBaseName(file) : "unknown";
         if (file == nullptr) line = 0;
         DpLock();
-        fprintf(fp, "%04d-%02d-%02dT%02d:%02d:%02d.%03d p%06ld t%4s [%-10.10s:%-12.12s:%4d]: %s ",
-                tmv.tm_year + 1900, tmv.tm_mon + 1, tmv.tm_mday, tmv.tm_hour, tmv.tm_min,
-                tmv.tm_sec, millis, static_cast<long>(getpid()), tid, src, func, line,
-                MavILabel(level));
+        fprintf(fp, "%s [%-10.10s:%-12.12s:%4d]: %s ", stamp, src, func, line, MavILabel(level));
         vfprintf(fp, format, args);
         fflush(fp);
         DpUnlock();
